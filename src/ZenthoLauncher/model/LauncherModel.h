@@ -1,0 +1,85 @@
+#pragma once
+
+#include "storage/InstalledBuild.h"
+#include "storage/InstalledState.h"
+#include "storage/StorageLayout.h"
+#include "update/ReleaseManifest.h"
+
+#include <QObject>
+#include <QString>
+#include <QUrl>
+#include <QVariantList>
+
+#include <QCoroTask>
+
+#include <optional>
+
+class FileManager;
+class Platform;
+
+// The one object that holds the launcher's state. The window shows its published properties and
+// calls its three commands; every long operation runs as a coroutine on the main thread, and the
+// `busy` flag is the only thing that keeps two of them apart.
+class LauncherModel : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(QString status READ status NOTIFY statusChanged)
+    Q_PROPERTY(bool busy READ busy NOTIFY busyChanged)
+    Q_PROPERTY(QString installedVersion READ installedVersion NOTIFY installedVersionChanged)
+    Q_PROPERTY(QVariantList installedBuilds READ installedBuildsForView NOTIFY installedBuildsChanged)
+    Q_PROPERTY(QString selectedInstalledPath READ selectedInstalledPath WRITE
+                   setSelectedInstalledPath NOTIFY selectedInstalledPathChanged)
+
+public:
+    // Start-up: resolves the seed runtime, reads the current build and scans the saved builds.
+    // Creates nothing on disk and never fails.
+    explicit LauncherModel(Platform& platform, QObject* parent = nullptr);
+    ~LauncherModel() override;
+
+    QString status() const { return status_; }
+    bool busy() const { return busy_; }
+    QString installedVersion() const { return installedVersion_; }
+    const QList<InstalledBuild>& installedBuilds() const { return installedBuilds_; }
+    // The builds as the picker reads them: a list of {version, path} maps, newest first.
+    QVariantList installedBuildsForView() const;
+    QString selectedInstalledPath() const { return selectedInstalledPath_; }
+    void setSelectedInstalledPath(const QString& path);
+
+    // The folder of the game build that ships inside the application bundle.
+    QString seedRuntime() const { return seedRuntime_; }
+
+signals:
+    void statusChanged();
+    void busyChanged();
+    void installedVersionChanged();
+    void installedBuildsChanged();
+    void selectedInstalledPathChanged();
+
+private:
+    friend struct LauncherModelProbe; // lets the tests drive the private operations directly
+
+    void setStatus(const QString& status);
+    void setBusy(bool busy);
+    void setInstalledVersion(const QString& version);
+
+    void refreshInstalledBuilds();
+    InstalledState readInstalledState();
+    // The current build when nothing has been recorded: the seed runtime at the launcher's own
+    // version.
+    InstalledState seedState() const;
+
+    // Storage locations, each worked out on its first read and then kept.
+    const QString& launcherRoot() { return layout_.launcherRoot(); }
+    const QString& versionsRoot() { return layout_.versionsRoot(); }
+    const QString& stateURL() { return layout_.stateURL(); }
+
+    QString status_;
+    bool busy_ = false;
+    QString installedVersion_;
+    QList<InstalledBuild> installedBuilds_;
+    QString selectedInstalledPath_;
+    FileManager& files;
+    Platform& platform_;
+    QString seedRuntime_;
+    std::optional<QString> pendingInvite_;
+    StorageLayout layout_;
+};

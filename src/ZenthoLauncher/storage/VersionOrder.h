@@ -1,0 +1,9 @@
+#pragma once
+
+#include <QString>
+
+// Orders version texts the way people read them: runs of ASCII digits compare by their numeric
+// value, everything else code point by code point, and a proper prefix is smaller. So 0.1.190 >
+// 0.1.99, 0.10.0 > 0.9.9 and 1.0-beta > 1.0. Runs with equal values but different leading zeros
+// (1.05 and 1.5) compare equal. Returns <0, 0 or >0.
+int compareVersionsNumerically(const QString& a, const QString& b);

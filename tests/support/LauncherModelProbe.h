@@ -1,0 +1,18 @@
+#pragma once
+
+#include "model/LauncherModel.h"
+
+// Reaches the model's private operations and fields from the tests.
+struct LauncherModelProbe {
+    static QString launcherRoot(LauncherModel& m) { return m.launcherRoot(); }
+    static QString versionsRoot(LauncherModel& m) { return m.versionsRoot(); }
+    static QString stateURL(LauncherModel& m) { return m.stateURL(); }
+    static InstalledState readInstalledState(LauncherModel& m) { return m.readInstalledState(); }
+    static void refreshInstalledBuilds(LauncherModel& m) { m.refreshInstalledBuilds(); }
+    static std::optional<QString> pendingInvite(LauncherModel& m) { return m.pendingInvite_; }
+    static void setPendingInvite(LauncherModel& m, const QString& invite) {
+        m.pendingInvite_ = invite;
+    }
+    static void setBusy(LauncherModel& m, bool busy) { m.setBusy(busy); }
+    static void setStatus(LauncherModel& m, const QString& status) { m.setStatus(status); }
+};

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+// Small file helpers for setting up test fixtures on disk.
+namespace TestFiles {
+
+void writeFile(const QString& path, const QByteArray& bytes, int mode = 0644);
+QByteArray readFile(const QString& path);
+void makeFolder(const QString& path);
+// A shell script that stands in for a game build's executable.
+void writeScript(const QString& path, const QByteArray& body);
+// A folder holding an executable "zentho" that exits at once.
+void makeBuild(const QString& folder);
+
+} // namespace TestFiles

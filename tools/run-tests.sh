@@ -1,0 +1,20 @@
+#!/bin/sh
+# Builds the launcher twice, once plain and once with AddressSanitizer and
+# UndefinedBehaviorSanitizer, with warnings as errors, and runs the whole test suite on each.
+set -eu
+cd "$(dirname "$0")/.."
+jobs=$(nproc)
+export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=0:abort_on_error=1}"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+status=0
+for variant in plain sanitize; do
+    dir="build-test-$variant"
+    sanitize=OFF
+    [ "$variant" = sanitize ] && sanitize=ON
+    echo "== $variant build"
+    cmake -S . -B "$dir" -DWERROR=ON -DSANITIZE="$sanitize" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+    cmake --build "$dir" -j"$jobs"
+    echo "== $variant tests"
+    (cd "$dir" && ctest --output-on-failure -j"$jobs" --timeout 600) || status=1
+done
+exit $status
