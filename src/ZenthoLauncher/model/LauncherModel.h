@@ -47,6 +47,12 @@ public:
     // The folder of the game build that ships inside the application bundle.
     QString seedRuntime() const { return seedRuntime_; }
 
+    // The three commands of the window. Each returns at once; the two play commands do their
+    // work in a task and do nothing while `busy`.
+    void updateAndPlay();
+    void playSelectedInstalledBuild();
+    void copyDataFolder();
+
 signals:
     void statusChanged();
     void busyChanged();
@@ -66,6 +72,17 @@ private:
     // The current build when nothing has been recorded: the seed runtime at the launcher's own
     // version.
     InstalledState seedState() const;
+
+    // Fetches the launcher's own manifest and, when it names another version, downloads,
+    // verifies and stages it and starts the script that swaps the bundles once this process has
+    // gone. True means the caller must quit now.
+    QCoro::Task<bool> updateLauncherIfNeeded();
+    // Downloads, verifies and installs a game build, records it as current and returns its
+    // folder.
+    QCoro::Task<QUrl> install(ReleaseManifest manifest);
+    // Starts runtime/executable with the pending invite and returns once it has survived its
+    // start-up watch.
+    QCoro::Task<void> launch(QUrl runtime, QString executable);
 
     // Storage locations, each worked out on its first read and then kept.
     const QString& launcherRoot() { return layout_.launcherRoot(); }

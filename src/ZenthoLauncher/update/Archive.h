@@ -1,0 +1,20 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+// The archive helpers shared by the game install and the launcher self-update.
+
+// Runs /usr/bin/tar with `arguments` and returns what it printed on standard output. A non-zero
+// exit throws LauncherError::archiveFailed with tar's error text as captured, or "tar failed"
+// when that is empty; a failure to run tar at all passes through as the platform's error.
+QString runTar(const QStringList& arguments);
+
+// The listing rule for `tar -tzf` output: one name per line (split on line feeds only, empty
+// lines dropped); a name that starts with "/" or has a component that is exactly ".." throws
+// LauncherError::unsafeArchive. Only names are examined.
+void checkArchiveListing(const QString& listing);
+
+// Lower-case hexadecimal SHA-256 of `bytes`: always 64 characters of 0-9a-f.
+QString sha256Hex(const QByteArray& bytes);

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QUrl>
+
+#include <QCoroTask>
+
+#include <optional>
+#include <stdexcept>
+
+// A transport failure (no route, refused, TLS, timeout, stalled or too slow body, refused
+// redirect), carrying Qt's own description of it.
+class NetworkError : public std::runtime_error {
+public:
+    explicit NetworkError(const QString& description)
+        : std::runtime_error(description.toStdString()) {}
+};
+
+// What a GET brought back. `statusCode` is absent when the answer was not HTTP at all (a file:
+// URL); callers decide what a status means.
+struct HttpResponse {
+    std::optional<int> statusCode;
+    QByteArray body;
+};
+
+// A response body saved to a temporary file, hashed while it streamed in. The file belongs to
+// this object: it is removed when the object goes away, so the caller keeps it alive for exactly
+// as long as it needs the file (for an install: until extraction has finished).
+class DownloadedFile {
+public:
+    DownloadedFile() = default;
+    DownloadedFile(std::optional<int> statusCode, QString path, QString sha256Hex);
+    DownloadedFile(DownloadedFile&& other) noexcept;
+    DownloadedFile& operator=(DownloadedFile&& other) noexcept;
+    DownloadedFile(const DownloadedFile&) = delete;
+    DownloadedFile& operator=(const DownloadedFile&) = delete;
+    ~DownloadedFile();
+
+    std::optional<int> statusCode() const { return statusCode_; }
+    const QString& path() const { return path_; }
+    // Lower-case hex SHA-256 of every byte written to the file.
+    const QString& sha256Hex() const { return sha256Hex_; }
+
+private:
+    std::optional<int> statusCode_;
+    QString path_;
+    QString sha256Hex_;
+};
+
+// The launcher's one HTTP client, shared by every task. Its network manager lives until the
+// process ends, because a coroutine awaiting a reply must never see its manager destroyed.
+// Operations run on the main thread and suspend only while the transfer runs. Transport failures
+// throw NetworkError; HTTP error statuses do not throw.
+class HttpClient {
+public:
+    static HttpClient& shared();
+
+    // One GET of `url` into memory.
+    QCoro::Task<HttpResponse> data(QUrl url);
+    // One GET of `url` streamed to a temporary file.
+    QCoro::Task<DownloadedFile> download(QUrl url);
+};
