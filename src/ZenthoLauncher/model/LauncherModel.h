@@ -83,6 +83,9 @@ private:
     // Starts runtime/executable with the pending invite and returns once it has survived its
     // start-up watch.
     QCoro::Task<void> launch(QUrl runtime, QString executable);
+    // The task behind playSelectedInstalledBuild(): starts the chosen saved build and quits, or
+    // shows why it could not and rescans the saved builds.
+    QCoro::Task<void> playInstalledBuild(InstalledBuild build);
 
     // Storage locations, each worked out on its first read and then kept.
     const QString& launcherRoot() { return layout_.launcherRoot(); }

@@ -1,0 +1,62 @@
+// Starting a game: the one place a game process is started, playing a build saved in the
+// versions folder without any network access, and handing out the game's data-folder path.
+
+#include "LauncherModel.h"
+
+#include "LauncherError.h"
+#include "launch/GameLauncher.h"
+#include "platform/Platform.h"
+
+#include <algorithm>
+
+namespace {
+// A saved build is always started by this name, whatever manifest it once came from.
+const QString kInstalledExecutable = QStringLiteral("zentho");
+} // namespace
+
+QCoro::Task<void> LauncherModel::launch(QUrl runtime, QString executable) {
+    // Read now, as the game is started: an invite opened before this moment goes to this game.
+    co_await GameLauncher::launch(runtime.toLocalFile(), std::move(executable), pendingInvite_);
+}
+
+void LauncherModel::playSelectedInstalledBuild() {
+    if (busy_)
+        return;
+    const auto chosen =
+        std::find_if(installedBuilds_.cbegin(), installedBuilds_.cend(),
+                     [&](const InstalledBuild& build) { return build.path == selectedInstalledPath_; });
+    if (chosen == installedBuilds_.cend())
+        return;
+    const InstalledBuild build = *chosen;
+    setBusy(true);
+    setStatus(QStringLiteral("Starting ZENTHO ") + build.version + QStringLiteral("..."));
+    playInstalledBuild(build); // runs on by itself; nothing waits for it
+}
+
+QCoro::Task<void> LauncherModel::playInstalledBuild(InstalledBuild build) {
+    std::exception_ptr failure;
+    try {
+        co_await launch(QUrl::fromLocalFile(build.path), kInstalledExecutable);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (!failure) {
+        // The game runs on its own; the launcher's work is done. `busy` stays set until it ends.
+        platform_.quit();
+        co_return;
+    }
+    setStatus(QStringLiteral("Could not launch ") + build.version + QStringLiteral(": ") +
+              describeError(failure));
+    setBusy(false);
+    // The build may have been removed or damaged since the list was made.
+    refreshInstalledBuilds();
+}
+
+void LauncherModel::copyDataFolder() {
+    try {
+        platform_.setClipboardText(layout_.dataFolder());
+    } catch (...) {
+        // A clipboard that refuses the text is not the user's problem to read about here.
+    }
+    setStatus(QStringLiteral("ZENTHO data-folder path copied"));
+}
