@@ -1,0 +1,51 @@
+#include "Archive.h"
+
+#include "model/LauncherError.h"
+
+#include <ProcessCapture.h>
+
+#include <openssl/evp.h>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+QString runTar(const QStringList& arguments) {
+    std::vector<std::string> args;
+    args.reserve(static_cast<std::size_t>(arguments.size()));
+    for (const QString& argument : arguments)
+        args.push_back(argument.toStdString());
+    const CapturedProcessResult result = ProcessCapture::run("/usr/bin/tar", args);
+    if (result.status != 0) {
+        // tar's own words are the most useful thing to show; they are kept exactly as written.
+        throw LauncherError::archiveFailed(result.errors.empty()
+                                               ? QStringLiteral("tar failed")
+                                               : QString::fromStdString(result.errors));
+    }
+    return QString::fromStdString(result.output);
+}
+
+void checkArchiveListing(const QString& listing) {
+    // Only line feeds separate names: a carriage return is an ordinary character of a name, so
+    // "..\r" is a harmless folder name, not a way out of the extraction folder.
+    const QStringList entries = listing.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    for (const QString& entry : entries) {
+        if (entry.startsWith(QLatin1Char('/')))
+            throw LauncherError::unsafeArchive();
+        const QStringList components = entry.split(QLatin1Char('/'), Qt::SkipEmptyParts);
+        for (const QString& component : components) {
+            if (component == QLatin1String(".."))
+                throw LauncherError::unsafeArchive();
+        }
+    }
+}
+
+QString sha256Hex(const QByteArray& bytes) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (EVP_Digest(bytes.constData(), static_cast<std::size_t>(bytes.size()), digest, &length,
+                   EVP_sha256(), nullptr) != 1 ||
+        length != 32)
+        throw std::runtime_error("SHA-256 is not available from libcrypto");
+    return QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(digest), 32).toHex());
+}
