@@ -15,4 +15,7 @@ struct LauncherModelProbe {
     }
     static void setBusy(LauncherModel& m, bool busy) { m.setBusy(busy); }
     static void setStatus(LauncherModel& m, const QString& status) { m.setStatus(status); }
+    static void setDownloadProgress(LauncherModel& m, double fraction) {
+        m.setDownloadProgress(fraction);
+    }
 };

@@ -28,6 +28,8 @@ class LauncherModel : public QObject {
     Q_PROPERTY(QVariantList installedBuilds READ installedBuildsForView NOTIFY installedBuildsChanged)
     Q_PROPERTY(QString selectedInstalledPath READ selectedInstalledPath WRITE
                    setSelectedInstalledPath NOTIFY selectedInstalledPathChanged)
+    // Fraction (0 to 1) of the game or launcher download that is running; -1 when none runs.
+    Q_PROPERTY(double downloadProgress READ downloadProgress NOTIFY downloadProgressChanged)
 
 public:
     // Start-up: resolves the seed runtime, reads the current build and scans the saved builds.
@@ -53,12 +55,19 @@ public:
     void playSelectedInstalledBuild();
     void copyDataFolder();
 
+    // An invite link opened by the desktop: kept for the game and followed by updateAndPlay(),
+    // also while another operation runs.
+    void openInviteURL(const QString& url);
+
+    double downloadProgress() const { return downloadProgress_; }
+
 signals:
     void statusChanged();
     void busyChanged();
     void installedVersionChanged();
     void installedBuildsChanged();
     void selectedInstalledPathChanged();
+    void downloadProgressChanged();
 
 private:
     friend struct LauncherModelProbe; // lets the tests drive the private operations directly
@@ -66,6 +75,13 @@ private:
     void setStatus(const QString& status);
     void setBusy(bool busy);
     void setInstalledVersion(const QString& version);
+    // `fraction` of the running download, or -1 once it has ended.
+    void setDownloadProgress(double fraction) {
+        if (downloadProgress_ == fraction)
+            return;
+        downloadProgress_ = fraction;
+        emit downloadProgressChanged();
+    }
 
     void refreshInstalledBuilds();
     InstalledState readInstalledState();
@@ -102,4 +118,5 @@ private:
     QString seedRuntime_;
     std::optional<QString> pendingInvite_;
     StorageLayout layout_;
+    double downloadProgress_ = -1;
 };

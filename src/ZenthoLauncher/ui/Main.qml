@@ -1,0 +1,241 @@
+import QtQuick
+import QtQuick.Window
+import QtQuick.Controls.Basic
+import QtQuick.Layouts
+
+// The launcher's only window: one status line, the update-and-play button, a picker of saved
+// builds with its play button, and a link that copies the data folder's path.
+Window {
+    id: window
+
+    // The one LauncherModel of this run; every text and enabled state below follows it.
+    required property QtObject launcher
+
+    readonly property bool busy: launcher.busy
+    readonly property color tint: Qt.rgba(0.25, 0.76, 0.15, 1)
+    readonly property string noSavedVersions: qsTr("No saved versions")
+    // The picker's entries: one per saved build, newest first, or a single empty-valued entry.
+    readonly property var pickerEntries: {
+        const builds = launcher.installedBuilds;
+        if (builds.length === 0)
+            return [{ text: noSavedVersions, value: "" }];
+        return builds.map(build => ({ text: build.version, value: build.path }));
+    }
+    // A rounded face for the title where the system has one; the default face otherwise.
+    readonly property string titleFamily: {
+        const rounded = ["SF Pro Rounded", "Nunito", "Varela Round", "M PLUS Rounded 1c",
+                         "Comfortaa", "Quicksand"];
+        const installed = Qt.fontFamilies();
+        for (const family of rounded) {
+            if (installed.indexOf(family) >= 0)
+                return family;
+        }
+        return Qt.application.font.family;
+    }
+
+    objectName: "mainWindow"
+    title: qsTr("ZENTHO Launcher")
+    width: 620
+    height: 510
+    minimumWidth: 620
+    maximumWidth: 620
+    minimumHeight: 510
+    maximumHeight: 510
+    // A fixed-size window: no maximise button.
+    flags: Qt.Window | Qt.CustomizeWindowHint | Qt.WindowTitleHint | Qt.WindowSystemMenuHint
+           | Qt.WindowMinimizeButtonHint | Qt.WindowCloseButtonHint
+    color: Qt.rgba(0.02, 0.075, 0.04, 1)
+
+    // Makes this the window the user is working with, taking focus from other applications.
+    function bringToFront() {
+        raise();
+        requestActivate();
+    }
+
+    onVisibleChanged: {
+        if (visible)
+            bringToFront();
+    }
+
+    Rectangle {
+        objectName: "background"
+        anchors.fill: parent
+        color: window.color
+    }
+
+    Item {
+        anchors.fill: parent
+        anchors.margins: 42
+
+        ColumnLayout {
+            id: column
+            objectName: "column"
+            anchors.centerIn: parent
+            width: parent.width
+            spacing: 12
+
+            Text {
+                objectName: "titleText"
+                Layout.alignment: Qt.AlignHCenter
+                text: qsTr("ZENTHO")
+                font.family: window.titleFamily
+                font.pixelSize: 46
+                font.bold: true
+                color: Qt.rgba(0.72, 1.0, 0.2, 1)
+                Accessible.role: Accessible.Heading
+                Accessible.name: text
+            }
+
+            Text {
+                objectName: "subtitleText"
+                Layout.alignment: Qt.AlignHCenter
+                text: qsTr("Managed Launcher")
+                font.pixelSize: 15
+                color: Qt.rgba(0.32, 0.9, 0.86, 1)
+                Accessible.name: text
+            }
+
+            Item {
+                objectName: "spacer"
+                Layout.fillWidth: true
+                Layout.preferredHeight: 18
+            }
+
+            Text {
+                objectName: "installedText"
+                Layout.alignment: Qt.AlignHCenter
+                text: qsTr("Installed: ") + window.launcher.installedVersion
+                textFormat: Text.PlainText
+                font.pixelSize: 13
+                color: Qt.rgba(1, 1, 1, 0.75)
+                Accessible.name: text
+            }
+
+            // One line by design; a longer message is cut with an ellipsis and shown whole in a
+            // tooltip.
+            Text {
+                id: statusText
+                objectName: "statusText"
+                Layout.fillWidth: true
+                Layout.preferredHeight: 24
+                text: window.launcher.status
+                textFormat: Text.PlainText
+                font.pixelSize: 13
+                color: "white"
+                horizontalAlignment: Text.AlignHCenter
+                verticalAlignment: Text.AlignVCenter
+                elide: Text.ElideRight
+                maximumLineCount: 1
+                Accessible.role: Accessible.StatusBar
+                Accessible.name: text
+
+                HoverHandler {
+                    id: statusHover
+                }
+                ToolTip.visible: statusHover.hovered && statusText.truncated
+                ToolTip.text: statusText.text
+            }
+
+            ProminentButton {
+                objectName: "updateAndPlayButton"
+                Layout.alignment: Qt.AlignHCenter
+                label: window.busy ? qsTr("WORKING...") : qsTr("CHECK FOR UPDATES & PLAY")
+                widestLabel: qsTr("CHECK FOR UPDATES & PLAY")
+                tint: window.tint
+                enabled: !window.busy
+                onClicked: window.launcher.updateAndPlay()
+            }
+
+            ProgressDivider {
+                objectName: "divider"
+                Layout.fillWidth: true
+                progress: window.launcher.downloadProgress
+                tint: window.tint
+            }
+
+            Text {
+                objectName: "installedSectionText"
+                Layout.alignment: Qt.AlignHCenter
+                text: qsTr("PLAY AN INSTALLED VERSION")
+                font.pixelSize: 11
+                font.weight: Font.DemiBold
+                color: Qt.rgba(1, 1, 1, 0.62)
+                Accessible.name: text
+            }
+
+            RowLayout {
+                objectName: "installedRow"
+                Layout.alignment: Qt.AlignHCenter
+                spacing: 10
+
+                ComboBox {
+                    id: picker
+                    objectName: "versionPicker"
+                    Layout.preferredWidth: 210
+                    Layout.alignment: Qt.AlignVCenter
+                    implicitHeight: 32
+                    font.pixelSize: 13
+                    model: window.pickerEntries
+                    textRole: "text"
+                    valueRole: "value"
+                    Accessible.name: qsTr("Version")
+
+                    // The selection lives in the model; the picker only mirrors it and writes
+                    // back what the user chooses.
+                    function showSelection() {
+                        currentIndex = indexOfValue(window.launcher.selectedInstalledPath);
+                    }
+                    onActivated: window.launcher.selectedInstalledPath = currentValue
+                    onModelChanged: showSelection()
+                    Component.onCompleted: showSelection()
+
+                    Connections {
+                        target: window.launcher
+                        function onSelectedInstalledPathChanged() {
+                            picker.showSelection();
+                        }
+                    }
+                }
+
+                Button {
+                    objectName: "playInstalledButton"
+                    Layout.alignment: Qt.AlignVCenter
+                    implicitHeight: 32
+                    text: qsTr("PLAY THIS VERSION")
+                    font.pixelSize: 13
+                    enabled: !window.busy && window.launcher.selectedInstalledPath !== ""
+                    Accessible.name: text
+                    onClicked: window.launcher.playSelectedInstalledBuild()
+                }
+            }
+
+            Text {
+                objectName: "installedHintText"
+                Layout.alignment: Qt.AlignHCenter
+                text: qsTr("Only builds already saved in this launcher's versions folder appear here.")
+                font.pixelSize: 10
+                color: Qt.rgba(1, 1, 1, 0.42)
+                Accessible.name: text
+            }
+
+            LinkButton {
+                objectName: "copyDataFolderButton"
+                Layout.alignment: Qt.AlignHCenter
+                text: qsTr("Copy ZENTHO Data Folder")
+                font.pixelSize: 13
+                textColor: Qt.rgba(0.55, 0.75, 0.55, 1)
+                onClicked: window.launcher.copyDataFolder()
+            }
+
+            Text {
+                objectName: "storageNoteText"
+                Layout.alignment: Qt.AlignHCenter
+                Layout.topMargin: 8
+                text: qsTr("Updates stay in ZENTHO storage\u2014not Downloads. Offline play still works.")
+                font.pixelSize: 11
+                color: Qt.rgba(1, 1, 1, 0.45)
+                Accessible.name: text
+            }
+        }
+    }
+}

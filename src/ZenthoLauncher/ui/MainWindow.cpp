@@ -1,0 +1,45 @@
+#include "MainWindow.h"
+
+#include "model/LauncherModel.h"
+
+#include <QMetaObject>
+#include <QQmlComponent>
+#include <QQuickStyle>
+#include <QQuickWindow>
+#include <QStringList>
+
+#include <stdexcept>
+
+const char* const MainWindow::kSource = "qrc:/ZenthoLauncher/Main.qml";
+
+MainWindow::MainWindow(LauncherModel& model) {
+    // The window's colours are its own; the Basic style is the one that draws controls with the
+    // colours it is given instead of the desktop's theme. It must be chosen before any control is
+    // loaded.
+    QQuickStyle::setStyle(QStringLiteral("Basic"));
+
+    QQmlComponent component(&engine_, QUrl(QString::fromLatin1(kSource)));
+    std::unique_ptr<QObject> root(component.createWithInitialProperties(
+        {{QStringLiteral("launcher"), QVariant::fromValue(static_cast<QObject*>(&model))}}));
+    auto* window = qobject_cast<QQuickWindow*>(root.get());
+    if (!window) {
+        QStringList messages;
+        for (const QQmlError& error : component.errors())
+            messages.append(error.toString());
+        if (messages.isEmpty())
+            messages.append(QStringLiteral("%1 does not describe a window").arg(kSource));
+        throw std::runtime_error(messages.join(QLatin1Char('\n')).toStdString());
+    }
+    root.release();
+    window_.reset(window);
+}
+
+MainWindow::~MainWindow() = default;
+
+void MainWindow::show() {
+    window_->show();
+}
+
+void MainWindow::bringToFront() {
+    QMetaObject::invokeMethod(window_.get(), "bringToFront");
+}
