@@ -1,0 +1,51 @@
+#pragma once
+
+#include <QLocalServer>
+#include <QObject>
+#include <QString>
+
+class QLocalSocket;
+
+// Keeps one launcher per user. The first launcher listens on a per-user local socket; a later
+// start (typically the desktop opening an invite link) hands its link to that one and exits, so
+// the invite reaches the window the player already has open.
+class InviteChannel : public QObject {
+    Q_OBJECT
+
+public:
+    enum class Role {
+        Forwarded, // another launcher took the invite; this process should end
+        Primary,   // this launcher now listens for later starts
+        Unshared,  // neither: run alone (the address is held by a launcher that does not answer)
+    };
+
+    // The socket for the current user: in $XDG_RUNTIME_DIR when the session has one, else in the
+    // system's default place for local sockets.
+    static QString defaultAddress();
+
+    explicit InviteChannel(QString address, QObject* parent = nullptr);
+
+    // Hands `invite` to a launcher that already listens on the address; an empty invite only
+    // asks it to come to the front. True when a launcher took it.
+    bool forwardToRunningLauncher(const QString& invite, int timeoutMs = 3000) const;
+    // Starts listening. A socket left behind by a launcher that died is removed first; an address
+    // held by a live launcher is left alone and gives false.
+    bool listen();
+    // What a starting launcher does: forward to the running one, or become the one that listens.
+    Role startOrForward(const QString& invite);
+
+    bool isListening() const { return server_.isListening(); }
+    QString address() const { return address_; }
+
+signals:
+    // A later start handed over an invite; empty when it only asked to bring the window forward.
+    void inviteReceived(const QString& invite);
+
+private:
+    bool listenPrivately();
+    void acceptConnections();
+    void readMessage(QLocalSocket* socket);
+
+    QString address_;
+    QLocalServer server_;
+};

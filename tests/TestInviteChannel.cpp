@@ -1,0 +1,226 @@
+#include "ui/InviteChannel.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QFileInfo>
+#include <QLocalServer>
+#include <QLocalSocket>
+#include <QProcess>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <cstdio>
+#include <memory>
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+const char* const kChildVariable = "ZENTHO_INVITE_CHANNEL_CHILD";
+const QString kInvite = QStringLiteral("zentho://join/7F3A-91?host=Pat&region=eu%2Dwest");
+
+// The start-up of a launcher, as main() does it, in a child process: forward and end with 0, or
+// become the listener and print every invite that arrives.
+int runLauncherStart(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    const QStringList args = app.arguments();
+    InviteChannel channel(args.value(1));
+    switch (channel.startOrForward(args.value(2))) {
+    case InviteChannel::Role::Forwarded:
+        return 0;
+    case InviteChannel::Role::Unshared:
+        std::printf("unshared\n");
+        return 4;
+    case InviteChannel::Role::Primary:
+        break;
+    }
+    QObject::connect(&channel, &InviteChannel::inviteReceived, [](const QString& invite) {
+        std::printf("invite:%s\n", qPrintable(invite));
+        std::fflush(stdout);
+    });
+    std::printf("primary\n");
+    std::fflush(stdout);
+    return app.exec();
+}
+
+// A launcher start in its own process.
+struct Start {
+    explicit Start(const QString& address, const QString& invite = {}) {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert(QString::fromLatin1(kChildVariable), QStringLiteral("1"));
+        process->setProcessEnvironment(env);
+        process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        QStringList args{address};
+        if (!invite.isEmpty())
+            args.append(invite);
+        process->start(QCoreApplication::applicationFilePath(), args);
+    }
+    ~Start() {
+        if (process->state() != QProcess::NotRunning) {
+            process->kill();
+            process->waitForFinished(5000);
+        }
+    }
+    // The next line the child prints, or a null string when none comes within the time.
+    QString nextLine(int timeoutMs = 10000) {
+        QDeadlineTimer deadline(timeoutMs);
+        while (!process->canReadLine()) {
+            if (deadline.hasExpired() || !process->waitForReadyRead(int(deadline.remainingTime())))
+                return {};
+        }
+        return QString::fromUtf8(process->readLine()).chopped(1);
+    }
+    bool endsWith(int code) {
+        return process->waitForFinished(10000) && process->exitStatus() == QProcess::NormalExit &&
+               process->exitCode() == code;
+    }
+
+    std::unique_ptr<QProcess> process = std::make_unique<QProcess>();
+};
+
+} // namespace
+
+class TestInviteChannel : public QObject {
+    Q_OBJECT
+
+    QString address() const { return dir_->filePath(QStringLiteral("zentho-launcher-test")); }
+
+    std::unique_ptr<QTemporaryDir> dir_;
+
+private slots:
+    void init() { dir_ = std::make_unique<QTemporaryDir>(); }
+
+    void secondStartForwardsItsLinkAndEnds() {
+        Start first(address());
+        QCOMPARE(first.nextLine(), QStringLiteral("primary"));
+        Start second(address(), kInvite);
+        QVERIFY(second.endsWith(0));
+        QCOMPARE(first.nextLine(), QStringLiteral("invite:") + kInvite);
+    }
+
+    void aloneTheStartKeepsRunningAsTheListener() {
+        Start only(address(), kInvite);
+        QCOMPARE(only.nextLine(), QStringLiteral("primary"));
+        QVERIFY(!only.process->waitForFinished(500));
+        QVERIFY(QFileInfo::exists(address()));
+    }
+
+    void secondStartWithoutLinkOnlyAsksToBeShown() {
+        Start first(address());
+        QCOMPARE(first.nextLine(), QStringLiteral("primary"));
+        Start second(address());
+        QVERIFY(second.endsWith(0));
+        QCOMPARE(first.nextLine(), QStringLiteral("invite:"));
+    }
+
+    void everyLaterStartIsDeliveredInOrder() {
+        Start first(address());
+        QCOMPARE(first.nextLine(), QStringLiteral("primary"));
+        for (const QString& invite : {QStringLiteral("zentho://a"), QStringLiteral("zentho://b")}) {
+            Start later(address(), invite);
+            QVERIFY(later.endsWith(0));
+            QCOMPARE(first.nextLine(), QStringLiteral("invite:") + invite);
+        }
+    }
+
+    void socketLeftByACrashDoesNotBlockTheNextStart() {
+        {
+            Start crashed(address());
+            QCOMPARE(crashed.nextLine(), QStringLiteral("primary"));
+            ::kill(pid_t(crashed.process->processId()), SIGKILL);
+            QVERIFY(crashed.process->waitForFinished(5000));
+        }
+        QVERIFY(QFileInfo::exists(address())); // the crash left its socket behind
+        QLocalSocket probe;
+        probe.connectToServer(address());
+        QVERIFY(!probe.waitForConnected(1000));
+
+        Start next(address(), kInvite);
+        QCOMPARE(next.nextLine(), QStringLiteral("primary"));
+        Start later(address(), QStringLiteral("zentho://after-crash"));
+        QVERIFY(later.endsWith(0));
+        QCOMPARE(next.nextLine(), QStringLiteral("invite:zentho://after-crash"));
+    }
+
+    void aLiveLauncherKeepsItsAddress() {
+        Start first(address());
+        QCOMPARE(first.nextLine(), QStringLiteral("primary"));
+        InviteChannel intruder(address());
+        QVERIFY(!intruder.listen());
+        QVERIFY(!intruder.isListening());
+        // The running launcher still answers.
+        Start later(address(), kInvite);
+        QVERIFY(later.endsWith(0));
+        QCOMPARE(first.nextLine(), QStringLiteral("invite:") + kInvite);
+    }
+
+    void forwardingNeedsSomeoneListening() {
+        InviteChannel sender(address());
+        QVERIFY(!sender.forwardToRunningLauncher(kInvite, 500));
+        InviteChannel receiver(address());
+        QVERIFY(receiver.listen());
+        QSignalSpy received(&receiver, &InviteChannel::inviteReceived);
+        QVERIFY(sender.forwardToRunningLauncher(kInvite));
+        QTRY_COMPARE(received.size(), 1);
+        QCOMPARE(received.first().first().toString(), kInvite);
+    }
+
+    void garbageFromAPeerIsDroppedAndLaterLinksStillArrive() {
+        InviteChannel receiver(address());
+        QVERIFY(receiver.listen());
+        QSignalSpy received(&receiver, &InviteChannel::inviteReceived);
+        QLocalSocket peer;
+        peer.connectToServer(address());
+        QVERIFY(peer.waitForConnected(1000));
+        peer.write(QByteArray(8, '\x7f')); // a length no link has, then nothing
+        QVERIFY(peer.waitForBytesWritten(1000));
+        QTest::qWait(200);
+        QCOMPARE(received.size(), 0);
+        QVERIFY(InviteChannel(address()).forwardToRunningLauncher(kInvite));
+        QTRY_COMPARE(received.size(), 1);
+        QCOMPARE(received.first().first().toString(), kInvite);
+    }
+
+    void socketIsPrivateToTheUser() {
+        InviteChannel receiver(address());
+        QVERIFY(receiver.listen());
+        struct stat info {};
+        QCOMPARE(::stat(QFile::encodeName(address()).constData(), &info), 0);
+        QCOMPARE(info.st_mode & 077, 0u);
+        // A server without that option is reachable by others, which the check above would see.
+        QLocalServer open;
+        const QString openAddress = dir_->filePath(QStringLiteral("open"));
+        const mode_t umaskBefore = ::umask(022);
+        const bool openListening = open.listen(openAddress);
+        ::umask(umaskBefore);
+        QVERIFY(openListening);
+        QCOMPARE(::stat(QFile::encodeName(openAddress).constData(), &info), 0);
+        QVERIFY((info.st_mode & 077) != 0u);
+    }
+
+    void defaultAddressIsPerUserInTheRuntimeFolder() {
+        const QByteArray previous = qgetenv("XDG_RUNTIME_DIR");
+        qputenv("XDG_RUNTIME_DIR", QFile::encodeName(dir_->path()));
+        const QString name = QStringLiteral("zentho-launcher-%1").arg(::getuid());
+        QCOMPARE(InviteChannel::defaultAddress(), dir_->filePath(name));
+        qputenv("XDG_RUNTIME_DIR", QFile::encodeName(dir_->filePath(QStringLiteral("missing"))));
+        QCOMPARE(InviteChannel::defaultAddress(), name);
+        qunsetenv("XDG_RUNTIME_DIR");
+        QCOMPARE(InviteChannel::defaultAddress(), name);
+        if (!previous.isNull())
+            qputenv("XDG_RUNTIME_DIR", previous);
+    }
+};
+
+int main(int argc, char** argv) {
+    if (qEnvironmentVariableIsSet(kChildVariable))
+        return runLauncherStart(argc, argv);
+    QCoreApplication app(argc, argv);
+    TestInviteChannel test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "TestInviteChannel.moc"
