@@ -101,3 +101,14 @@ if(ZENTHO_BUNDLE_SIGNING_KEY)
         COMMENT "Sealing ZenthoLauncher.app"
         VERBATIM)
 endif()
+
+# The tests run the signing tools and the sealed bundle, so they are built first. The tests are
+# defined after this file is read, hence the deferred call.
+function(zentho_signing_tests_depend)
+    foreach(test TestBundleSignature TestFinishScript TestLauncherUpdater)
+        if(TARGET ${test})
+            add_dependencies(${test} ZenthoLauncher zentho-release zentho-codesign-testkey)
+        endif()
+    endforeach()
+endfunction()
+cmake_language(DEFER DIRECTORY "${PROJECT_SOURCE_DIR}" CALL zentho_signing_tests_depend)

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+
+#include <sys/types.h>
+
+class FileManager;
+
+// The small shell script that swaps the launcher's bundle for a staged update once the running
+// launcher has gone: it waits for the launcher's process to end, moves the running bundle to a
+// backup location, moves the staged bundle into its place and starts it; if that second move
+// fails it puts the backup back and starts the old launcher. The launcher never overwrites its
+// own bundle while it runs.
+//
+// Arguments, in this order: the launcher's process identifier, the staged bundle, the target
+// (running) bundle and the backup location. Exit status 0 after a swap, 1 when nothing could be
+// swapped.
+class FinishScript {
+public:
+    // How the script starts the launcher it leaves in place.
+    enum class Opener {
+        macOS, // "/usr/bin/open" on the bundle
+        linuxDesktop, // the bundle's executable, in a session of its own, detached from the script
+    };
+
+    // The script's text: 14 lines joined by line feeds, no line feed after the last.
+    static QByteArray text(Opener opener);
+    // The text for the platform this launcher runs on.
+    static QByteArray textForThisPlatform();
+
+    // Writes textForThisPlatform() atomically to `scriptPath`, makes it 0755 and starts it as
+    // "/bin/sh scriptPath launcherPid staged target backup" with standard output and standard
+    // error on /dev/null, standard input, environment and working folder inherited. The child is
+    // not waited for: it outlives the launcher, and while the launcher still runs it is
+    // collected in the background once it ends. Returns its process identifier. Write,
+    // permission and start errors pass through as the platform's errors.
+    static pid_t writeAndStart(const FileManager& files, const QString& scriptPath, qint64 launcherPid,
+                               const QString& staged, const QString& target,
+                               const QString& backup);
+};

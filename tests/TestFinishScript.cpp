@@ -1,0 +1,222 @@
+// The finish script: its exact text, and what it does when run on its own by /bin/sh with small
+// bundles whose launcher records that it ran.
+
+#include "LauncherBundles.h"
+#include "TestFiles.h"
+
+#include "platform/FileError.h"
+#include "platform/FileManager.h"
+#include "update/FinishScript.h"
+
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <sys/stat.h>
+
+namespace {
+
+const QByteArray kMacScript = "#!/bin/sh\n"
+                              "old_pid=\"$1\"\n"
+                              "staged=\"$2\"\n"
+                              "target=\"$3\"\n"
+                              "backup=\"$4\"\n"
+                              "while kill -0 \"$old_pid\" 2>/dev/null; do sleep 0.1; done\n"
+                              "if ! /bin/mv \"$target\" \"$backup\"; then exit 1; fi\n"
+                              "if /bin/mv \"$staged\" \"$target\"; then\n"
+                              "  /usr/bin/open \"$target\"\n"
+                              "  exit 0\n"
+                              "fi\n"
+                              "/bin/mv \"$backup\" \"$target\"\n"
+                              "/usr/bin/open \"$target\"\n"
+                              "exit 1";
+
+// Two bundles and a place for the backup in one temporary folder.
+struct SwapFixture {
+    QTemporaryDir dir;
+    QString record = dir.path() + QStringLiteral("/record");
+    QString target = dir.path() + QStringLiteral("/Apps/ZenthoLauncher.app");
+    QString staged = dir.path() + QStringLiteral("/launcher-staging-X/ZenthoLauncher.app");
+    QString backup = dir.path() + QStringLiteral("/launcher-backup-0.1.190-X.app");
+    QString script = dir.path() + QStringLiteral("/finish.sh");
+
+    SwapFixture() {
+        LauncherBundles::makeFake(target, "old", record);
+        LauncherBundles::makeFake(staged, "new", record);
+        TestFiles::writeFile(script, FinishScript::textForThisPlatform(), 0755);
+    }
+
+    QByteArray labelAt(const QString& bundle) const {
+        return TestFiles::readFile(bundle + QStringLiteral("/Contents/Resources/label.txt"));
+    }
+
+    // Runs the script to its end; returns its exit code, or -1 when it did not finish in time.
+    int run(qint64 pid, const QString& stagedPath, const QString& backupPath, int timeoutMs = 10000) {
+        QProcess sh;
+        sh.start(QStringLiteral("/bin/sh"),
+                 {script, QString::number(pid), stagedPath, target, backupPath});
+        if (!sh.waitForFinished(timeoutMs) || sh.exitStatus() != QProcess::NormalExit)
+            return -1;
+        return sh.exitCode();
+    }
+};
+
+// Files under /proc report a size of 0, so they are read until the end instead.
+QByteArray procFile(const QString& path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly | QIODevice::Unbuffered))
+        return {};
+    QByteArray bytes;
+    char buffer[4096];
+    for (qint64 n; (n = file.read(buffer, sizeof buffer)) > 0;)
+        bytes.append(buffer, n);
+    return bytes;
+}
+
+} // namespace
+
+class TestFinishScript : public QObject {
+    Q_OBJECT
+
+private slots:
+    void macScriptIsExact() {
+        const QByteArray text = FinishScript::text(FinishScript::Opener::macOS);
+        QCOMPARE(text, kMacScript);
+        QCOMPARE(text.size(), 299);
+        QCOMPARE(text.split('\n').size(), 14);
+        QVERIFY(!text.endsWith('\n'));
+        QVERIFY(text.contains("\n  /usr/bin/open \"$target\"\n  exit 0\n"));
+    }
+
+    void linuxScriptDiffersOnlyInOpenerLines() {
+        const QList<QByteArray> mac = kMacScript.split('\n');
+        const QList<QByteArray> linux = FinishScript::text(FinishScript::Opener::linuxDesktop).split('\n');
+        QCOMPARE(linux.size(), 14);
+        const QByteArray start = "/usr/bin/setsid -f \"$target/Contents/MacOS/ZenthoLauncher\" >/dev/null 2>&1";
+        for (int i = 0; i < 14; ++i) {
+            if (i == 8) {
+                QCOMPARE(linux[i], "  " + start);
+            } else if (i == 12) {
+                QCOMPARE(linux[i], start);
+            } else {
+                QCOMPARE(linux[i], mac[i]);
+            }
+        }
+        QVERIFY(!FinishScript::text(FinishScript::Opener::linuxDesktop).endsWith('\n'));
+        // This launcher runs on Linux, so that is the text it writes.
+        QCOMPARE(FinishScript::textForThisPlatform(),
+                 FinishScript::text(FinishScript::Opener::linuxDesktop));
+        QVERIFY(FinishScript::textForThisPlatform() != kMacScript);
+    }
+
+    void endedProcessSwapsAtOnceAndStartsTheNewLauncher() {
+        SwapFixture f;
+        QElapsedTimer clock;
+        clock.start();
+        QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), f.staged, f.backup), 0);
+        QVERIFY2(clock.elapsed() < 2000, "the script waited for a process that had ended");
+        QCOMPARE(f.labelAt(f.target), QByteArray("new\n"));
+        QCOMPARE(f.labelAt(f.backup), QByteArray("old\n"));
+        QVERIFY(!QFileInfo::exists(f.staged));
+        QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n"));
+    }
+
+    void runningProcessIsWaitedFor() {
+        SwapFixture f;
+        QProcess launcher;
+        launcher.start(QStringLiteral("/bin/sleep"), {QStringLiteral("1.5")});
+        QVERIFY(launcher.waitForStarted());
+        QProcess sh;
+        sh.start(QStringLiteral("/bin/sh"), {f.script, QString::number(launcher.processId()),
+                                             f.staged, f.target, f.backup});
+        QVERIFY(sh.waitForStarted());
+        QTest::qWait(700);
+        // The old launcher still runs: nothing has moved and nothing was started.
+        QCOMPARE(sh.state(), QProcess::Running);
+        QCOMPARE(f.labelAt(f.target), QByteArray("old\n"));
+        QVERIFY(QFileInfo::exists(f.staged));
+        QVERIFY(LauncherBundles::recorded(f.record).isEmpty());
+        QVERIFY(launcher.waitForFinished(5000));
+        QVERIFY(sh.waitForFinished(5000));
+        QCOMPARE(sh.exitCode(), 0);
+        QCOMPARE(f.labelAt(f.target), QByteArray("new\n"));
+        QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n"));
+    }
+
+    void failedBackupMoveStartsNothing() {
+        SwapFixture f;
+        const QString unreachable = f.dir.path() + QStringLiteral("/no/such/folder/backup.app");
+        QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), f.staged, unreachable), 1);
+        QCOMPARE(f.labelAt(f.target), QByteArray("old\n"));
+        QCOMPARE(f.labelAt(f.staged), QByteArray("new\n"));
+        QTest::qWait(500);
+        QVERIFY(LauncherBundles::recorded(f.record).isEmpty());
+    }
+
+    void failedStagedMoveRestoresAndStartsTheOldLauncher() {
+        SwapFixture f;
+        const QString missing = f.dir.path() + QStringLiteral("/launcher-staging-Y/ZenthoLauncher.app");
+        QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), missing, f.backup), 1);
+        QCOMPARE(f.labelAt(f.target), QByteArray("old\n"));
+        QVERIFY(!QFileInfo::exists(f.backup));
+        QVERIFY(LauncherBundles::waitForRecorded(f.record, "old\n"));
+    }
+
+    void writeAndStartRunsTheScriptDetachedFromOurOutput() {
+        SwapFixture f;
+        QProcess launcher;
+        launcher.start(QStringLiteral("/bin/sleep"), {QStringLiteral("1")});
+        QVERIFY(launcher.waitForStarted());
+        const QString script = f.dir.path() + QStringLiteral("/finish-launcher-update-X.sh");
+        const pid_t pid = FinishScript::writeAndStart(FileManager::defaultManager(), script,
+                                                      launcher.processId(), f.staged, f.target,
+                                                      f.backup);
+        QCOMPARE(TestFiles::readFile(script), FinishScript::textForThisPlatform());
+        struct stat info {};
+        QCOMPARE(::stat(QFile::encodeName(script).constData(), &info), 0);
+        QCOMPARE(info.st_mode & 07777, 0755u);
+        // Started as "/bin/sh script pid staged target backup", output going nowhere.
+        QVERIFY(LauncherBundles::processRuns(pid));
+        QByteArray commandLine;
+        QVERIFY(QTest::qWaitFor(
+            [&] {
+                commandLine = procFile(QStringLiteral("/proc/%1/cmdline").arg(pid));
+                return commandLine.startsWith("/bin/sh");
+            },
+            5000));
+        QCOMPARE(commandLine.split('\0').mid(0, 6),
+                 (QList<QByteArray>{"/bin/sh", QFile::encodeName(script),
+                                    QByteArray::number(launcher.processId()),
+                                    QFile::encodeName(f.staged), QFile::encodeName(f.target),
+                                    QFile::encodeName(f.backup)}));
+        QCOMPARE(QFileInfo(QStringLiteral("/proc/%1/fd/1").arg(pid)).symLinkTarget(),
+                 QStringLiteral("/dev/null"));
+        QCOMPARE(QFileInfo(QStringLiteral("/proc/%1/fd/2").arg(pid)).symLinkTarget(),
+                 QStringLiteral("/dev/null"));
+        // Once the launcher has gone, the swap happens and the script is collected, not left
+        // behind as a zombie.
+        QVERIFY(launcher.waitForFinished(5000));
+        QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n"));
+        QCOMPARE(f.labelAt(f.target), QByteArray("new\n"));
+        QVERIFY(QTest::qWaitFor([&] { return !QFileInfo::exists(QStringLiteral("/proc/%1").arg(pid)); },
+                                5000));
+    }
+
+    void writeAndStartFailsWithoutStartingWhenTheScriptCannotBeWritten() {
+        SwapFixture f;
+        const QString script = f.dir.path() + QStringLiteral("/missing/finish.sh");
+        QVERIFY_THROWS_EXCEPTION(FileError,
+                                 FinishScript::writeAndStart(FileManager::defaultManager(), script,
+                                                             LauncherBundles::endedProcessIdentifier(),
+                                                             f.staged, f.target, f.backup));
+        QTest::qWait(500);
+        QCOMPARE(f.labelAt(f.target), QByteArray("old\n"));
+        QVERIFY(LauncherBundles::recorded(f.record).isEmpty());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestFinishScript)
+#include "TestFinishScript.moc"

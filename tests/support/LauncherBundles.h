@@ -1,0 +1,37 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+// Small launcher bundles for the self-update tests, and the tools that seal them.
+namespace LauncherBundles {
+
+// A bundle folder whose Contents/MacOS/ZenthoLauncher is a shell script that appends `label` and
+// a line feed to `recordPath` when it runs, plus one resource file.
+void makeFake(const QString& bundle, const QByteArray& label, const QString& recordPath);
+
+// The labels recorded so far, one per start, in order.
+QByteArray recorded(const QString& recordPath);
+// Waits (processing events) up to `timeoutMs` for `recordPath` to hold `expected`.
+bool waitForRecorded(const QString& recordPath, const QByteArray& expected, int timeoutMs = 5000);
+
+// The build folder the tests run from, and the signing tools and test key it holds.
+QString buildDir();
+QString releaseTool();   // zentho-release
+QString testVerifier();  // the zentho-codesign that trusts testKey()
+QString testKey();       // private key PEM
+QString builtBundle();   // <build>/ZenthoLauncher.app
+
+// Seals `bundle` with `key` through zentho-release; true on exit status 0.
+bool seal(const QString& bundle, const QString& key);
+
+// A process identifier that belonged to a process that has ended and been collected.
+qint64 endedProcessIdentifier();
+// True while a process with this identifier exists (a zombie counts as gone).
+bool processRuns(qint64 pid);
+
+// Packs `entries` (relative to `base`) into a gzip tar archive with /usr/bin/tar; returns its bytes.
+QByteArray tarGz(const QString& base, const QStringList& entries);
+
+} // namespace LauncherBundles
