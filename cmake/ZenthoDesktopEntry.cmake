@@ -13,7 +13,16 @@ file(CREATE_LINK "../${ZENTHO_INSTALL_BUNDLE}/Contents/MacOS/ZenthoLauncher"
 message(STATUS "Installing: ${zentho_root}/bin/zentho-launcher")
 
 file(READ "${ZENTHO_DESKTOP_TEMPLATE}" zentho_template)
-set(ZENTHO_LAUNCHER_COMMAND "${zentho_command}")
+# Exec takes a quoted argument (backslash, quote, backquote and dollar escaped, "%" doubled)
+# inside a string value (backslash escaped once more); TryExec is a plain string value.
+set(zentho_quoted "${zentho_command}")
+string(REPLACE "\\" "\\\\\\\\" zentho_quoted "${zentho_quoted}")
+foreach(zentho_char "\"" "`" "$")
+    string(REPLACE "${zentho_char}" "\\\\${zentho_char}" zentho_quoted "${zentho_quoted}")
+endforeach()
+string(REPLACE "%" "%%" zentho_quoted "${zentho_quoted}")
+string(REPLACE "\\" "\\\\" ZENTHO_LAUNCHER_COMMAND "${zentho_command}")
+set(ZENTHO_LAUNCHER_EXEC "\"${zentho_quoted}\"")
 string(CONFIGURE "${zentho_template}" zentho_desktop @ONLY)
 file(MAKE_DIRECTORY "${zentho_apps}")
 file(WRITE "${zentho_entry}" "${zentho_desktop}")

@@ -1,0 +1,176 @@
+#include "TestFiles.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QProcess>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+
+namespace {
+
+const QString kBundle = QStringLiteral("/lib/zentho/ZenthoLauncher.app");
+const QString kHandler = QStringLiteral("x-scheme-handler/zentho=zentho-launcher.desktop");
+
+struct Run {
+    int exitCode = -1;
+    QString output;
+};
+
+// Runs a program to its end with the given additions to the environment.
+Run run(const QString& program, const QStringList& args, const QMap<QString, QString>& env = {}) {
+    QProcess process;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    for (auto it = env.cbegin(); it != env.cend(); ++it)
+        environment.insert(it.key(), it.value());
+    process.setProcessEnvironment(environment);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(program, args);
+    if (!process.waitForFinished(240000) || process.exitStatus() != QProcess::NormalExit)
+        return {};
+    return {process.exitCode(), QString::fromUtf8(process.readAll())};
+}
+
+QString buildDir() { return qEnvironmentVariable("ZENTHO_BUILD_DIR"); }
+QString cmake() { return QStandardPaths::findExecutable(QStringLiteral("cmake")); }
+
+int countLines(const QString& text, const QString& line) {
+    return int(text.split(QLatin1Char('\n')).count(line));
+}
+
+} // namespace
+
+class TestDesktopInstall : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir dir_;
+
+    QMap<QString, QString> desktopEnv() const {
+        return {{QStringLiteral("HOME"), dir_.filePath(QStringLiteral("home"))},
+                {QStringLiteral("XDG_CONFIG_HOME"), dir_.filePath(QStringLiteral("config"))},
+                {QStringLiteral("XDG_DATA_HOME"), dir_.filePath(QStringLiteral("data"))}};
+    }
+    QString mimeapps() const { return dir_.filePath(QStringLiteral("config/mimeapps.list")); }
+
+    Run install(const QString& prefix, const QMap<QString, QString>& extraEnv = {}) const {
+        QMap<QString, QString> env = desktopEnv();
+        env.insert(extraEnv);
+        return run(cmake(), {QStringLiteral("--install"), buildDir(), QStringLiteral("--prefix"), prefix}, env);
+    }
+
+private slots:
+    void initTestCase() {
+        QVERIFY(!buildDir().isEmpty());
+        QVERIFY(!cmake().isEmpty());
+        QVERIFY(QFileInfo(buildDir() + QStringLiteral("/ZenthoLauncher.app/Contents/MacOS/ZenthoLauncher")).isExecutable());
+    }
+
+    void installPutsTheBundleAndACommandInThePrefix() {
+        const QString prefix = dir_.filePath(QStringLiteral("prefix"));
+        const Run result = install(prefix);
+        QVERIFY2(result.exitCode == 0, qPrintable(result.output));
+
+        const QFileInfo command(prefix + QStringLiteral("/bin/zentho-launcher"));
+        QVERIFY(command.isSymLink());
+        QCOMPARE(command.canonicalFilePath(),
+                 QFileInfo(prefix + kBundle + QStringLiteral("/Contents/MacOS/ZenthoLauncher")).canonicalFilePath());
+        QVERIFY(QFileInfo(prefix + kBundle + QStringLiteral("/Contents/Resources/SeedRuntime/zentho")).isExecutable());
+        const Run version = run(command.filePath(), {QStringLiteral("--version")});
+        QCOMPARE(version.exitCode, 0);
+        QCOMPARE(version.output, QStringLiteral("0.1.190\n"));
+    }
+
+    void commandFailsWhenTheBundleIsGone() {
+        const QString prefix = dir_.filePath(QStringLiteral("moved"));
+        QVERIFY2(install(prefix).exitCode == 0, "install");
+        QVERIFY(QDir(prefix + QStringLiteral("/lib")).rename(QStringLiteral("zentho"), QStringLiteral("elsewhere")));
+        const Run version = run(prefix + QStringLiteral("/bin/zentho-launcher"), {QStringLiteral("--version")});
+        QVERIFY(version.exitCode != 0);
+    }
+
+    void desktopEntryHandlesZenthoLinks() {
+        const QString prefix = dir_.filePath(QStringLiteral("entry"));
+        QVERIFY2(install(prefix).exitCode == 0, "install");
+        const QString entry = QString::fromUtf8(
+            TestFiles::readFile(prefix + QStringLiteral("/share/applications/zentho-launcher.desktop")));
+        QVERIFY(entry.startsWith(QStringLiteral("[Desktop Entry]\n")));
+        QCOMPARE(countLines(entry, QStringLiteral("MimeType=x-scheme-handler/zentho;")), 1);
+        QCOMPARE(countLines(entry, QStringLiteral("Exec=\"%1/bin/zentho-launcher\" %u").arg(prefix)), 1);
+        QCOMPARE(countLines(entry, QStringLiteral("Name=ZENTHO Launcher")), 1);
+        QCOMPARE(countLines(entry, QStringLiteral("Icon=zentho-launcher")), 1);
+        const QByteArray icon =
+            TestFiles::readFile(prefix + QStringLiteral("/share/icons/hicolor/scalable/apps/zentho-launcher.svg"));
+        QVERIFY(icon.contains("<svg"));
+    }
+
+    void unusualPrefixIsQuotedForTheDesktop() {
+        const QString prefix = dir_.filePath(QStringLiteral("odd place $HOME"));
+        QVERIFY2(install(prefix).exitCode == 0, "install");
+        const QString entry = QString::fromUtf8(
+            TestFiles::readFile(prefix + QStringLiteral("/share/applications/zentho-launcher.desktop")));
+        // In the file: a quoted argument whose dollar is escaped for the argument and its
+        // backslash once more for the string value.
+        const QString escaped = dir_.filePath(QStringLiteral("odd place \\\\$HOME"));
+        QCOMPARE(countLines(entry, QStringLiteral("Exec=\"%1/bin/zentho-launcher\" %u").arg(escaped)), 1);
+        QCOMPARE(countLines(entry, QStringLiteral("TryExec=%1/bin/zentho-launcher").arg(prefix)), 1);
+    }
+
+    void installRegistersTheHandlerAndKeepsOtherChoices() {
+        TestFiles::writeFile(mimeapps(),
+                             "[Default Applications]\n"
+                             "text/html=browser.desktop;other.desktop;\n"
+                             "x-scheme-handler/zentho=old.desktop\n"
+                             "\n"
+                             "[Added Associations]\n"
+                             "image/png=viewer.desktop;\n");
+        const QString prefix = dir_.filePath(QStringLiteral("registered"));
+        QVERIFY2(install(prefix).exitCode == 0, "install");
+        QVERIFY2(install(prefix).exitCode == 0, "second install");
+        const QString list = QString::fromUtf8(TestFiles::readFile(mimeapps()));
+        QCOMPARE(countLines(list, kHandler), 1);
+        QVERIFY(!list.contains(QStringLiteral("old.desktop")));
+        QCOMPARE(countLines(list, QStringLiteral("text/html=browser.desktop;other.desktop;")), 1);
+        QCOMPARE(countLines(list, QStringLiteral("image/png=viewer.desktop;")), 1);
+        // The handler sits in the defaults section, before the next section starts.
+        QVERIFY(list.indexOf(kHandler) < list.indexOf(QStringLiteral("[Added Associations]")));
+        QVERIFY(list.indexOf(kHandler) > list.indexOf(QStringLiteral("[Default Applications]")));
+    }
+
+    void stagedInstallLeavesTheDesktopAlone() {
+        QFile::remove(mimeapps());
+        const QString stage = dir_.filePath(QStringLiteral("stage"));
+        const QString prefix = QStringLiteral("/usr/local");
+        const Run result = install(prefix, {{QStringLiteral("DESTDIR"), stage}});
+        QVERIFY2(result.exitCode == 0, qPrintable(result.output));
+        QVERIFY(!QFileInfo::exists(mimeapps()));
+        const QString entry = QString::fromUtf8(
+            TestFiles::readFile(stage + prefix + QStringLiteral("/share/applications/zentho-launcher.desktop")));
+        // The entry names where the package will live, not the staging folder.
+        QCOMPARE(countLines(entry, QStringLiteral("Exec=\"/usr/local/bin/zentho-launcher\" %u")), 1);
+        QVERIFY(QFileInfo(stage + prefix + QStringLiteral("/bin/zentho-launcher")).isSymLink());
+    }
+
+    void withoutAPrefixTheUsersHomeIsTheDefault() {
+        const QString home = dir_.filePath(QStringLiteral("home"));
+        const QString source = qEnvironmentVariable("ZENTHO_SOURCE_DIR");
+        const QString fresh = dir_.filePath(QStringLiteral("fresh"));
+        Run configured = run(cmake(), {QStringLiteral("-S"), source, QStringLiteral("-B"), fresh,
+                                       QStringLiteral("-DBUILD_TESTING=OFF")}, desktopEnv());
+        QVERIFY2(configured.exitCode == 0, qPrintable(configured.output));
+        const QString script = QString::fromUtf8(TestFiles::readFile(fresh + QStringLiteral("/cmake_install.cmake")));
+        QVERIFY(script.contains(QStringLiteral("set(CMAKE_INSTALL_PREFIX \"%1/.local\")").arg(home)));
+
+        // A prefix the release engineer names is kept.
+        const QString named = dir_.filePath(QStringLiteral("named"));
+        configured = run(cmake(), {QStringLiteral("-S"), source, QStringLiteral("-B"), named,
+                                   QStringLiteral("-DBUILD_TESTING=OFF"),
+                                   QStringLiteral("-DCMAKE_INSTALL_PREFIX=/opt/zentho")}, desktopEnv());
+        QVERIFY2(configured.exitCode == 0, qPrintable(configured.output));
+        const QString namedScript = QString::fromUtf8(TestFiles::readFile(named + QStringLiteral("/cmake_install.cmake")));
+        QVERIFY(namedScript.contains(QStringLiteral("set(CMAKE_INSTALL_PREFIX \"/opt/zentho\")")));
+        QVERIFY(!namedScript.contains(QStringLiteral("/.local")));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestDesktopInstall)
+#include "TestDesktopInstall.moc"
