@@ -89,6 +89,11 @@ private:
     // version.
     InstalledState seedState() const;
 
+    // The task behind updateAndPlay(), and its game half: fetch the game manifest, install when
+    // the version differs, start. Any failure of the game half ends in the fallback start.
+    QCoro::Task<void> runUpdateAndPlay();
+    QCoro::Task<void> updateGameAndLaunch(InstalledState current);
+
     // Fetches the launcher's own manifest and, when it names another version, downloads,
     // verifies and stages it and starts the script that swaps the bundles once this process has
     // gone. True means the caller must quit now.
