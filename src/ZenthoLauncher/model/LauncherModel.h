@@ -51,13 +51,13 @@ public:
 
     // The three commands of the window. Each returns at once; the two play commands do their
     // work in a task and do nothing while `busy`.
-    void updateAndPlay();
-    void playSelectedInstalledBuild();
-    void copyDataFolder();
+    Q_INVOKABLE void updateAndPlay();
+    Q_INVOKABLE void playSelectedInstalledBuild();
+    Q_INVOKABLE void copyDataFolder();
 
     // An invite link opened by the desktop: kept for the game and followed by updateAndPlay(),
     // also while another operation runs.
-    void openInviteURL(const QString& url);
+    Q_INVOKABLE void openInviteURL(const QString& url);
 
     double downloadProgress() const { return downloadProgress_; }
 
