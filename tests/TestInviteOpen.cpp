@@ -1,0 +1,121 @@
+#include "LauncherModelProbe.h"
+#include "RecordingPlatform.h"
+#include "ScopedDataHome.h"
+#include "TestFiles.h"
+
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+
+namespace {
+
+const QString kInvite = QStringLiteral("zentho://join/7F3A-91?host=Pat&region=eu%2Dwest");
+
+// A launcher bundle on disk whose seed runtime is a real program that writes down its arguments
+// and stays up past the start-up watch.
+struct OfflineLauncher {
+    OfflineLauncher() {
+        const QByteArray record = QFile::encodeName(recordPath());
+        TestFiles::writeScript(bundle() + QStringLiteral("/Contents/Resources/SeedRuntime/zentho"),
+                               "for a in \"$@\"; do printf 'arg=%s\\n' \"$a\"; done > '" + record + ".part'\n"
+                               "mv '" + record + ".part' '" + record + "'\n"
+                               "exec sleep 5\n");
+        const QString exe = bundle() + QStringLiteral("/Contents/MacOS/ZenthoLauncher");
+        platform = std::make_unique<RecordingPlatform>(exe, QStringList{exe});
+        model = std::make_unique<LauncherModel>(*platform);
+    }
+    QString bundle() const { return dir.filePath(QStringLiteral("ZenthoLauncher.app")); }
+    QString recordPath() const { return dir.filePath(QStringLiteral("game-arguments")); }
+    // The arguments the game was started with, once it has written them down.
+    QStringList gameArguments() const {
+        QStringList arguments;
+        const QString text = QString::fromUtf8(TestFiles::readFile(recordPath()));
+        for (const QString& line : text.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+            arguments.append(line.mid(4)); // after "arg="
+        return arguments;
+    }
+
+    ScopedDataHome home;
+    QTemporaryDir dir;
+    std::unique_ptr<RecordingPlatform> platform;
+    std::unique_ptr<LauncherModel> model;
+};
+
+} // namespace
+
+class TestInviteOpen : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir nowhere_;
+
+private slots:
+    // The release manifests are files that do not exist, so every update attempt fails at once and
+    // the flow falls back to the seed runtime. The launcher reads these once per process.
+    void initTestCase() {
+        qputenv("ZENTHO_UPDATE_MANIFEST",
+                QUrl::fromLocalFile(nowhere_.filePath(QStringLiteral("game.json"))).toEncoded());
+        qputenv("ZENTHO_LAUNCHER_UPDATE_MANIFEST",
+                QUrl::fromLocalFile(nowhere_.filePath(QStringLiteral("launcher.json"))).toEncoded());
+    }
+
+    void inviteWhileIdleAnnouncesItAndStartsTheFlow() {
+        OfflineLauncher launcher;
+        QStringList seen;
+        connect(launcher.model.get(), &LauncherModel::statusChanged, this,
+                [&] { seen.append(launcher.model->status()); });
+        launcher.model->openInviteURL(kInvite);
+        QCOMPARE(seen.value(0), QStringLiteral("Joining a friend's game..."));
+        QVERIFY(launcher.model->busy()); // the flow has started
+        QCOMPARE(seen.value(1), QStringLiteral("Checking launcher version..."));
+        QCOMPARE(LauncherModelProbe::pendingInvite(*launcher.model), std::optional<QString>(kInvite));
+        QTRY_COMPARE_WITH_TIMEOUT(launcher.platform->quitCount, 1, 15000);
+        QCOMPARE(launcher.gameArguments(), QStringList{kInvite});
+        QCOMPARE(launcher.model->status(), QStringLiteral("Update unavailable; starting installed version..."));
+    }
+
+    void inviteWhileBusyIsKeptButStartsNothing() {
+        OfflineLauncher launcher;
+        LauncherModelProbe::setBusy(*launcher.model, true);
+        launcher.model->openInviteURL(kInvite);
+        QCOMPARE(launcher.model->status(), QStringLiteral("Joining a friend's game..."));
+        QCOMPARE(LauncherModelProbe::pendingInvite(*launcher.model), std::optional<QString>(kInvite));
+        QTest::qWait(1500);
+        QCOMPARE(launcher.model->status(), QStringLiteral("Joining a friend's game..."));
+        QVERIFY(launcher.model->busy());
+        QCOMPARE(launcher.platform->quitCount, 0);
+        QVERIFY(launcher.gameArguments().isEmpty());
+    }
+
+    void laterInviteReplacesTheEarlierOne() {
+        OfflineLauncher launcher;
+        LauncherModelProbe::setBusy(*launcher.model, true);
+        launcher.model->openInviteURL(QStringLiteral("zentho://join/first"));
+        launcher.model->openInviteURL(QStringLiteral("zentho://join/second"));
+        QCOMPARE(LauncherModelProbe::pendingInvite(*launcher.model),
+                 std::optional<QString>(QStringLiteral("zentho://join/second")));
+        LauncherModelProbe::setBusy(*launcher.model, false);
+        launcher.model->updateAndPlay();
+        QTRY_COMPARE_WITH_TIMEOUT(launcher.platform->quitCount, 1, 15000);
+        QCOMPARE(launcher.gameArguments(), QStringList{QStringLiteral("zentho://join/second")});
+    }
+
+    void inviteTextIsKeptVerbatim() {
+        OfflineLauncher launcher;
+        LauncherModelProbe::setBusy(*launcher.model, true);
+        const QString odd = QStringLiteral("not even a url %zz &&  spaced ");
+        launcher.model->openInviteURL(odd);
+        QCOMPARE(LauncherModelProbe::pendingInvite(*launcher.model), std::optional<QString>(odd));
+    }
+
+    void withoutInviteTheGameGetsNoArgument() {
+        OfflineLauncher launcher;
+        launcher.model->updateAndPlay();
+        QTRY_COMPARE_WITH_TIMEOUT(launcher.platform->quitCount, 1, 15000);
+        QCOMPARE(launcher.gameArguments(), QStringList());
+        QVERIFY(QFile::exists(launcher.recordPath()));
+    }
+};
+
+QTEST_MAIN(TestInviteOpen)
+#include "TestInviteOpen.moc"

@@ -1,0 +1,147 @@
+#include "TestFiles.h"
+
+#include <QDeadlineTimer>
+#include <QFileInfo>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QUrl>
+
+#include <memory>
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+const QString kInvite = QStringLiteral("zentho://join/7F3A-91?host=Pat&region=eu%2Dwest");
+
+// Runs the built launcher executable offline: its manifests are files that do not exist, so
+// every start falls back to the stand-in game in the seed runtime, which writes down what it was
+// given.
+class Launchers {
+public:
+    Launchers() {
+        env_ = QProcessEnvironment::systemEnvironment();
+        env_.insert(QStringLiteral("XDG_RUNTIME_DIR"), dir_.filePath(QStringLiteral("run")));
+        env_.insert(QStringLiteral("XDG_DATA_HOME"), dir_.filePath(QStringLiteral("data")));
+        env_.insert(QStringLiteral("ZENTHO_UPDATE_MANIFEST"),
+                    QUrl::fromLocalFile(dir_.filePath(QStringLiteral("none.json"))).toString());
+        env_.insert(QStringLiteral("ZENTHO_LAUNCHER_UPDATE_MANIFEST"),
+                    QUrl::fromLocalFile(dir_.filePath(QStringLiteral("none-launcher.json"))).toString());
+        env_.insert(QStringLiteral("ZENTHO_STANDIN_RECORD"), recordPath());
+        TestFiles::makeFolder(dir_.filePath(QStringLiteral("run")));
+        ::chmod(QFile::encodeName(dir_.filePath(QStringLiteral("run"))).constData(), 0700);
+    }
+    ~Launchers() {
+        for (auto& process : started_) {
+            if (process->state() != QProcess::NotRunning) {
+                process->kill();
+                process->waitForFinished(5000);
+            }
+        }
+        if (const qint64 pid = gamePid(); pid > 0)
+            ::kill(pid_t(pid), SIGTERM);
+    }
+
+    QProcess* start(const QStringList& args = {}) {
+        auto process = std::make_unique<QProcess>();
+        process->setProcessEnvironment(env_);
+        process->setProcessChannelMode(QProcess::ForwardedChannels);
+        process->start(qEnvironmentVariable("ZENTHO_BUILD_DIR") +
+                           QStringLiteral("/ZenthoLauncher.app/Contents/MacOS/ZenthoLauncher"),
+                       args);
+        started_.push_back(std::move(process));
+        return started_.back().get();
+    }
+    QString socketPath() const {
+        return dir_.filePath(QStringLiteral("run/zentho-launcher-%1").arg(::getuid()));
+    }
+    // Waits until a launcher listens for later starts.
+    bool waitForListener() const {
+        QDeadlineTimer deadline(20000);
+        while (!QFileInfo(socketPath()).exists()) {
+            if (deadline.hasExpired())
+                return false;
+            QTest::qWait(50);
+        }
+        return true;
+    }
+    QString recordPath() const { return dir_.filePath(QStringLiteral("game-record")); }
+    QStringList gameArguments() const {
+        QStringList arguments;
+        for (const QByteArray& line : TestFiles::readFile(recordPath()).split('\n'))
+            if (line.startsWith("arg="))
+                arguments.append(QString::fromUtf8(line.mid(4)));
+        return arguments;
+    }
+    qint64 gamePid() const {
+        for (const QByteArray& line : TestFiles::readFile(recordPath()).split('\n'))
+            if (line.startsWith("pid="))
+                return line.mid(4).toLongLong();
+        return 0;
+    }
+
+private:
+    QTemporaryDir dir_;
+    QProcessEnvironment env_;
+    std::vector<std::unique_ptr<QProcess>> started_;
+};
+
+bool endsWith(QProcess* process, int code, int timeoutMs = 20000) {
+    return process->waitForFinished(timeoutMs) && process->exitStatus() == QProcess::NormalExit &&
+           process->exitCode() == code;
+}
+
+} // namespace
+
+class TestSingleLauncher : public QObject {
+    Q_OBJECT
+
+private slots:
+    void linkOpenedWhileRunningReachesTheGame() {
+        Launchers launchers;
+        QProcess* first = launchers.start();
+        QVERIFY(launchers.waitForListener());
+        QProcess* second = launchers.start({kInvite});
+        QVERIFY(endsWith(second, 0));
+        // The running launcher takes the link, falls back to the seed build offline, starts it
+        // with the link and quits.
+        QVERIFY(endsWith(first, 0));
+        QCOMPARE(launchers.gameArguments(), QStringList{kInvite});
+    }
+
+    void secondStartWithoutLinkLeavesTheFirstWaiting() {
+        Launchers launchers;
+        QProcess* first = launchers.start();
+        QVERIFY(launchers.waitForListener());
+        QProcess* second = launchers.start();
+        QVERIFY(endsWith(second, 0));
+        QVERIFY(!first->waitForFinished(1500));
+        QVERIFY(!QFileInfo::exists(launchers.recordPath()));
+    }
+
+    void linkOnTheCommandLineIsFollowedAtOnce() {
+        Launchers launchers;
+        QProcess* only = launchers.start({QStringLiteral("-platform"), QStringLiteral("offscreen"), kInvite});
+        QVERIFY(endsWith(only, 0));
+        QCOMPARE(launchers.gameArguments(), QStringList{kInvite});
+    }
+
+    void crashedLauncherDoesNotSwallowTheNextLink() {
+        Launchers launchers;
+        QProcess* crashed = launchers.start();
+        QVERIFY(launchers.waitForListener());
+        ::kill(pid_t(crashed->processId()), SIGKILL);
+        QVERIFY(crashed->waitForFinished(5000));
+        QVERIFY(QFileInfo::exists(launchers.socketPath()));
+        // Nobody is left to forward to: the new start must follow the link itself.
+        QProcess* next = launchers.start({kInvite});
+        QVERIFY(endsWith(next, 0));
+        QCOMPARE(launchers.gameArguments(), QStringList{kInvite});
+    }
+};
+
+QTEST_GUILESS_MAIN(TestSingleLauncher)
+#include "TestSingleLauncher.moc"
