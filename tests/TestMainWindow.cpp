@@ -1,14 +1,8 @@
 #include "LauncherModelProbe.h"
-#include "RecordingPlatform.h"
-#include "ScopedDataHome.h"
 #include "TestFiles.h"
-#include "ui/MainWindow.h"
+#include "WindowFixture.h"
 
-#include <QAccessible>
-#include <QDir>
 #include <QFontMetricsF>
-#include <QGuiApplication>
-#include <QImage>
 #include <QKeySequence>
 #include <QQmlComponent>
 #include <QQuickItem>
@@ -19,79 +13,7 @@
 
 namespace {
 
-const QString kBundleExe = QStringLiteral("/opt/games/ZenthoLauncher.app/Contents/MacOS/ZenthoLauncher");
 const QString kMainLabel = QStringLiteral("CHECK FOR UPDATES & PLAY");
-
-// One launcher window on a private data folder, shown offscreen.
-struct Fixture {
-    explicit Fixture(const QStringList& savedVersions = {}) {
-        for (const QString& version : savedVersions)
-            TestFiles::makeBuild(home.versionsRoot() + QLatin1Char('/') + version);
-        model = std::make_unique<LauncherModel>(platform);
-        window = std::make_unique<MainWindow>(*model);
-        window->show();
-        QVERIFY(QTest::qWaitForWindowExposed(window->window()));
-    }
-
-    QQuickItem* item(const char* name) const {
-        auto* found = window->window()->findChild<QQuickItem*>(QString::fromLatin1(name));
-        if (!found)
-            qFatal("no item named %s in the window", name);
-        return found;
-    }
-    QVariant property(const char* name, const char* property) const {
-        return item(name)->property(property);
-    }
-    QRect rectOf(const char* name) const {
-        QQuickItem* it = item(name);
-        return it->mapRectToScene(QRectF(0, 0, it->width(), it->height())).toAlignedRect();
-    }
-    QImage grab() const {
-        QImage image = window->window()->grabWindow();
-        return image.convertToFormat(QImage::Format_RGB32);
-    }
-
-    ScopedDataHome home;
-    RecordingPlatform platform{kBundleExe, {kBundleExe}};
-    std::unique_ptr<LauncherModel> model;
-    std::unique_ptr<MainWindow> window;
-};
-
-bool near(QRgb pixel, int r, int g, int b, int tolerance = 1) {
-    return std::abs(qRed(pixel) - r) <= tolerance && std::abs(qGreen(pixel) - g) <= tolerance &&
-           std::abs(qBlue(pixel) - b) <= tolerance;
-}
-
-int countPixels(const QImage& image, const QRect& area, int r, int g, int b, int tolerance = 1) {
-    int count = 0;
-    const QRect inside = area.intersected(image.rect());
-    for (int y = inside.top(); y <= inside.bottom(); ++y)
-        for (int x = inside.left(); x <= inside.right(); ++x)
-            count += near(image.pixel(x, y), r, g, b, tolerance) ? 1 : 0;
-    return count;
-}
-
-// Pixels much brighter than the background: where text is drawn.
-int countBright(const QImage& image, const QRect& area) {
-    int count = 0;
-    const QRect inside = area.intersected(image.rect());
-    for (int y = inside.top(); y <= inside.bottom(); ++y)
-        for (int x = inside.left(); x <= inside.right(); ++x)
-            count += qGray(image.pixel(x, y)) > 128 ? 1 : 0;
-    return count;
-}
-
-QString accessibleName(QObject* object) {
-    QAccessibleInterface* iface = QAccessible::queryAccessibleInterface(object);
-    return iface ? iface->text(QAccessible::Name) : QString();
-}
-
-void saveScreenshot(const QImage& image, const QString& name) {
-    const QString folder = qEnvironmentVariable("ZENTHO_BUILD_DIR", QDir::tempPath()) +
-                           QStringLiteral("/screenshots");
-    QDir().mkpath(folder);
-    QVERIFY(image.save(folder + QLatin1Char('/') + name));
-}
 
 // The background colour (0.02, 0.075, 0.04) in 8-bit sRGB.
 constexpr int kBgR = 5, kBgG = 19, kBgB = 10;
@@ -103,7 +25,7 @@ class TestMainWindow : public QObject {
 
 private slots:
     void windowIsFixedAtItsSizeAndTitled() {
-        Fixture f;
+        WindowFixture f;
         QQuickWindow* w = f.window->window();
         QCOMPARE(w->title(), QStringLiteral("ZENTHO Launcher"));
         QCOMPARE(w->size(), QSize(620, 510));
@@ -114,31 +36,31 @@ private slots:
     }
 
     void grabShowsTheBackgroundInTheCorners() {
-        Fixture f;
+        WindowFixture f;
         const QImage image = f.grab();
-        saveScreenshot(image, QStringLiteral("window-idle.png"));
+        WindowPixels::save(image, QStringLiteral("window-idle.png"));
         QCOMPARE(image.size(), QSize(620, 510));
         for (const QPoint corner : {QPoint(0, 0), QPoint(619, 0), QPoint(0, 509), QPoint(619, 509)})
-            QVERIFY2(near(image.pixel(corner), kBgR, kBgG, kBgB),
+            QVERIFY2(WindowPixels::near(image.pixel(corner), kBgR, kBgG, kBgB),
                      qPrintable(QColor(image.pixel(corner)).name()));
         // The same check finds a colour that is not there: the title's lime is in no corner.
-        QVERIFY(!near(image.pixel(0, 0), 184, 255, 51));
+        QVERIFY(!WindowPixels::near(image.pixel(0, 0), 184, 255, 51));
     }
 
     void titleIsDrawnInLime() {
-        Fixture f;
+        WindowFixture f;
         const QImage image = f.grab();
         QCOMPARE(f.property("titleText", "text").toString(), QStringLiteral("ZENTHO"));
         QCOMPARE(f.item("titleText")->property("font").value<QFont>().pixelSize(), 46);
         QVERIFY(f.item("titleText")->property("font").value<QFont>().bold());
-        QVERIFY(countPixels(image, f.rectOf("titleText"), 184, 255, 51) > 50);
+        QVERIFY(WindowPixels::count(image, f.rectOf("titleText"), 184, 255, 51) > 50);
         // The subtitle's teal is not the title's colour.
-        QCOMPARE(countPixels(image, f.rectOf("subtitleText"), 184, 255, 51), 0);
-        QVERIFY(countPixels(image, f.rectOf("subtitleText"), 82, 230, 219) > 10);
+        QCOMPARE(WindowPixels::count(image, f.rectOf("subtitleText"), 184, 255, 51), 0);
+        QVERIFY(WindowPixels::count(image, f.rectOf("subtitleText"), 82, 230, 219) > 10);
     }
 
     void everyRowShowsItsText() {
-        Fixture f;
+        WindowFixture f;
         QCOMPARE(f.property("subtitleText", "text").toString(), QStringLiteral("Managed Launcher"));
         QCOMPARE(f.property("installedText", "text").toString(), QStringLiteral("Installed: 0.1.190"));
         QCOMPARE(f.property("installedSectionText", "text").toString(),
@@ -157,7 +79,7 @@ private slots:
     }
 
     void rowsKeepTheirOrderInsideThePadding() {
-        Fixture f;
+        WindowFixture f;
         const char* const rows[] = {"titleText", "subtitleText", "spacer", "installedText",
                                     "statusText", "updateAndPlayButton", "divider",
                                     "installedSectionText", "installedRow", "installedHintText",
@@ -174,7 +96,7 @@ private slots:
     }
 
     void installedVersionFollowsTheModel() {
-        Fixture f;
+        WindowFixture f;
         QCOMPARE(f.property("installedText", "text").toString(), QStringLiteral("Installed: 0.1.190"));
         TestFiles::writeFile(f.home.statePath(), "{\"version\":\"0.2.0\",\"path\":\"/x\"}");
         LauncherModel other(f.platform);
@@ -184,17 +106,17 @@ private slots:
     }
 
     void statusLineShowsTheModelsStatus() {
-        Fixture f;
+        WindowFixture f;
         QCOMPARE(f.property("statusText", "text").toString(), QStringLiteral("Ready"));
         LauncherModelProbe::setStatus(*f.model, QStringLiteral("Checking for updates..."));
         QCOMPARE(f.property("statusText", "text").toString(), QStringLiteral("Checking for updates..."));
-        QVERIFY(countBright(f.grab(), f.rectOf("statusText")) > 20);
+        QVERIFY(WindowPixels::countBright(f.grab(), f.rectOf("statusText")) > 20);
         LauncherModelProbe::setStatus(*f.model, QString());
-        QCOMPARE(countBright(f.grab(), f.rectOf("statusText")), 0);
+        QCOMPARE(WindowPixels::countBright(f.grab(), f.rectOf("statusText")), 0);
     }
 
     void longStatusStaysOneLineHigh() {
-        Fixture f;
+        WindowFixture f;
         LauncherModelProbe::setStatus(*f.model, QStringLiteral("Update failed: short"));
         QCOMPARE(f.item("statusText")->height(), 24.0);
         QVERIFY(!f.property("statusText", "truncated").toBool());
@@ -207,7 +129,7 @@ private slots:
     }
 
     void mainButtonShowsTheAmpersand() {
-        Fixture f;
+        WindowFixture f;
         QQuickItem* button = f.item("updateAndPlayButton");
         auto* label = button->findChild<QQuickItem*>(QStringLiteral("prominentButtonLabel"));
         QVERIFY(label);
@@ -220,12 +142,12 @@ private slots:
         const double drawn = label->property("contentWidth").toDouble();
         QVERIFY(std::abs(drawn - metrics.horizontalAdvance(kMainLabel)) <= 1.5);
         QVERIFY(std::abs(drawn - metrics.horizontalAdvance(QStringLiteral("CHECK FOR UPDATES  PLAY"))) > 5);
-        QVERIFY(countBright(f.grab(), f.rectOf("updateAndPlayButton")) > 100);
+        QVERIFY(WindowPixels::countBright(f.grab(), f.rectOf("updateAndPlayButton")) > 100);
     }
 
     void plainButtonTextWouldHideTheAmpersand() {
         // Why the caption is drawn by its own Text: a Button's text treats "&" as a mnemonic.
-        Fixture f;
+        WindowFixture f;
         QQmlComponent component(&f.window->engine());
         component.setData("import QtQuick.Controls.Basic\nButton { text: \"CHECK FOR UPDATES & PLAY\" }",
                           QUrl());
@@ -235,7 +157,7 @@ private slots:
     }
 
     void busyDisablesBothPlayButtonsOnly() {
-        Fixture f({QStringLiteral("0.2.0")});
+        WindowFixture f({QStringLiteral("0.2.0")});
         QVERIFY(f.property("updateAndPlayButton", "enabled").toBool());
         QVERIFY(f.property("playInstalledButton", "enabled").toBool());
         LauncherModelProbe::setBusy(*f.model, true);
@@ -246,7 +168,7 @@ private slots:
         QVERIFY(!f.property("playInstalledButton", "enabled").toBool());
         QVERIFY(f.property("versionPicker", "enabled").toBool());
         QVERIFY(f.property("copyDataFolderButton", "enabled").toBool());
-        saveScreenshot(f.grab(), QStringLiteral("window-busy.png"));
+        WindowPixels::save(f.grab(), QStringLiteral("window-busy.png"));
         LauncherModelProbe::setBusy(*f.model, false);
         QCOMPARE(label->property("text").toString(), kMainLabel);
         QVERIFY(f.property("updateAndPlayButton", "enabled").toBool());
@@ -254,7 +176,7 @@ private slots:
     }
 
     void pickerWhileBusyStillChangesTheSelection() {
-        Fixture f({QStringLiteral("0.1.190"), QStringLiteral("0.2.0")});
+        WindowFixture f({QStringLiteral("0.1.190"), QStringLiteral("0.2.0")});
         LauncherModelProbe::setBusy(*f.model, true);
         f.item("versionPicker")->forceActiveFocus();
         QTest::keyClick(f.window->window(), Qt::Key_Down);
@@ -262,7 +184,7 @@ private slots:
     }
 
     void noSavedBuildsShowsThePlaceholder() {
-        Fixture f;
+        WindowFixture f;
         QQuickItem* picker = f.item("versionPicker");
         QCOMPARE(picker->property("count").toInt(), 1);
         QCOMPARE(picker->property("displayText").toString(), QStringLiteral("No saved versions"));
@@ -273,18 +195,18 @@ private slots:
     }
 
     void savedBuildsListNewestFirstAndSelectIt() {
-        Fixture f({QStringLiteral("0.1.190"), QStringLiteral("0.10.0"), QStringLiteral("0.2.0")});
+        WindowFixture f({QStringLiteral("0.1.190"), QStringLiteral("0.10.0"), QStringLiteral("0.2.0")});
         QQuickItem* picker = f.item("versionPicker");
         QCOMPARE(picker->property("count").toInt(), 3);
         QCOMPARE(picker->property("displayText").toString(), QStringLiteral("0.10.0"));
         QCOMPARE(picker->property("currentValue").toString(), f.home.versionsRoot() + "/0.10.0");
         QCOMPARE(f.model->selectedInstalledPath(), f.home.versionsRoot() + "/0.10.0");
         QVERIFY(f.property("playInstalledButton", "enabled").toBool());
-        saveScreenshot(f.grab(), QStringLiteral("window-builds.png"));
+        WindowPixels::save(f.grab(), QStringLiteral("window-builds.png"));
     }
 
     void aBuildSavedLaterAppearsSelected() {
-        Fixture f;
+        WindowFixture f;
         QVERIFY(!f.property("playInstalledButton", "enabled").toBool());
         TestFiles::makeBuild(f.home.versionsRoot() + QStringLiteral("/0.3.0"));
         LauncherModelProbe::refreshInstalledBuilds(*f.model);
@@ -295,7 +217,7 @@ private slots:
     }
 
     void choosingAnEntryWritesTheSelection() {
-        Fixture f({QStringLiteral("0.1.190"), QStringLiteral("0.2.0")});
+        WindowFixture f({QStringLiteral("0.1.190"), QStringLiteral("0.2.0")});
         f.item("versionPicker")->forceActiveFocus();
         QTest::keyClick(f.window->window(), Qt::Key_Down);
         QCOMPARE(f.model->selectedInstalledPath(), f.home.versionsRoot() + QStringLiteral("/0.1.190"));
@@ -308,7 +230,7 @@ private slots:
     }
 
     void selectionSetByTheModelMovesThePicker() {
-        Fixture f({QStringLiteral("0.1.190"), QStringLiteral("0.2.0")});
+        WindowFixture f({QStringLiteral("0.1.190"), QStringLiteral("0.2.0")});
         f.model->setSelectedInstalledPath(f.home.versionsRoot() + QStringLiteral("/0.1.190"));
         QCOMPARE(f.property("versionPicker", "displayText").toString(), QStringLiteral("0.1.190"));
         f.model->setSelectedInstalledPath(QString());
@@ -317,7 +239,7 @@ private slots:
     }
 
     void controlsHaveAccessibleNames() {
-        Fixture f;
+        WindowFixture f;
         QCOMPARE(accessibleName(f.item("updateAndPlayButton")), kMainLabel);
         QCOMPARE(accessibleName(f.item("versionPicker")), QStringLiteral("Version"));
         QCOMPARE(accessibleName(f.item("playInstalledButton")), QStringLiteral("PLAY THIS VERSION"));
@@ -325,43 +247,21 @@ private slots:
     }
 
     void dividerFillsWithDownloadProgress() {
-        Fixture f;
+        WindowFixture f;
         const QRect divider = f.rectOf("divider");
         const QRect left(divider.left(), divider.top(), divider.width() / 4, divider.height());
         const QRect right(divider.right() - divider.width() / 4, divider.top(), divider.width() / 4,
                           divider.height());
-        QCOMPARE(countPixels(f.grab(), divider, 64, 194, 38, 2), 0);
+        QCOMPARE(WindowPixels::count(f.grab(), divider, 64, 194, 38, 2), 0);
         LauncherModelProbe::setDownloadProgress(*f.model, 0.5);
         QVERIFY(f.property("dividerProgress", "visible").toBool());
         QImage image = f.grab();
-        saveScreenshot(image, QStringLiteral("window-downloading.png"));
-        QVERIFY(countPixels(image, left, 64, 194, 38, 2) > 50);
-        QCOMPARE(countPixels(image, right, 64, 194, 38, 2), 0);
+        WindowPixels::save(image, QStringLiteral("window-downloading.png"));
+        QVERIFY(WindowPixels::count(image, left, 64, 194, 38, 2) > 50);
+        QCOMPARE(WindowPixels::count(image, right, 64, 194, 38, 2), 0);
         QCOMPARE(f.rectOf("divider"), divider); // the layout does not move
         LauncherModelProbe::setDownloadProgress(*f.model, -1);
-        QCOMPARE(countPixels(f.grab(), divider, 64, 194, 38, 2), 0);
-    }
-
-    void showingTheWindowActivatesIt() {
-        ScopedDataHome home;
-        RecordingPlatform platform(kBundleExe, {kBundleExe});
-        LauncherModel model(platform);
-        MainWindow window(model);
-        QVERIFY(QGuiApplication::focusWindow() != window.window());
-        window.show();
-        QTRY_COMPARE(QGuiApplication::focusWindow(), window.window());
-    }
-
-    void bringToFrontTakesFocusBack() {
-        Fixture f;
-        QTRY_COMPARE(QGuiApplication::focusWindow(), f.window->window());
-        QQuickWindow other;
-        other.resize(100, 100);
-        other.show();
-        other.requestActivate();
-        QTRY_COMPARE(QGuiApplication::focusWindow(), &other);
-        f.window->bringToFront();
-        QTRY_COMPARE(QGuiApplication::focusWindow(), f.window->window());
+        QCOMPARE(WindowPixels::count(f.grab(), divider, 64, 194, 38, 2), 0);
     }
 };
 

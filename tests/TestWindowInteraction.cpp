@@ -1,0 +1,109 @@
+#include "LauncherModelProbe.h"
+#include "TestFiles.h"
+#include "WindowFixture.h"
+
+#include <QGuiApplication>
+#include <QQuickItem>
+#include <QQuickWindow>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QUrl>
+
+namespace {
+const QString kMainLabel = QStringLiteral("CHECK FOR UPDATES & PLAY");
+} // namespace
+
+// The window used with the mouse: each click reaches the model's command, a disabled button
+// reaches nothing, and the window takes focus when it appears or is asked to come forward.
+class TestWindowInteraction : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir nowhere_;
+
+private slots:
+    // The main button's flow runs offline here: its manifests are files that do not exist.
+    void initTestCase() {
+        qputenv("ZENTHO_UPDATE_MANIFEST", QUrl::fromLocalFile(nowhere_.filePath("game.json")).toEncoded());
+        qputenv("ZENTHO_LAUNCHER_UPDATE_MANIFEST",
+                QUrl::fromLocalFile(nowhere_.filePath("launcher.json")).toEncoded());
+    }
+
+    void clickingTheLinkCopiesTheDataFolder() {
+        WindowFixture f;
+        LauncherModelProbe::setBusy(*f.model, true); // the link works whatever runs
+        QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("copyDataFolderButton").center());
+        QCOMPARE(f.platform.clipboardWrites.size(), 1);
+        QCOMPARE(f.platform.clipboardWrites.first(), f.home.path() + QStringLiteral("/Zentho"));
+        QCOMPARE(f.property("statusText", "text").toString(), f.model->status());
+        QVERIFY(f.model->status() != QStringLiteral("Ready"));
+    }
+
+    void clickingBesideTheLinkCopiesNothing() {
+        WindowFixture f;
+        const QRect link = f.rectOf("copyDataFolderButton");
+        QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, QPoint(link.left() - 20, link.center().y()));
+        QVERIFY(f.platform.clipboardWrites.isEmpty());
+        QCOMPARE(f.model->status(), QStringLiteral("Ready"));
+    }
+
+    void clickingPlayThisVersionStartsTheChosenBuild() {
+        WindowFixture f;
+        const QString build = f.home.versionsRoot() + QStringLiteral("/0.2.0");
+        TestFiles::writeScript(build + QStringLiteral("/zentho"), "exec sleep 3\n");
+        LauncherModelProbe::refreshInstalledBuilds(*f.model);
+        QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("playInstalledButton").center());
+        QVERIFY(f.model->busy());
+        QCOMPARE(f.property("playInstalledButton", "enabled").toBool(), false);
+        QTRY_COMPARE_WITH_TIMEOUT(f.platform.quitCount, 1, 10000);
+    }
+
+    void clickingADisabledPlayButtonDoesNothing() {
+        WindowFixture f({QStringLiteral("0.2.0")});
+        LauncherModelProbe::setBusy(*f.model, true);
+        LauncherModelProbe::setStatus(*f.model, QStringLiteral("Checking for updates..."));
+        QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("playInstalledButton").center());
+        QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("updateAndPlayButton").center());
+        QTest::qWait(900);
+        QCOMPARE(f.model->status(), QStringLiteral("Checking for updates..."));
+        QCOMPARE(f.platform.quitCount, 0);
+    }
+
+    void clickingTheMainButtonRunsTheFlow() {
+        WindowFixture f;
+        QStringList seen;
+        connect(f.model.get(), &LauncherModel::statusChanged, this, [&] { seen.append(f.model->status()); });
+        QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("updateAndPlayButton").center());
+        QCOMPARE(seen.value(0), QStringLiteral("Checking launcher version..."));
+        // No manifest and no seed build at this made-up bundle: the flow ends in a failure.
+        QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 10000);
+        QVERIFY(f.model->status().startsWith(QStringLiteral("Update failed: ")));
+        QCOMPARE(f.property("statusText", "text").toString(), f.model->status());
+        auto* label = f.item("updateAndPlayButton")->findChild<QQuickItem*>(QStringLiteral("prominentButtonLabel"));
+        QCOMPARE(label->property("text").toString(), kMainLabel);
+    }
+
+    void showingTheWindowActivatesIt() {
+        ScopedDataHome home;
+        RecordingPlatform platform(WindowFixture::kBundleExe, {WindowFixture::kBundleExe});
+        LauncherModel model(platform);
+        MainWindow window(model);
+        QVERIFY(QGuiApplication::focusWindow() != window.window());
+        window.show();
+        QTRY_COMPARE(QGuiApplication::focusWindow(), window.window());
+    }
+
+    void bringToFrontTakesFocusBack() {
+        WindowFixture f;
+        QTRY_COMPARE(QGuiApplication::focusWindow(), f.window->window());
+        QQuickWindow other;
+        other.resize(100, 100);
+        other.show();
+        other.requestActivate();
+        QTRY_COMPARE(QGuiApplication::focusWindow(), &other);
+        f.window->bringToFront();
+        QTRY_COMPARE(QGuiApplication::focusWindow(), f.window->window());
+    }
+};
+
+QTEST_MAIN(TestWindowInteraction)
+#include "TestWindowInteraction.moc"

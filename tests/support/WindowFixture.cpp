@@ -1,0 +1,80 @@
+#include "WindowFixture.h"
+
+#include "TestFiles.h"
+
+#include <QAccessible>
+#include <QDir>
+#include <QQuickItem>
+#include <QQuickWindow>
+#include <QTest>
+
+const QString WindowFixture::kBundleExe =
+    QStringLiteral("/opt/games/ZenthoLauncher.app/Contents/MacOS/ZenthoLauncher");
+
+WindowFixture::WindowFixture(const QStringList& savedVersions) {
+    for (const QString& version : savedVersions)
+        TestFiles::makeBuild(home.versionsRoot() + QLatin1Char('/') + version);
+    model = std::make_unique<LauncherModel>(platform);
+    window = std::make_unique<MainWindow>(*model);
+    window->show();
+    QVERIFY(QTest::qWaitForWindowExposed(window->window()));
+}
+
+QQuickItem* WindowFixture::item(const char* name) const {
+    auto* found = window->window()->findChild<QQuickItem*>(QString::fromLatin1(name));
+    if (!found)
+        qFatal("no item named %s in the window", name);
+    return found;
+}
+
+QVariant WindowFixture::property(const char* name, const char* property) const {
+    return item(name)->property(property);
+}
+
+QRect WindowFixture::rectOf(const char* name) const {
+    QQuickItem* it = item(name);
+    return it->mapRectToScene(QRectF(0, 0, it->width(), it->height())).toAlignedRect();
+}
+
+QImage WindowFixture::grab() const {
+    return window->window()->grabWindow().convertToFormat(QImage::Format_RGB32);
+}
+
+namespace WindowPixels {
+
+bool near(QRgb pixel, int r, int g, int b, int tolerance) {
+    return std::abs(qRed(pixel) - r) <= tolerance && std::abs(qGreen(pixel) - g) <= tolerance &&
+           std::abs(qBlue(pixel) - b) <= tolerance;
+}
+
+int count(const QImage& image, const QRect& area, int r, int g, int b, int tolerance) {
+    int found = 0;
+    const QRect inside = area.intersected(image.rect());
+    for (int y = inside.top(); y <= inside.bottom(); ++y)
+        for (int x = inside.left(); x <= inside.right(); ++x)
+            found += near(image.pixel(x, y), r, g, b, tolerance) ? 1 : 0;
+    return found;
+}
+
+int countBright(const QImage& image, const QRect& area) {
+    int found = 0;
+    const QRect inside = area.intersected(image.rect());
+    for (int y = inside.top(); y <= inside.bottom(); ++y)
+        for (int x = inside.left(); x <= inside.right(); ++x)
+            found += qGray(image.pixel(x, y)) > 128 ? 1 : 0;
+    return found;
+}
+
+void save(const QImage& image, const QString& name) {
+    const QString folder = qEnvironmentVariable("ZENTHO_BUILD_DIR", QDir::tempPath()) +
+                           QStringLiteral("/screenshots");
+    QDir().mkpath(folder);
+    QVERIFY(image.save(folder + QLatin1Char('/') + name));
+}
+
+} // namespace WindowPixels
+
+QString accessibleName(QObject* object) {
+    QAccessibleInterface* iface = QAccessible::queryAccessibleInterface(object);
+    return iface ? iface->text(QAccessible::Name) : QString();
+}
