@@ -18,4 +18,10 @@ struct LauncherModelProbe {
     static void setDownloadProgress(LauncherModel& m, double fraction) {
         m.setDownloadProgress(fraction);
     }
+    static QCoro::Task<void> launch(LauncherModel& m, const QUrl& runtime, const QString& executable) {
+        return m.launch(runtime, executable);
+    }
+    static void setInstalledBuilds(LauncherModel& m, const QList<InstalledBuild>& builds) {
+        m.installedBuilds_ = builds;
+    }
 };

@@ -10,7 +10,7 @@
 #include <csignal>
 #include <spawn.h>
 #include <string>
-#include <sys/pidfd.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
@@ -19,6 +19,11 @@
 extern char** environ;
 
 namespace {
+
+// Through the system call itself: glibc 2.36's <sys/pidfd.h> lacks C linkage for C++ callers.
+int openProcessDescriptor(pid_t pid) {
+    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+}
 
 // posix_spawn's attribute and file-action objects, released on every path.
 struct SpawnSetup {
@@ -80,7 +85,7 @@ GameProcess GameProcess::start(const QString& program, const QString& workingFol
         throwStartError(err, program);
     // Taken at once, while the child cannot yet have been collected, so the descriptor can only
     // ever refer to our game. On a kernel without process descriptors the reaper polls instead.
-    const int pidfd = ::pidfd_open(pid, 0);
+    const int pidfd = openProcessDescriptor(pid);
     return GameProcess(pid, pidfd, program);
 }
 
