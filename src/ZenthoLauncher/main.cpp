@@ -5,6 +5,7 @@
 #include "ui/MainWindow.h"
 
 #include <QGuiApplication>
+#include <QQuickWindow>
 
 #include <cstdio>
 #include <cstring>
@@ -51,7 +52,7 @@ int main(int argc, char** argv) {
     LauncherModel model(platform);
     try {
         MainWindow window(model);
-        QObject::connect(&channel, &InviteChannel::inviteReceived, &model,
+        QObject::connect(&channel, &InviteChannel::inviteReceived, window.window(),
                          [&](const QString& forwarded) {
                              window.bringToFront();
                              if (!forwarded.isEmpty())
