@@ -201,15 +201,20 @@ private slots:
         QVERIFY((info.st_mode & 077) != 0u);
     }
 
-    void defaultAddressIsPerUserInTheRuntimeFolder() {
+    void defaultAddressIsPerUserAndStorageInTheRuntimeFolder() {
         const QByteArray previous = qgetenv("XDG_RUNTIME_DIR");
+        const QString root = QStringLiteral("/home/pat/.local/share/Zentho/launcher");
+        const QString name = QStringLiteral("zentho-launcher-%1-").arg(::getuid());
         qputenv("XDG_RUNTIME_DIR", QFile::encodeName(dir_->path()));
-        const QString name = QStringLiteral("zentho-launcher-%1").arg(::getuid());
-        QCOMPARE(InviteChannel::defaultAddress(), dir_->filePath(name));
+        const QString address = InviteChannel::defaultAddress(root);
+        QVERIFY2(address.startsWith(dir_->filePath(name)), qPrintable(address));
+        QCOMPARE(InviteChannel::defaultAddress(root), address);
+        QVERIFY(InviteChannel::defaultAddress(QStringLiteral("/srv/other/Zentho/launcher")) != address);
         qputenv("XDG_RUNTIME_DIR", QFile::encodeName(dir_->filePath(QStringLiteral("missing"))));
-        QCOMPARE(InviteChannel::defaultAddress(), name);
+        QVERIFY(InviteChannel::defaultAddress(root).startsWith(name));
         qunsetenv("XDG_RUNTIME_DIR");
-        QCOMPARE(InviteChannel::defaultAddress(), name);
+        QVERIFY(InviteChannel::defaultAddress(root).startsWith(name));
+        QCOMPARE(InviteChannel::defaultAddress(root).size(), name.size() + 12);
         if (!previous.isNull())
             qputenv("XDG_RUNTIME_DIR", previous);
     }

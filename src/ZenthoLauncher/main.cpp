@@ -1,6 +1,8 @@
 #include "LauncherVersion.h"
 #include "model/LauncherModel.h"
+#include "platform/FileManager.h"
 #include "platform/LinuxPlatform.h"
+#include "storage/StorageLayout.h"
 #include "ui/InviteChannel.h"
 #include "ui/MainWindow.h"
 
@@ -41,10 +43,11 @@ int main(int argc, char** argv) {
     app.setApplicationVersion(launcherVersion());
     app.setDesktopFileName(QStringLiteral("zentho-launcher"));
 
-    // One launcher per user: a later start hands its link (or just a wish to be seen) to the
-    // launcher that already runs, and ends.
+    // One launcher per user (per storage): a later start hands its link (or just a wish to be
+    // seen) to the launcher that already runs, and ends.
     const QString invite = inviteFromArguments(app.arguments());
-    InviteChannel channel(InviteChannel::defaultAddress());
+    StorageLayout storage(FileManager::defaultManager());
+    InviteChannel channel(InviteChannel::defaultAddress(storage.launcherRoot()));
     if (channel.startOrForward(invite) == InviteChannel::Role::Forwarded)
         return 0;
 

@@ -1,6 +1,7 @@
 #include "TestFiles.h"
 
 #include <QDeadlineTimer>
+#include <QDir>
 #include <QFileInfo>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -25,7 +26,7 @@ public:
     Launchers() {
         env_ = QProcessEnvironment::systemEnvironment();
         env_.insert(QStringLiteral("XDG_RUNTIME_DIR"), dir_.filePath(QStringLiteral("run")));
-        env_.insert(QStringLiteral("XDG_DATA_HOME"), dir_.filePath(QStringLiteral("data")));
+        useStorage(QStringLiteral("data"));
         env_.insert(QStringLiteral("ZENTHO_UPDATE_MANIFEST"),
                     QUrl::fromLocalFile(dir_.filePath(QStringLiteral("none.json"))).toString());
         env_.insert(QStringLiteral("ZENTHO_LAUNCHER_UPDATE_MANIFEST"),
@@ -45,6 +46,10 @@ public:
             ::kill(pid_t(pid), SIGTERM);
     }
 
+    // Later starts keep their builds under this folder of the test's own.
+    void useStorage(const QString& name) {
+        env_.insert(QStringLiteral("XDG_DATA_HOME"), dir_.filePath(name));
+    }
     QProcess* start(const QStringList& args = {}) {
         auto process = std::make_unique<QProcess>();
         process->setProcessEnvironment(env_);
@@ -55,13 +60,15 @@ public:
         started_.push_back(std::move(process));
         return started_.back().get();
     }
-    QString socketPath() const {
-        return dir_.filePath(QStringLiteral("run/zentho-launcher-%1").arg(::getuid()));
+    // The sockets of the launchers that listen, or once listened, for later starts.
+    QStringList sockets() const {
+        const QString prefix = QStringLiteral("zentho-launcher-%1-").arg(::getuid());
+        return QDir(dir_.filePath(QStringLiteral("run"))).entryList({prefix + QLatin1Char('*')}, QDir::System);
     }
-    // Waits until a launcher listens for later starts.
-    bool waitForListener() const {
+    // Waits until `count` launchers listen for later starts.
+    bool waitForListeners(int count = 1) const {
         QDeadlineTimer deadline(20000);
-        while (!QFileInfo(socketPath()).exists()) {
+        while (sockets().size() < count) {
             if (deadline.hasExpired())
                 return false;
             QTest::qWait(50);
@@ -103,7 +110,7 @@ private slots:
     void linkOpenedWhileRunningReachesTheGame() {
         Launchers launchers;
         QProcess* first = launchers.start();
-        QVERIFY(launchers.waitForListener());
+        QVERIFY(launchers.waitForListeners());
         QProcess* second = launchers.start({kInvite});
         QVERIFY(endsWith(second, 0));
         // The running launcher takes the link, falls back to the seed build offline, starts it
@@ -115,11 +122,24 @@ private slots:
     void secondStartWithoutLinkLeavesTheFirstWaiting() {
         Launchers launchers;
         QProcess* first = launchers.start();
-        QVERIFY(launchers.waitForListener());
+        QVERIFY(launchers.waitForListeners());
         QProcess* second = launchers.start();
         QVERIFY(endsWith(second, 0));
         QVERIFY(!first->waitForFinished(1500));
         QVERIFY(!QFileInfo::exists(launchers.recordPath()));
+    }
+
+    void launchersWithSeparateStorageDoNotShareLinks() {
+        Launchers launchers;
+        QProcess* first = launchers.start();
+        QVERIFY(launchers.waitForListeners());
+        launchers.useStorage(QStringLiteral("other-data"));
+        QProcess* other = launchers.start({kInvite});
+        // The other launcher follows the link itself: it starts the game and quits.
+        QVERIFY(endsWith(other, 0));
+        QCOMPARE(launchers.gameArguments(), QStringList{kInvite});
+        // Had the link gone to the first launcher, that one would have started a game and quit.
+        QVERIFY(!first->waitForFinished(1500));
     }
 
     void linkOnTheCommandLineIsFollowedAtOnce() {
@@ -132,10 +152,10 @@ private slots:
     void crashedLauncherDoesNotSwallowTheNextLink() {
         Launchers launchers;
         QProcess* crashed = launchers.start();
-        QVERIFY(launchers.waitForListener());
+        QVERIFY(launchers.waitForListeners());
         ::kill(pid_t(crashed->processId()), SIGKILL);
         QVERIFY(crashed->waitForFinished(5000));
-        QVERIFY(QFileInfo::exists(launchers.socketPath()));
+        QCOMPARE(launchers.sockets().size(), 1); // left behind by the crash
         // Nobody is left to forward to: the new start must follow the link itself.
         QProcess* next = launchers.start({kInvite});
         QVERIFY(endsWith(next, 0));

@@ -1,7 +1,9 @@
 #include "InviteChannel.h"
 
+#include <QCryptographicHash>
 #include <QDataStream>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QLocalSocket>
 
@@ -23,8 +25,14 @@ bool connectTo(QLocalSocket& socket, const QString& address, int timeoutMs) {
 
 } // namespace
 
-QString InviteChannel::defaultAddress() {
-    const QString name = QStringLiteral("zentho-launcher-%1").arg(::getuid());
+QString InviteChannel::defaultAddress(const QString& launcherRoot) {
+    // A short digest keeps the name well inside the length limit of a socket path.
+    const QByteArray storage =
+        QCryptographicHash::hash(QFile::encodeName(launcherRoot), QCryptographicHash::Sha256)
+            .toHex()
+            .left(12);
+    const QString name =
+        QStringLiteral("zentho-launcher-%1-%2").arg(::getuid()).arg(QString::fromLatin1(storage));
     const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
     if (!runtime.isEmpty() && QFileInfo(runtime).isDir())
         return QDir(runtime).filePath(name);

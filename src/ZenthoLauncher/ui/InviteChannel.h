@@ -19,9 +19,11 @@ public:
         Unshared,  // neither: run alone (the address is held by a launcher that does not answer)
     };
 
-    // The socket for the current user: in $XDG_RUNTIME_DIR when the session has one, else in the
-    // system's default place for local sockets.
-    static QString defaultAddress();
+    // The socket for the current user and the launcher storage at `launcherRoot`: in
+    // $XDG_RUNTIME_DIR when the session has one, else in the system's default place for local
+    // sockets. Launchers that keep their builds in different places share nothing, so each
+    // storage gets its own socket; for a player that is one socket per user.
+    static QString defaultAddress(const QString& launcherRoot);
 
     explicit InviteChannel(QString address, QObject* parent = nullptr);
 
