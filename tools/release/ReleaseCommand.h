@@ -23,3 +23,5 @@ public:
 
 extern const ReleaseCommand keygenCommand;
 extern const ReleaseCommand signBundleCommand;
+extern const ReleaseCommand packCommand;
+extern const ReleaseCommand verifyCommand;

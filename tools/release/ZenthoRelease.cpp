@@ -12,7 +12,8 @@
 namespace {
 
 const std::vector<const ReleaseCommand*>& commands() {
-    static const std::vector<const ReleaseCommand*> all{&keygenCommand, &signBundleCommand};
+    static const std::vector<const ReleaseCommand*> all{&keygenCommand, &signBundleCommand,
+                                                        &packCommand, &verifyCommand};
     return all;
 }
 
