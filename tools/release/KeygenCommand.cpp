@@ -64,6 +64,11 @@ int runKeygen(const std::vector<std::string>& arguments) {
     for (const std::string& path : {key, publicKey}) {
         if (!force && exists(path))
             throw std::runtime_error(path + " already exists; use --force to replace it");
+        // Refused before anything is written: --force must never leave a new private key beside
+        // an old public one because the second name could not be replaced.
+        struct stat info {};
+        if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode))
+            throw std::runtime_error(path + " is a folder");
     }
     const Ed25519Key pair = Ed25519Key::generate();
     writeKeyFile(key, pair.privatePem(), 0600);
