@@ -82,6 +82,33 @@ private slots:
         QCOMPARE(label->property("text").toString(), kMainLabel);
     }
 
+    void choosingAVersionWithTheMouseWritesTheSelection() {
+        WindowFixture f({QStringLiteral("0.1.190"), QStringLiteral("0.2.0")});
+        QQuickItem* picker = f.item("versionPicker");
+        auto* popup = picker->property("popup").value<QObject*>();
+        QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("versionPicker").center());
+        QTRY_VERIFY(popup->property("opened").toBool());
+        auto* list = popup->property("contentItem").value<QQuickItem*>();
+        QQuickItem* older = nullptr;
+        QMetaObject::invokeMethod(list, "itemAtIndex", Q_RETURN_ARG(QQuickItem*, older), Q_ARG(int, 1));
+        QVERIFY(older);
+        QCOMPARE(older->property("text").toString(), QStringLiteral("0.1.190"));
+        const QPointF centre = older->mapToScene(QPointF(older->width() / 2, older->height() / 2));
+        QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, centre.toPoint());
+        QTRY_COMPARE(f.model->selectedInstalledPath(), f.home.versionsRoot() + QStringLiteral("/0.1.190"));
+        QTRY_VERIFY(!popup->property("visible").toBool());
+    }
+
+    void dismissingThePickerKeepsTheSelection() {
+        WindowFixture f({QStringLiteral("0.1.190"), QStringLiteral("0.2.0")});
+        auto* popup = f.item("versionPicker")->property("popup").value<QObject*>();
+        QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("versionPicker").center());
+        QTRY_VERIFY(popup->property("opened").toBool());
+        QTest::keyClick(f.window->window(), Qt::Key_Escape);
+        QTRY_VERIFY(!popup->property("visible").toBool());
+        QCOMPARE(f.model->selectedInstalledPath(), f.home.versionsRoot() + QStringLiteral("/0.2.0"));
+    }
+
     void showingTheWindowActivatesIt() {
         ScopedDataHome home;
         RecordingPlatform platform(WindowFixture::kBundleExe, {WindowFixture::kBundleExe});
