@@ -1,0 +1,303 @@
+#include "BlackHole.h"
+#include "TestServer.h"
+
+#include "update/HttpClient.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QThread>
+#include <QTcpServer>
+#include <QTest>
+
+#include <QCoroTask>
+
+#include <exception>
+#include <memory>
+#include <optional>
+#include <vector>
+
+
+namespace {
+
+QByteArray randomBytes(qsizetype size) {
+    QByteArray bytes(size, Qt::Uninitialized);
+    QRandomGenerator generator(42);
+    for (qsizetype i = 0; i < size; ++i)
+        bytes[i] = char(generator.generate() & 0xff);
+    return bytes;
+}
+
+QByteArray readWhole(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// QCoro::waitFor never returns when the task throws; this hands the exception back instead.
+template <typename T>
+QCoro::Task<void> settle(QCoro::Task<T> task, std::optional<T>* value, std::exception_ptr* error) {
+    try {
+        value->emplace(co_await std::move(task));
+    } catch (...) {
+        *error = std::current_exception();
+    }
+}
+
+template <typename T>
+T await(QCoro::Task<T> task) {
+    std::optional<T> value;
+    std::exception_ptr error;
+    QCoro::waitFor(settle(std::move(task), &value, &error));
+    if (error)
+        std::rethrow_exception(error);
+    return std::move(*value);
+}
+
+HttpResponse fetch(const QUrl& url) {
+    return await(HttpClient::shared().data(url));
+}
+
+DownloadedFile download(const QUrl& url) {
+    return await(HttpClient::shared().download(url));
+}
+
+// Runs `operation` and returns the NetworkError's text, or a null string when none was thrown.
+template <typename Operation>
+QString networkErrorOf(Operation operation) {
+    try {
+        operation();
+    } catch (const NetworkError& error) {
+        return QString::fromStdString(error.what());
+    }
+    return QString();
+}
+
+QStringList leftoverDownloads() {
+    return QDir(QDir::tempPath()).entryList({QStringLiteral("zentho-download-*")}, QDir::Files);
+}
+
+} // namespace
+
+class TestHttpClient : public QObject {
+    Q_OBJECT
+
+    // Downloads go to the system temp folder; a private one keeps other tests' files apart.
+    QTemporaryDir temp;
+    std::unique_ptr<TestServer> server;
+    QByteArray manifest = "{\"version\":\"0.4.2\"}";
+
+private slots:
+    void initTestCase() {
+        QVERIFY(temp.isValid());
+        qputenv("TMPDIR", QFile::encodeName(temp.path()));
+        QCOMPARE(QDir::tempPath(), temp.path());
+        server = std::make_unique<TestServer>();
+        server->writeFile(QStringLiteral("m.json"), manifest);
+        server->writeFile(QStringLiteral("big.bin"), randomBytes(1024 * 1024));
+    }
+
+    // Runs before the test CA is trusted. Its own server: Qt keeps a connection per host and
+    // port, and it must not carry the untrusted state over to the trusted tests.
+    void untrustedCertificateIsATransportError() {
+        const TestServer other;
+        other.writeFile(QStringLiteral("m.json"), manifest);
+        const QString error = networkErrorOf([&] { fetch(other.url("/m.json")); });
+        QVERIFY2(error.contains(QStringLiteral("SSL"), Qt::CaseInsensitive), qPrintable(error));
+        TestServer::trustInThisProcess();
+        QCOMPARE(fetch(server->url("/m.json")).body, manifest);
+    }
+
+    void okAnswerCarriesStatusAndBody() {
+        const HttpResponse response = fetch(server->url("/m.json"));
+        QCOMPARE(response.statusCode, std::optional<int>(200));
+        QCOMPARE(response.body, manifest);
+    }
+
+    void errorStatusesAreAnswersNotFailures_data() {
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QByteArray>("body");
+        QTest::newRow("204") << 204 << QByteArray();
+        QTest::newRow("206") << 206 << manifest;
+        QTest::newRow("404") << 404 << manifest;
+        QTest::newRow("500") << 500 << manifest;
+    }
+    void errorStatusesAreAnswersNotFailures() {
+        QFETCH(int, code);
+        QFETCH(QByteArray, body);
+        const HttpResponse response =
+            fetch(server->url(QStringLiteral("/status/%1/m.json").arg(code)));
+        QCOMPARE(response.statusCode, std::optional<int>(code));
+        QCOMPARE(response.body, body);
+    }
+
+    void missingFileIs404() {
+        const HttpResponse response = fetch(server->url("/nothing-here.json"));
+        QCOMPARE(response.statusCode, std::optional<int>(404));
+    }
+
+    void htmlBodyComesBackAsIs() {
+        const HttpResponse response = fetch(server->url("/html"));
+        QCOMPARE(response.statusCode, std::optional<int>(200));
+        QVERIFY(response.body.startsWith("<!DOCTYPE html>"));
+    }
+
+    void truncatedBodyIsATransportError() {
+        QVERIFY(!networkErrorOf([&] { fetch(server->url("/truncated")); }).isNull());
+        QVERIFY(!networkErrorOf([&] { download(server->url("/truncated")); }).isNull());
+        QCOMPARE(leftoverDownloads(), QStringList());
+    }
+
+    void wholeBodyIsNotTruncated() {
+        const DownloadedFile file = download(server->url("/big.bin"));
+        QCOMPARE(file.statusCode(), std::optional<int>(200));
+        QCOMPARE(QFileInfo(file.path()).size(), 1024 * 1024);
+    }
+
+    void dripFeedFailsInBoundedTime() {
+        QElapsedTimer clock;
+        clock.start();
+        const QString error = networkErrorOf([&] { download(server->url("/drip/big.bin")); });
+        QVERIFY2(!error.isNull(), "a 1 KiB/s body must not be waited for");
+        QVERIFY2(clock.elapsed() < 30000, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(leftoverDownloads(), QStringList());
+    }
+
+    void dripFedSmallBodyStillArrives() {
+        // The floor is on throughput, not on duration: a small answer from the same slow
+        // server completes.
+        const HttpResponse response = fetch(server->url("/drip/m.json"));
+        QCOMPARE(response.statusCode, std::optional<int>(200));
+        QCOMPARE(response.body, manifest);
+    }
+
+    void stalledBodyFailsWithin30Seconds() {
+        QElapsedTimer clock;
+        clock.start();
+        const QString error = networkErrorOf([&] { download(server->url("/stall")); });
+        QVERIFY2(!error.isNull(), "a body that stops must fail");
+        QVERIFY2(clock.elapsed() < 30000, qPrintable(QString::number(clock.elapsed())));
+        QCOMPARE(leftoverDownloads(), QStringList());
+    }
+
+    void unansweredRequestFailsWithin30Seconds() {
+        QElapsedTimer clock;
+        clock.start();
+        QVERIFY(!networkErrorOf([&] { fetch(server->url("/silent")); }).isNull());
+        QVERIFY2(clock.elapsed() < 30000, qPrintable(QString::number(clock.elapsed())));
+    }
+
+    void redirectToHttpsIsFollowed() {
+        const HttpResponse response = fetch(server->url("/redirect/https/m.json"));
+        QCOMPARE(response.statusCode, std::optional<int>(200));
+        QCOMPARE(response.body, manifest);
+        const DownloadedFile file = download(server->url("/redirect/https/big.bin"));
+        QCOMPARE(file.statusCode(), std::optional<int>(200));
+        QCOMPARE(QFileInfo(file.path()).size(), 1024 * 1024);
+    }
+
+    void redirectDowngradeToHttpIsRefused() {
+        QVERIFY(!networkErrorOf([&] { fetch(server->url("/redirect/http/m.json")); }).isNull());
+        QVERIFY(!networkErrorOf([&] { download(server->url("/redirect/http/big.bin")); }).isNull());
+        QCOMPARE(leftoverDownloads(), QStringList());
+    }
+
+    void plainHttpWithoutDowngradeWorks() {
+        QCOMPARE(fetch(server->httpUrl("/m.json")).body, manifest);
+    }
+
+    void endlessRedirectsFail() {
+        QVERIFY(!networkErrorOf([&] { fetch(server->url("/redirect/loop")); }).isNull());
+    }
+
+    void refusedConnectionFailsAtOnce() {
+        const quint16 port = TestServer::unusedLocalPort();
+        QElapsedTimer clock;
+        clock.start();
+        const QString error = networkErrorOf(
+            [&] { fetch(QUrl(QStringLiteral("https://127.0.0.1:%1/m.json").arg(port))); });
+        QVERIFY(error.contains(QStringLiteral("refused"), Qt::CaseInsensitive));
+        QVERIFY(clock.elapsed() < 3000);
+    }
+
+    void blackHoledServerCostsAtMost7Seconds() {
+        BlackHole hole;
+        QElapsedTimer clock;
+        clock.start();
+        const QString error = networkErrorOf(
+            [&] { fetch(QUrl(QStringLiteral("https://127.0.0.1:%1/m.json").arg(hole.port()))); });
+        const qint64 elapsed = clock.elapsed();
+        QVERIFY2(!error.isNull(), "a server that never answers the SYN must fail");
+        QVERIFY2(elapsed <= 7000, qPrintable(QString::number(elapsed)));
+    }
+
+    void fileURLHasNoStatus() {
+        const QString path = server->writeFile(QStringLiteral("local/m.json"), manifest);
+        const HttpResponse response = fetch(QUrl::fromLocalFile(path));
+        QCOMPARE(response.statusCode, std::nullopt);
+        QCOMPARE(response.body, manifest);
+
+        const DownloadedFile file = download(QUrl::fromLocalFile(path));
+        QCOMPARE(file.statusCode(), std::nullopt);
+        QCOMPARE(readWhole(file.path()), manifest);
+    }
+
+    void missingFileURLIsATransportError() {
+        const QUrl url = QUrl::fromLocalFile(server->documentRoot() + "/absent.json");
+        QVERIFY(!networkErrorOf([&] { fetch(url); }).isNull());
+        QVERIFY(!networkErrorOf([&] { download(url); }).isNull());
+        QCOMPARE(leftoverDownloads(), QStringList());
+    }
+
+    void downloadHashEqualsHashOfFinishedFile() {
+        const QByteArray body = randomBytes(3 * 1024 * 1024 + 17);
+        server->writeFile(QStringLiteral("archive.tar.gz"), body);
+        const DownloadedFile file = download(server->url("/archive.tar.gz"));
+        QCOMPARE(file.statusCode(), std::optional<int>(200));
+        const QByteArray onDisk = readWhole(file.path());
+        QCOMPARE(onDisk, body);
+        QCOMPARE(file.sha256Hex(),
+                 QString::fromLatin1(
+                     QCryptographicHash::hash(onDisk, QCryptographicHash::Sha256).toHex()));
+        QVERIFY(file.sha256Hex() !=
+                QString::fromLatin1(
+                    QCryptographicHash::hash(body.left(body.size() - 1),
+                                             QCryptographicHash::Sha256).toHex()));
+    }
+
+    void downloadOfErrorStatusKeepsBodyAndStatus() {
+        const DownloadedFile file = download(server->url("/status/404/m.json"));
+        QCOMPARE(file.statusCode(), std::optional<int>(404));
+        QCOMPARE(readWhole(file.path()), manifest);
+    }
+
+    void temporaryFileLivesExactlyAsLongAsItsOwner() {
+        QString path;
+        {
+            DownloadedFile file = download(server->url("/m.json"));
+            path = file.path();
+            QCOMPARE(QFileInfo(path).path(), QFileInfo(QDir::tempPath()).absoluteFilePath());
+            QVERIFY(QRegularExpression(QStringLiteral(
+                        "^zentho-download-[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-"
+                        "[0-9A-F]{12}$"))
+                        .match(QFileInfo(path).fileName())
+                        .hasMatch());
+            DownloadedFile moved = std::move(file);
+            QCOMPARE(moved.path(), path);
+            QVERIFY(QFileInfo::exists(path)); // a move hands the file on, it does not remove it
+        }
+        QVERIFY(!QFileInfo::exists(path));
+    }
+
+    void cleanupTestCase() {
+        QCOMPARE(leftoverDownloads(), QStringList());
+        server.reset();
+    }
+};
+
+QTEST_MAIN(TestHttpClient)
+#include "TestHttpClient.moc"

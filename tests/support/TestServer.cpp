@@ -1,0 +1,317 @@
+#include "TestServer.h"
+
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSslCertificate>
+#include <QSslConfiguration>
+#include <QSslSocket>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QThread>
+
+#include <memory>
+#include <stdexcept>
+
+namespace {
+
+const QString nginxProgram = QStringLiteral("/usr/sbin/nginx");
+const QString echoModule = QStringLiteral("/usr/lib/nginx/modules/ngx_http_echo_module.so");
+const QString loopback = QStringLiteral("127.0.0.1");
+
+[[noreturn]] void fail(const QString& what) {
+    throw std::runtime_error(what.toStdString());
+}
+
+void runTool(const QString& program, const QStringList& arguments, const QString& folder) {
+    QProcess process;
+    process.setWorkingDirectory(folder);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(program, arguments);
+    if (!process.waitForFinished(60000) || process.exitStatus() != QProcess::NormalExit ||
+        process.exitCode() != 0) {
+        fail(program + QLatin1Char(' ') + arguments.join(QLatin1Char(' ')) +
+             QStringLiteral(" failed: ") + QString::fromLocal8Bit(process.readAll()) +
+             process.errorString());
+    }
+}
+
+void writeText(const QString& path, const QByteArray& bytes) {
+    QDir().mkpath(QFileInfo(path).path());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(bytes) != bytes.size())
+        fail(QStringLiteral("could not write ") + path);
+}
+
+// The process-wide test CA and the server certificate it signs for 127.0.0.1 and localhost.
+struct Certificates {
+    QTemporaryDir folder;
+    QString ca() const { return folder.filePath(QStringLiteral("ca.pem")); }
+    QString serverCertificate() const { return folder.filePath(QStringLiteral("server.pem")); }
+    QString serverKey() const { return folder.filePath(QStringLiteral("server.key")); }
+
+    Certificates() {
+        if (!folder.isValid())
+            fail(QStringLiteral("no temporary folder for the test CA"));
+        const QString dir = folder.path();
+        const QString openssl = QStringLiteral("openssl");
+        runTool(openssl,
+                {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                 "-nodes", "-keyout", "ca.key", "-out", "ca.pem", "-days", "2", "-subj",
+                 "/CN=ZENTHO Test CA", "-addext", "basicConstraints=critical,CA:TRUE",
+                 "-addext", "keyUsage=critical,keyCertSign,cRLSign"},
+                dir);
+        runTool(openssl,
+                {"req", "-new", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                 "-nodes", "-keyout", "server.key", "-out", "server.csr", "-subj",
+                 "/CN=127.0.0.1"},
+                dir);
+        writeText(folder.filePath(QStringLiteral("server.ext")),
+                  "basicConstraints=critical,CA:FALSE\n"
+                  "keyUsage=critical,digitalSignature\n"
+                  "extendedKeyUsage=serverAuth\n"
+                  "subjectAltName=IP:127.0.0.1,DNS:localhost\n");
+        runTool(openssl,
+                {"x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key",
+                 "-CAcreateserial", "-out", "server.pem", "-days", "2", "-extfile",
+                 "server.ext"},
+                dir);
+    }
+};
+
+const Certificates& certificates() {
+    static const auto made = std::make_unique<Certificates>();
+    return *made;
+}
+
+// Two distinct free loopback ports, released just before nginx binds them.
+std::pair<quint16, quint16> twoFreePorts() {
+    QTcpServer first;
+    QTcpServer second;
+    if (!first.listen(QHostAddress::LocalHost) || !second.listen(QHostAddress::LocalHost))
+        fail(QStringLiteral("no free loopback port"));
+    return {first.serverPort(), second.serverPort()};
+}
+
+bool accepts(quint16 port) {
+    QTcpSocket socket;
+    socket.connectToHost(loopback, port);
+    return socket.waitForConnected(200);
+}
+
+} // namespace
+
+TestServer::TestServer() {
+    if (!prefix_.isValid())
+        fail(QStringLiteral("no temporary folder for nginx"));
+    for (const char* sub : {"logs", "tmp", "www", "fixtures"})
+        QDir(prefix_.path()).mkpath(QString::fromLatin1(sub));
+    certificates();
+
+    QString failure;
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        if (tryStart(failure)) {
+            primeTruncatedFile();
+            return;
+        }
+    }
+    fail(QStringLiteral("nginx did not start: ") + failure);
+}
+
+TestServer::~TestServer() {
+    if (nginx_.state() == QProcess::NotRunning)
+        return;
+    nginx_.terminate();
+    if (!nginx_.waitForFinished(5000)) {
+        nginx_.kill();
+        nginx_.waitForFinished(5000);
+    }
+}
+
+bool TestServer::tryStart(QString& failure) {
+    std::tie(httpsPort_, httpPort_) = twoFreePorts();
+    const QString conf = prefix_.filePath(QStringLiteral("nginx.conf"));
+    writeText(conf, configuration().toUtf8());
+    writeText(prefix_.filePath(QStringLiteral("fixtures/truncated.bin")),
+              QByteArray(int(truncatedContentLength()), 'z'));
+    QFile::remove(prefix_.filePath(QStringLiteral("logs/error.log")));
+
+    nginx_.setProcessChannelMode(QProcess::MergedChannels);
+    nginx_.start(nginxProgram, {"-p", prefix_.path(), "-c", conf, "-e",
+                                prefix_.filePath(QStringLiteral("logs/error.log"))});
+    if (!nginx_.waitForStarted(5000)) {
+        failure = nginx_.errorString();
+        return false;
+    }
+    const QDeadlineTimer deadline(10000);
+    while (!deadline.hasExpired()) {
+        if (nginx_.state() == QProcess::NotRunning || nginx_.waitForFinished(50)) {
+            failure = QString::fromLocal8Bit(nginx_.readAll()) + errorLog();
+            return false;
+        }
+        if (accepts(httpsPort_) && accepts(httpPort_))
+            return true;
+    }
+    failure = QStringLiteral("nginx did not listen within 10 s: ") + errorLog();
+    nginx_.kill();
+    nginx_.waitForFinished(5000);
+    return false;
+}
+
+QString TestServer::configuration() const {
+    const QString root = prefix_.path();
+    const QString httpsBase = url(QString()).toString();
+    const QString httpBase = httpUrl(QString()).toString();
+
+    // Shared by both listeners; `$scheme_base` is the listener's own origin.
+    QString locations =
+        "        root " + root + "/www;\n"
+        "        location = /html {\n"
+        "            default_type text/html;\n"
+        "            return 200 \"<!DOCTYPE html><html><body><h1>Welcome</h1></body></html>\";\n"
+        "        }\n"
+        "        location ^~ /drip/ { alias " + root + "/www/; limit_rate 1k; }\n"
+        "        location = /stall {\n"
+        "            echo_duplicate 65536 \"s\"; echo_flush; echo_sleep 3600; echo \"end\";\n"
+        "        }\n"
+        "        location = /silent { echo_sleep 3600; echo \"end\"; }\n"
+        "        location ^~ /redirect/https/ {\n"
+        "            rewrite ^/redirect/https/(.*)$ " + httpsBase + "/$1 redirect;\n"
+        "        }\n"
+        "        location ^~ /redirect/http/ {\n"
+        "            rewrite ^/redirect/http/(.*)$ " + httpBase + "/$1 redirect;\n"
+        "        }\n"
+        "        location = /redirect/loop { return 302 $scheme://$http_host/redirect/loop; }\n";
+    for (const char* code : {"200", "204", "206", "304", "404", "500"}) {
+        const QString c = QString::fromLatin1(code);
+        locations += "        location ^~ /status/" + c + "/ {\n"
+                     "            rewrite ^/status/" + c + "(/.*)$ $1 break;\n"
+                     "            echo_status " + c + "; echo_location $uri;\n"
+                     "        }\n";
+    }
+
+    const Certificates& certs = certificates();
+    return "load_module " + echoModule + ";\n"
+           "daemon off;\n"
+           "master_process off;\n"
+           "pid " + root + "/nginx.pid;\n"
+           "error_log " + root + "/logs/error.log info;\n"
+           "events { worker_connections 256; }\n"
+           "http {\n"
+           "    access_log " + root + "/logs/access.log;\n"
+           "    client_body_temp_path " + root + "/tmp/body;\n"
+           "    proxy_temp_path " + root + "/tmp/proxy;\n"
+           "    fastcgi_temp_path " + root + "/tmp/fastcgi;\n"
+           "    uwsgi_temp_path " + root + "/tmp/uwsgi;\n"
+           "    scgi_temp_path " + root + "/tmp/scgi;\n"
+           "    default_type application/octet-stream;\n"
+           "    server {\n"
+           "        listen " + loopback + ":" + QString::number(httpsPort_) + " ssl;\n"
+           "        ssl_certificate " + certs.serverCertificate() + ";\n"
+           "        ssl_certificate_key " + certs.serverKey() + ";\n"
+           "        ssl_protocols TLSv1.2 TLSv1.3;\n"
+           // The size nginx announces comes from its file cache, primed while the file is
+           // whole; the file is then cut, so the body ends early on a live connection.
+           "        location = /truncated {\n"
+           "            alias " + root + "/fixtures/truncated.bin;\n"
+           "            open_file_cache max=4 inactive=1d; open_file_cache_valid 1d;\n"
+           "        }\n" +
+           locations +
+           "    }\n"
+           "    server {\n"
+           "        listen " + loopback + ":" + QString::number(httpPort_) + ";\n" +
+           locations +
+           "    }\n"
+           "}\n";
+}
+
+void TestServer::primeTruncatedFile() {
+    QSslSocket socket;
+    QSslConfiguration ssl = socket.sslConfiguration();
+    ssl.setCaCertificates(QSslCertificate::fromPath(caPath()));
+    socket.setSslConfiguration(ssl);
+    socket.connectToHostEncrypted(loopback, httpsPort_);
+    if (!socket.waitForEncrypted(10000))
+        fail(QStringLiteral("could not prime /truncated: ") + socket.errorString());
+    socket.write("GET /truncated HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
+    QByteArray answer;
+    while (socket.waitForReadyRead(10000))
+        answer += socket.readAll();
+    answer += socket.readAll();
+    if (!answer.startsWith("HTTP/1.1 200") || answer.size() < truncatedContentLength())
+        fail(QStringLiteral("could not prime /truncated: ") + QString::fromLatin1(answer.left(200)));
+    QFile file(prefix_.filePath(QStringLiteral("fixtures/truncated.bin")));
+    if (!file.resize(truncatedBytesSent()))
+        fail(QStringLiteral("could not cut the truncated fixture"));
+}
+
+QUrl TestServer::url(const QString& path) const {
+    return QUrl(QStringLiteral("https://127.0.0.1:%1%2").arg(httpsPort_).arg(path));
+}
+
+QUrl TestServer::httpUrl(const QString& path) const {
+    return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(httpPort_).arg(path));
+}
+
+QString TestServer::documentRoot() const {
+    return prefix_.filePath(QStringLiteral("www"));
+}
+
+QString TestServer::writeFile(const QString& relativePath, const QByteArray& bytes) const {
+    const QString path = documentRoot() + QLatin1Char('/') + relativePath;
+    writeText(path, bytes);
+    return path;
+}
+
+QString TestServer::caPath() {
+    return certificates().ca();
+}
+
+void TestServer::trustInThisProcess() {
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    configuration.addCaCertificates(QSslCertificate::fromPath(caPath()));
+    QSslConfiguration::setDefaultConfiguration(configuration);
+}
+
+QString TestServer::trustedCertFolder() const {
+    const QString folder = prefix_.filePath(QStringLiteral("trusted-certs"));
+    if (QFileInfo::exists(folder + QStringLiteral("/ca-certificates.crt")))
+        return folder;
+    QDir().mkpath(folder);
+    const QString name = folder + QStringLiteral("/zentho-test-ca.pem");
+    if (!QFile::copy(caPath(), name) ||
+        !QFile::copy(caPath(), folder + QStringLiteral("/ca-certificates.crt")))
+        fail(QStringLiteral("could not fill ") + folder);
+    // rehash links <subject hash>.0 to each certificate, which is how OpenSSL looks a CA up.
+    runTool(QStringLiteral("openssl"), {"rehash", folder}, folder);
+    return folder;
+}
+
+QStringList TestServer::commandTrustingCa(const QString& program,
+                                          const QStringList& arguments) const {
+    QStringList command{QStringLiteral("/usr/bin/unshare"),
+                        QStringLiteral("--mount"),
+                        QStringLiteral("--propagation"),
+                        QStringLiteral("private"),
+                        QStringLiteral("/bin/sh"),
+                        QStringLiteral("-c"),
+                        QStringLiteral("mount --bind \"$0\" /etc/ssl/certs && exec \"$@\""),
+                        trustedCertFolder(),
+                        program};
+    return command + arguments;
+}
+
+QString TestServer::errorLog() const {
+    QFile file(prefix_.filePath(QStringLiteral("logs/error.log")));
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromLocal8Bit(file.readAll());
+}
+
+quint16 TestServer::unusedLocalPort() {
+    QTcpServer probe;
+    if (!probe.listen(QHostAddress::LocalHost))
+        fail(QStringLiteral("no free loopback port"));
+    return probe.serverPort();
+}

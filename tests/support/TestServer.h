@@ -1,0 +1,80 @@
+#pragma once
+
+#include <QByteArray>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+#include <QUrl>
+
+// A real nginx (/usr/sbin/nginx, run as a child process with master_process off, everything
+// under its own temporary prefix) serving HTTPS on 127.0.0.1 with a test CA made at run time by
+// the openssl CLI, plus a plain-HTTP listener over the same content. Only loopback is used.
+//
+// Paths, the same on both listeners:
+//   /<path>                 the file <path> of documentRoot(), which the test fills
+//   /status/<code>/<path>   that file's bytes with status <code>: 200 204 206 304 404 500
+//                           (nginx sends no body with 204 and 304)
+//   /html                   status 200 with an HTML page, as a captive portal would answer
+//   /drip/<path>            the file at 1 KiB/s
+//   /stall                  status 200, 64 KiB of body, then nothing for an hour
+//   /silent                 the request is read and never answered, not even with headers
+//   /redirect/https/<path>  302 to url(<path>) (https)
+//   /redirect/http/<path>   302 to httpUrl(<path>) (a step down to plain http)
+//   /redirect/loop          302 to itself, forever
+// HTTPS only:
+//   /truncated              status 200, Content-Length 1048576, connection closed after
+//                           truncatedBytesSent() bytes
+//
+// Trust: a unit test calls trustInThisProcess() (adds the CA to Qt's default SSL
+// configuration). A real binary is run with commandTrustingCa(): under `unshare -m` with a
+// prepared folder bind-mounted over /etc/ssl/certs (the CA, its `openssl rehash` link and a
+// copy named ca-certificates.crt). The CA is made once per process and shared by all servers.
+//
+// The constructor throws std::runtime_error when nginx cannot be started; the destructor stops
+// it.
+class TestServer {
+public:
+    TestServer();
+    ~TestServer();
+    TestServer(const TestServer&) = delete;
+    TestServer& operator=(const TestServer&) = delete;
+
+    // `path` starts with "/".
+    QUrl url(const QString& path) const;
+    QUrl httpUrl(const QString& path) const;
+    quint16 httpsPort() const { return httpsPort_; }
+    quint16 httpPort() const { return httpPort_; }
+
+    QString documentRoot() const;
+    // Writes `bytes` to documentRoot()/<relativePath>, creating folders; returns the file path.
+    QString writeFile(const QString& relativePath, const QByteArray& bytes) const;
+
+    static qint64 truncatedBytesSent() { return 200000; }
+    static qint64 truncatedContentLength() { return 1048576; }
+
+    static QString caPath();
+    static void trustInThisProcess();
+
+    // A folder fit to be bind-mounted over /etc/ssl/certs so that a real binary trusts the CA.
+    QString trustedCertFolder() const;
+    // Program and arguments that run `program` with `arguments` in a private mount namespace
+    // whose /etc/ssl/certs is trustedCertFolder(). Needs root, which the test machine has.
+    QStringList commandTrustingCa(const QString& program, const QStringList& arguments) const;
+
+    // nginx's error log so far, for failure messages.
+    QString errorLog() const;
+
+    // A loopback port on which nothing listened a moment ago: connecting is refused.
+    static quint16 unusedLocalPort();
+
+private:
+    bool tryStart(QString& failure);
+    QString configuration() const;
+    void primeTruncatedFile();
+
+    QTemporaryDir prefix_;
+    QProcess nginx_;
+    quint16 httpsPort_ = 0;
+    quint16 httpPort_ = 0;
+};
