@@ -1,0 +1,64 @@
+#include "update/ReleaseManifest.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QJsonParseError>
+#include <QJsonValue>
+
+namespace {
+
+QString requiredString(const QJsonObject& object, const QString& key) {
+    const auto found = object.constFind(key);
+    if (found == object.constEnd())
+        throw ManifestDecodingError(QStringLiteral("The manifest is missing \"%1\".").arg(key));
+    if (found->isNull())
+        throw ManifestDecodingError(QStringLiteral("The manifest's \"%1\" is null.").arg(key));
+    if (!found->isString())
+        throw ManifestDecodingError(
+            QStringLiteral("The manifest's \"%1\" is not a string.").arg(key));
+    return found->toString();
+}
+
+QUrl requiredURL(const QJsonObject& object, const QString& key) {
+    const QString text = requiredString(object, key);
+    QUrl url(text, QUrl::StrictMode);
+    if (text.isEmpty() || !url.isValid())
+        throw ManifestDecodingError(
+            QStringLiteral("The manifest's \"%1\" is not a valid URL.").arg(key));
+    return url;
+}
+
+// One JSON string literal, quotes and escapes included.
+QByteArray jsonString(const QString& text) {
+    const QByteArray array = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
+    return array.mid(1, array.size() - 2);
+}
+
+} // namespace
+
+ReleaseManifest ReleaseManifest::decode(const QByteArray& json) {
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(json, &parseError);
+    if (parseError.error != QJsonParseError::NoError)
+        throw ManifestDecodingError(QStringLiteral("The manifest is not valid JSON: %1.")
+                                        .arg(parseError.errorString()));
+    if (!document.isObject())
+        throw ManifestDecodingError(QStringLiteral("The manifest is not a JSON object."));
+    const QJsonObject object = document.object();
+
+    ReleaseManifest manifest;
+    manifest.version = requiredString(object, QStringLiteral("version"));
+    manifest.platform = requiredString(object, QStringLiteral("platform"));
+    manifest.url = requiredURL(object, QStringLiteral("url"));
+    manifest.sha256 = requiredString(object, QStringLiteral("sha256"));
+    manifest.executable = requiredString(object, QStringLiteral("executable"));
+    return manifest;
+}
+
+QByteArray ReleaseManifest::encode() const {
+    return "{\"version\":" + jsonString(version) + ",\"platform\":" + jsonString(platform) +
+           ",\"url\":" + jsonString(url.toString(QUrl::FullyEncoded)) +
+           ",\"sha256\":" + jsonString(sha256) + ",\"executable\":" + jsonString(executable) +
+           "}";
+}
