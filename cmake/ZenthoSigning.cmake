@@ -105,7 +105,7 @@ endif()
 # The tests run the signing tools and the sealed bundle, so they are built first. The tests are
 # defined after this file is read, hence the deferred call.
 function(zentho_signing_tests_depend)
-    foreach(test TestBundleSignature TestFinishScript TestLauncherUpdater)
+    foreach(test TestBundleSignature TestFinishScript TestLauncherUpdater TestSelfUpdateModel)
         if(TARGET ${test})
             add_dependencies(${test} ZenthoLauncher zentho-release zentho-codesign-testkey)
         endif()

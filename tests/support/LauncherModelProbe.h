@@ -24,4 +24,7 @@ struct LauncherModelProbe {
     static void setInstalledBuilds(LauncherModel& m, const QList<InstalledBuild>& builds) {
         m.installedBuilds_ = builds;
     }
+    static QCoro::Task<bool> updateLauncherIfNeeded(LauncherModel& m) {
+        return m.updateLauncherIfNeeded();
+    }
 };

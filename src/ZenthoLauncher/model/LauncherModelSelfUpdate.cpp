@@ -1,0 +1,11 @@
+#include "LauncherModel.h"
+
+#include "platform/FileManager.h"
+#include "update/LauncherUpdater.h"
+#include "update/UpdateEndpoints.h"
+
+QCoro::Task<bool> LauncherModel::updateLauncherIfNeeded() {
+    LauncherUpdater updater(files, platform_, launcherRoot(),
+                            [this](const QString& text) { setStatus(text); });
+    co_return co_await updater.updateIfNeeded(launcherManifestURL());
+}

@@ -1,0 +1,119 @@
+#include "LauncherUpdater.h"
+
+#include "LauncherVersion.h"
+#include "model/LauncherError.h"
+#include "platform/FileManager.h"
+#include "platform/Platform.h"
+#include "update/Archive.h"
+#include "update/FinishScript.h"
+#include "update/HttpClient.h"
+#include "update/ReleaseManifest.h"
+
+#include <ProcessCapture.h>
+#include <Uuid.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <optional>
+
+namespace {
+
+const QString kBundleExecutable = QStringLiteral("Contents/MacOS/ZenthoLauncher");
+const QString kVerifierName = QStringLiteral("zentho-codesign");
+
+bool isAppBundlePath(const QString& path) {
+    const QString name = QFileInfo(QDir::cleanPath(path)).fileName();
+    return name.size() > 4 && name.endsWith(QLatin1String(".app"));
+}
+
+bool isHttpURL(const QUrl& url) {
+    return url.scheme() == QLatin1String("https") || url.scheme() == QLatin1String("http");
+}
+
+} // namespace
+
+LauncherUpdater::LauncherUpdater(const FileManager& files, const Platform& platform,
+                                 QString launcherRoot, StatusReporter reportStatus)
+    : files_(files),
+      platform_(platform),
+      launcherRoot_(std::move(launcherRoot)),
+      reportStatus_(std::move(reportStatus)) {}
+
+QString LauncherUpdater::verifierPath(const QString& bundlePath) {
+    const QString folder = isAppBundlePath(bundlePath)
+                               ? QDir::cleanPath(bundlePath) + QStringLiteral("/Contents/MacOS")
+                               : QDir::cleanPath(bundlePath);
+    return folder + QLatin1Char('/') + kVerifierName;
+}
+
+void LauncherUpdater::checkTargetLocation(const FileManager& files, const QString& bundlePath) {
+    if (!isAppBundlePath(bundlePath))
+        throw LauncherError::launcherLocationNotWritable();
+    if (!files.isWritableFile(QFileInfo(QDir::cleanPath(bundlePath)).absolutePath()))
+        throw LauncherError::launcherLocationNotWritable();
+}
+
+QString LauncherUpdater::freshName(const QString& prefix, const QString& suffix) const {
+    return launcherRoot_ + QLatin1Char('/') + prefix + QString::fromStdString(makeUpperUuid()) +
+           suffix;
+}
+
+QCoro::Task<bool> LauncherUpdater::updateIfNeeded(QUrl manifestURL) {
+    const HttpResponse response = co_await HttpClient::shared().data(manifestURL);
+    // A local manifest file has no HTTP status to check.
+    if (!manifestURL.isLocalFile() && response.statusCode != std::optional<int>(200))
+        throw LauncherError::badLauncherManifest();
+    const ReleaseManifest manifest = ReleaseManifest::decode(response.body);
+    if (manifest.platform != launcherPlatform())
+        throw LauncherError::wrongLauncherPlatform();
+    // Any other version text is an update, a lower one included: the server decides which
+    // launcher everyone runs, and that is also how a bad release is rolled back.
+    if (manifest.version == launcherVersion())
+        co_return false;
+
+    reportStatus_(downloadingStatus());
+    // The temporary archive lives in this frame until the staging below has finished with it.
+    const DownloadedFile archive = co_await HttpClient::shared().download(manifest.url);
+    // Unlike the manifest, the archive must come from an HTTP server with a plain 200: a local
+    // file is refused too. Qt labels a file it read with status 200, so the scheme decides
+    // whether there was an HTTP answer at all.
+    if (!isHttpURL(manifest.url) || archive.statusCode() != std::optional<int>(200))
+        throw LauncherError::downloadFailed();
+    if (archive.sha256Hex() != manifest.sha256.toLower())
+        throw LauncherError::hashMismatch();
+
+    reportStatus_(verifyingStatus());
+    stageAndHandOver(archive.path(), manifest.executable);
+    co_return true;
+}
+
+void LauncherUpdater::stageAndHandOver(const QString& archivePath, const QString& executable) {
+    const QString staging = freshName(QStringLiteral("launcher-staging-"));
+    files_.createDirectory(staging);
+    checkArchiveListing(runTar({QStringLiteral("-tzf"), archivePath}));
+    runTar({QStringLiteral("-xzf"), archivePath, QStringLiteral("-C"), staging});
+
+    const QString staged = staging + QLatin1Char('/') + executable;
+    if (!files_.isExecutableFile(staged + QLatin1Char('/') + kBundleExecutable))
+        throw LauncherError::missingLauncherExecutable();
+
+    // The verifier of the launcher that is running now decides, with the key it was built
+    // with: a downloaded bundle can never vouch for itself.
+    const QString target = platform_.bundlePath();
+    const CapturedProcessResult verdict = ProcessCapture::run(
+        QFile::encodeName(verifierPath(target)).toStdString(),
+        {"--verify", "--deep", "--strict", QFile::encodeName(staged).toStdString()});
+    if (verdict.status != 0)
+        throw LauncherError::invalidLauncherSignature(QString::fromStdString(verdict.errors));
+
+    checkTargetLocation(files_, target);
+
+    const QString script = freshName(QStringLiteral("finish-launcher-update-"), QStringLiteral(".sh"));
+    const QString backup = freshName(QStringLiteral("launcher-backup-") + launcherVersion() +
+                                         QLatin1Char('-'),
+                                     QStringLiteral(".app"));
+    FinishScript::writeAndStart(files_, script, platform_.processIdentifier(), staged, target,
+                                backup);
+}

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <QString>
+#include <QUrl>
+
+#include <QCoroTask>
+
+#include <functional>
+
+class FileManager;
+class Platform;
+
+// The launcher's update of itself. It reads the launcher's own release manifest and, when that
+// names any other version than the running one, downloads the archive, checks its digest, vets
+// and unpacks it into a staging folder, has the bundle verifier that ships with the running
+// launcher check the staged bundle's seal, and starts the finish script that swaps the bundles
+// once this process has gone. The running bundle is never touched while the launcher runs, and
+// nothing is cleaned up afterwards: every run uses fresh UUID names, so leftovers never collide.
+class LauncherUpdater {
+public:
+    using StatusReporter = std::function<void(const QString&)>;
+
+    LauncherUpdater(const FileManager& files, const Platform& platform, QString launcherRoot,
+                    StatusReporter reportStatus);
+
+    // False: the manifest names the running version, nothing was done. True: the finish script
+    // runs and the caller must quit at once so it can swap the bundles. Throws LauncherError for
+    // what it detects itself; errors of the network, manifest decoding, files and child
+    // processes pass through unchanged.
+    QCoro::Task<bool> updateIfNeeded(QUrl manifestURL);
+
+    // Throws launcherLocationNotWritable unless `bundlePath` is an ".app" folder whose parent
+    // this process may write to (the swap renames the bundle inside that parent).
+    static void checkTargetLocation(const FileManager& files, const QString& bundlePath);
+    // The bundle verifier that ships beside the launcher executable: Contents/MacOS of an ".app"
+    // bundle, or the executable's own folder when the launcher runs from outside a bundle.
+    static QString verifierPath(const QString& bundlePath);
+
+    static QString launcherPlatform() { return QStringLiteral("macos-launcher-arm64"); }
+    static QString downloadingStatus() { return QStringLiteral("Downloading launcher update..."); }
+    static QString verifyingStatus() { return QStringLiteral("Verifying launcher update..."); }
+
+private:
+    // Steps after the digest matched: stage, verify, check the target, start the swap.
+    void stageAndHandOver(const QString& archivePath, const QString& executable);
+    QString freshName(const QString& prefix, const QString& suffix = {}) const;
+
+    const FileManager& files_;
+    const Platform& platform_;
+    QString launcherRoot_;
+    StatusReporter reportStatus_;
+};
