@@ -2,6 +2,7 @@
 
 #include <ProcessCapture.h>
 
+#include <cstdio>
 #include <system_error>
 
 namespace fs = std::filesystem;
@@ -18,6 +19,25 @@ std::string nameProblem(const std::string& name) {
             return "the name holds a control character";
     }
     return {};
+}
+
+// A path as it can be shown on one line: control characters become \n, \t or \xNN.
+std::string printable(const std::string& path) {
+    std::string shown;
+    for (const unsigned char c : path) {
+        if (c == '\n') {
+            shown += "\\n";
+        } else if (c == '\t') {
+            shown += "\\t";
+        } else if (c < 0x20 || c == 0x7f) {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02x", c);
+            shown += escaped;
+        } else {
+            shown += char(c);
+        }
+    }
+    return shown;
 }
 
 // True when `target`, read from a symlink in `linkFolder` (relative to the root), stays inside
@@ -50,7 +70,7 @@ std::string firstProblem(const fs::path& root) {
             return root.string() + ": cannot be read: " + error.message();
         const fs::path& path = walk->path();
         const fs::path relative = path.lexically_relative(root);
-        const std::string shown = (root / relative).string();
+        const std::string shown = printable((root / relative).string());
         if (const std::string problem = nameProblem(path.filename().string()); !problem.empty())
             return shown + ": " + problem;
         const fs::file_status status = walk->symlink_status(error);
@@ -61,7 +81,7 @@ std::string firstProblem(const fs::path& root) {
             if (error)
                 return shown + ": cannot be read: " + error.message();
             if (!staysInside(relative.parent_path(), target))
-                return shown + ": symlink points outside the folder (-> " + target.string() + ")";
+                return shown + ": symlink points outside the folder (-> " + printable(target.string()) + ")";
         } else if (!fs::is_regular_file(status) && !fs::is_directory(status)) {
             return shown + ": not a file, folder or symlink";
         }

@@ -1,0 +1,172 @@
+// The launcher's update of itself, end to end with real processes: a copy of the built 0.1.190
+// bundle is started for an invite link against a launcher release 0.2.0 that zentho-release
+// sealed and packed and nginx serves over HTTPS. The old launcher quits, the finish script swaps
+// the bundles once it has gone, and the new launcher starts from the old path.
+
+#include "LauncherBundles.h"
+#include "RealLauncher.h"
+#include "ReleaseTool.h"
+#include "TestFiles.h"
+#include "TestServer.h"
+
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <functional>
+
+#include <sys/wait.h>
+
+using ReleaseTool::Run;
+
+class TestLauncherSelfUpdate : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir* tmp_ = nullptr;
+    QList<qint64> leftovers_;
+
+    QString path(const QString& relative) const { return tmp_->filePath(relative); }
+    QString installedBundle() const { return path(QStringLiteral("Applications/ZenthoLauncher.app")); }
+    QString dataHome() const { return path(QStringLiteral("data")); }
+    QString launcherRoot() const { return dataHome() + QStringLiteral("/Zentho/launcher"); }
+
+    // The user's copy of the launcher, 0.1.190. Its verifier is the test build that trusts the
+    // test key, so the test never needs the key the real build trusts.
+    void installOldLauncher() {
+        TestFiles::makeFolder(path(QStringLiteral("Applications")));
+        ReleaseTool::copyTree(LauncherBundles::builtBundle(), installedBundle());
+        const QString verifier = installedBundle() + QStringLiteral("/Contents/MacOS/zentho-codesign");
+        QVERIFY(QFile::remove(verifier));
+        QVERIFY(QFile::copy(LauncherBundles::testVerifier(), verifier));
+        QCOMPARE(RealLauncher::versionOf(installedBundle()), QStringLiteral("0.1.190"));
+    }
+
+    // Seals the 0.2.0 bundle (after `tamper` has run on it, when given) and packs it into the
+    // server's /release folder; returns the launcher manifest's URL.
+    QString publishLauncher020(TestServer& server, const std::function<void(const QString&)>& tamper = {}) {
+        TestFiles::makeFolder(path(QStringLiteral("src")));
+        const QString bundle = path(QStringLiteral("src/ZenthoLauncher.app"));
+        ReleaseTool::copyTree(ReleaseTool::launcherBundle020(), bundle);
+        const Run sealed = ReleaseTool::run({QStringLiteral("sign-bundle"), QStringLiteral("--key"),
+                                             LauncherBundles::testKey(), bundle});
+        if (!sealed.ok())
+            qWarning("sign-bundle: %s", sealed.errors.constData());
+        if (tamper)
+            tamper(bundle);
+        const QString release = server.documentRoot() + QStringLiteral("/release");
+        const Run packed = ReleaseTool::packLauncher(bundle, QStringLiteral("0.2.0"),
+                                                     server.url(QStringLiteral("/release")).toString(), release);
+        if (!packed.ok())
+            qWarning("pack: %s", packed.errors.constData());
+        return server.url(QStringLiteral("/release/macos-launcher-arm64-manifest.json")).toString();
+    }
+
+    // Waits for the bundle at the old path to answer `version`.
+    bool waitForVersion(const QString& version, int timeoutMs = 20000) {
+        QDeadlineTimer deadline(timeoutMs);
+        while (!deadline.hasExpired()) {
+            if (RealLauncher::versionOf(installedBundle()) == version)
+                return true;
+            QTest::qWait(100);
+        }
+        return false;
+    }
+    QList<qint64> waitForProcesses(const QString& executable, int timeoutMs = 20000) {
+        QDeadlineTimer deadline(timeoutMs);
+        while (!deadline.hasExpired()) {
+            const QList<qint64> found = RealLauncher::processesRunning(executable);
+            if (!found.isEmpty())
+                return found;
+            QTest::qWait(100);
+        }
+        return {};
+    }
+
+private slots:
+    void initTestCase() {
+        QVERIFY(RealLauncher::becomeSubreaper());
+        QVERIFY2(QFileInfo::exists(RealLauncher::executableOf(ReleaseTool::launcherBundle020())),
+                 "the 0.2.0 launcher bundle is not built");
+        QCOMPARE(RealLauncher::versionOf(ReleaseTool::launcherBundle020()), QStringLiteral("0.2.0"));
+    }
+    void init() {
+        tmp_ = new QTemporaryDir;
+        leftovers_.clear();
+    }
+    void cleanup() {
+        for (const qint64 pid : leftovers_)
+            RealLauncher::terminateAndCollect(pid);
+        // The finish script and the short-lived setsid come to us too.
+        while (::waitpid(-1, nullptr, WNOHANG) > 0) {
+        }
+        delete tmp_;
+    }
+
+    void theOldLauncherIsReplacedByTheNewOneAndTheNewOneStarts() {
+        TestServer server;
+        installOldLauncher();
+        const QString manifest = publishLauncher020(server);
+        const Run checked = ReleaseTool::run({QStringLiteral("verify"), QStringLiteral("--key"),
+                                              LauncherBundles::testKey() + QStringLiteral(".pub"),
+                                              server.documentRoot() + QStringLiteral("/release/macos-launcher-arm64-manifest.json"),
+                                              server.documentRoot() + QStringLiteral("/release/zentho-0.2.0-macos-launcher-arm64.tar.gz")});
+        QVERIFY2(checked.ok(), checked.errors.constData());
+
+        RealLauncher old(installedBundle(), dataHome());
+        old.useManifests(server.url(QStringLiteral("/release/macos-arm64-manifest.json")).toString(), manifest);
+        old.recordGameStartIn(path(QStringLiteral("record")));
+        old.start(server, QStringLiteral("zentho://invite/after-update"));
+        QCOMPARE(old.waitForExit(), std::optional<int>(0));
+
+        QVERIFY2(waitForVersion(QStringLiteral("0.2.0")), old.errors().constData());
+        const QStringList backups = QDir(launcherRoot()).entryList({QStringLiteral("launcher-backup-*")}, QDir::Dirs);
+        QCOMPARE(backups.size(), 1);
+        static const QRegularExpression backupName(QStringLiteral(
+            "^launcher-backup-0\\.1\\.190-[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}\\.app$"));
+        QVERIFY2(backupName.match(backups.first()).hasMatch(), qPrintable(backups.first()));
+        QCOMPARE(RealLauncher::versionOf(launcherRoot() + QLatin1Char('/') + backups.first()),
+                 QStringLiteral("0.1.190"));
+
+        // The new launcher runs from the old path; the update did not start a game.
+        leftovers_ = waitForProcesses(RealLauncher::executableOf(installedBundle()));
+        QCOMPARE(leftovers_.size(), 1);
+        QVERIFY(!QFileInfo::exists(path(QStringLiteral("record"))));
+    }
+
+    void aNewLauncherChangedAfterItsSealIsRefusedAndTheOldOneStartsTheGame() {
+        TestServer server;
+        installOldLauncher();
+        const QString manifest = publishLauncher020(server, [](const QString& bundle) {
+            TestFiles::writeFile(bundle + QStringLiteral("/Contents/Resources/extra.txt"), "added after sealing\n");
+        });
+        // Published as it is; the check a publisher would run names what is wrong.
+        const Run checked = ReleaseTool::run({QStringLiteral("verify"), QStringLiteral("--key"),
+                                              LauncherBundles::testKey() + QStringLiteral(".pub"),
+                                              server.documentRoot() + QStringLiteral("/release/macos-launcher-arm64-manifest.json"),
+                                              server.documentRoot() + QStringLiteral("/release/zentho-0.2.0-macos-launcher-arm64.tar.gz")});
+        QCOMPARE(checked.exitCode, 1);
+        QVERIFY2(checked.errors.contains("signature: Contents/Resources/extra.txt"), checked.errors.constData());
+
+        RealLauncher old(installedBundle(), dataHome());
+        // No game release is published: the launcher falls back to its seed runtime.
+        old.useManifests(server.url(QStringLiteral("/release/macos-arm64-manifest.json")).toString(), manifest);
+        old.recordGameStartIn(path(QStringLiteral("record")));
+        old.start(server, QStringLiteral("zentho://invite/no-update"));
+        QCOMPARE(old.waitForExit(), std::optional<int>(0));
+
+        const QByteArray recorded = RealLauncher::waitForGameRecord(path(QStringLiteral("record")));
+        QVERIFY2(recorded.startsWith("version=0.1.190\n"), (recorded + old.errors()).constData());
+        QVERIFY(recorded.contains("arg=zentho://invite/no-update\n"));
+        leftovers_ << RealLauncher::recordedPid(recorded);
+        QCOMPARE(RealLauncher::versionOf(installedBundle()), QStringLiteral("0.1.190"));
+        QVERIFY(QDir(launcherRoot()).entryList({QStringLiteral("launcher-backup-*")}, QDir::Dirs).isEmpty());
+        QVERIFY(RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle())).isEmpty());
+    }
+};
+
+QTEST_MAIN(TestLauncherSelfUpdate)
+#include "TestLauncherSelfUpdate.moc"

@@ -1,0 +1,470 @@
+// The publisher's tool, zentho-release, used as a release engineer would: keys, seals, packed
+// releases and their check, and a release it packed, served over HTTPS, installed and started by
+// the real launcher.
+
+#include "LauncherBundles.h"
+#include "RealLauncher.h"
+#include "ReleaseTool.h"
+#include "StandinGames.h"
+#include "TestArchives.h"
+#include "TestFiles.h"
+#include "TestServer.h"
+
+#include "update/Ed25519Key.h"
+#include "update/ReleaseManifest.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+using ReleaseTool::Run;
+
+namespace {
+
+int modeOf(const QString& path) {
+    struct stat info {};
+    if (::lstat(QFile::encodeName(path).constData(), &info) != 0)
+        return -1;
+    return int(info.st_mode & 07777);
+}
+
+// Changes one byte in the middle of a file, keeping its size and mode.
+void flipOneByte(const QString& path) {
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::ReadWrite));
+    const qint64 at = file.size() / 2;
+    file.seek(at);
+    char byte = 0;
+    QVERIFY(file.getChar(&byte));
+    file.seek(at);
+    QVERIFY(file.putChar(char(byte ^ 0x01)));
+}
+
+QString seedRuntimeOf(const QString& bundle) {
+    return bundle + QStringLiteral("/Contents/Resources/SeedRuntime/zentho");
+}
+
+} // namespace
+
+class TestReleaseTool : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir* tmp_ = nullptr;
+
+    QString path(const QString& relative) const { return tmp_->filePath(relative); }
+
+    // A game build folder: the 0.2.0 stand-in as "zentho", a data folder and a symlink inside it.
+    QString makeGameSource(const QString& name = QStringLiteral("game")) {
+        const QString source = path(name);
+        TestFiles::makeFolder(source + QStringLiteral("/data"));
+        QFile::copy(ReleaseTool::standinGame020(), source + QStringLiteral("/zentho"));
+        TestFiles::writeFile(source + QStringLiteral("/data/levels.txt"), "level 1\n");
+        QFile::link(QStringLiteral("levels.txt"), source + QStringLiteral("/data/current"));
+        return source;
+    }
+    // A copy of a launcher bundle sealed with the test key.
+    QString makeSealedBundle(const QString& from, const QString& folder) {
+        TestFiles::makeFolder(path(folder));
+        const QString bundle = path(folder + QStringLiteral("/ZenthoLauncher.app"));
+        ReleaseTool::copyTree(from, bundle);
+        const Run sealed = ReleaseTool::run({QStringLiteral("sign-bundle"), QStringLiteral("--key"),
+                                             LauncherBundles::testKey(), bundle});
+        if (!sealed.ok())
+            qWarning("sign-bundle: %s", sealed.errors.constData());
+        return bundle;
+    }
+    Run verify(const QString& manifest, const QString& archive, const QStringList& extra = {}) {
+        return ReleaseTool::run(QStringList{QStringLiteral("verify")} + extra +
+                                QStringList{manifest, archive});
+    }
+    QString testPublicKey() const { return LauncherBundles::testKey() + QStringLiteral(".pub"); }
+
+private slots:
+    void initTestCase() {
+        QVERIFY(RealLauncher::becomeSubreaper());
+        QVERIFY2(QFileInfo::exists(LauncherBundles::releaseTool()), "zentho-release is not built");
+        QVERIFY2(QFileInfo::exists(ReleaseTool::standinGame020()), "the 0.2.0 stand-in is not built");
+    }
+    void init() { tmp_ = new QTemporaryDir; }
+    void cleanup() { delete tmp_; }
+
+    void helpNamesEveryCommand() {
+        const Run help = ReleaseTool::run({QStringLiteral("--help")});
+        QCOMPARE(help.exitCode, 0);
+        for (const char* command : {"keygen", "sign-bundle", "pack", "verify"})
+            QVERIFY2(help.output.contains(QByteArray("  ") + command + ' '), help.output.constData());
+        for (const QString& command : {QStringLiteral("pack"), QStringLiteral("verify")}) {
+            const Run usage = ReleaseTool::run({command, QStringLiteral("--help")});
+            QCOMPARE(usage.exitCode, 0);
+            QVERIFY(usage.output.startsWith("usage: zentho-release " + command.toUtf8()));
+        }
+    }
+    void anUnknownCommandFailsWithOneLine() {
+        const Run unknown = ReleaseTool::run({QStringLiteral("publish")});
+        QCOMPARE(unknown.exitCode, 2);
+        QVERIFY(unknown.failedWithOneLine());
+        QVERIFY(unknown.errors.contains("unknown command \"publish\""));
+        QCOMPARE(ReleaseTool::run({}).exitCode, 2);
+    }
+
+    void keygenWritesAPairWithAPrivateKeyOnlyTheOwnerReads() {
+        const mode_t previous = ::umask(0); // the modes must not depend on the caller's umask
+        const Run made = ReleaseTool::run({QStringLiteral("keygen"), path(QStringLiteral("release.key"))});
+        ::umask(previous);
+        QVERIFY2(made.ok(), made.errors.constData());
+        QCOMPARE(modeOf(path(QStringLiteral("release.key"))), 0600);
+        QCOMPARE(modeOf(path(QStringLiteral("release.key.pub"))), 0644);
+        const Ed25519Key privateKey = Ed25519Key::fromFile(path(QStringLiteral("release.key")).toStdString());
+        const Ed25519Key publicKey = Ed25519Key::fromFile(path(QStringLiteral("release.key.pub")).toStdString());
+        QVERIFY(privateKey.hasPrivateKey());
+        QVERIFY(!publicKey.hasPrivateKey());
+        QVERIFY(publicKey.verify("message", privateKey.sign("message")));
+        QVERIFY(!publicKey.verify("massage", privateKey.sign("message")));
+    }
+    void keygenKeepsExistingKeysUnlessForced() {
+        const QString key = path(QStringLiteral("release.key"));
+        QVERIFY(ReleaseTool::run({QStringLiteral("keygen"), key}).ok());
+        const QByteArray first = TestFiles::readFile(key);
+        const Run again = ReleaseTool::run({QStringLiteral("keygen"), key});
+        QCOMPARE(again.exitCode, 1);
+        QVERIFY(again.failedWithOneLine());
+        QVERIFY(again.errors.contains("already exists; use --force"));
+        QCOMPARE(TestFiles::readFile(key), first);
+
+        const Run forced = ReleaseTool::run({QStringLiteral("keygen"), QStringLiteral("--force"), key});
+        QVERIFY2(forced.ok(), forced.errors.constData());
+        QVERIFY(TestFiles::readFile(key) != first);
+        QCOMPARE(modeOf(key), 0600);
+    }
+    void keygenRefusesBadCommandLines() {
+        QCOMPARE(ReleaseTool::run({QStringLiteral("keygen")}).exitCode, 2);
+        QCOMPARE(ReleaseTool::run({QStringLiteral("keygen"), QStringLiteral("a"), QStringLiteral("b")}).exitCode, 2);
+        QCOMPARE(ReleaseTool::run({QStringLiteral("keygen"), QStringLiteral("--fast"), path("k")}).exitCode, 2);
+        // A folder where the public key should go: nothing is written, not even the private key.
+        TestFiles::makeFolder(path(QStringLiteral("k.pub")));
+        const Run folder = ReleaseTool::run({QStringLiteral("keygen"), QStringLiteral("--force"), path("k")});
+        QCOMPARE(folder.exitCode, 1);
+        QVERIFY(folder.failedWithOneLine());
+        QVERIFY(!QFileInfo::exists(path(QStringLiteral("k"))));
+    }
+
+    void signBundleMakesASealTheVerifierAccepts() {
+        const QString bundle = makeSealedBundle(LauncherBundles::builtBundle(), QStringLiteral("signed"));
+        QVERIFY(QFileInfo::exists(bundle + QStringLiteral("/Contents/_CodeSignature/Signature")));
+        QProcess verifier;
+        verifier.start(LauncherBundles::testVerifier(),
+                       {QStringLiteral("--verify"), QStringLiteral("--deep"), QStringLiteral("--strict"), bundle});
+        QVERIFY(verifier.waitForFinished(60000));
+        QCOMPARE(verifier.exitCode(), 0);
+    }
+    void aOneByteChangeAfterSigningIsRefusedNamingTheFile() {
+        const QString bundle = makeSealedBundle(LauncherBundles::builtBundle(), QStringLiteral("signed"));
+        flipOneByte(seedRuntimeOf(bundle));
+        QProcess verifier;
+        verifier.start(LauncherBundles::testVerifier(),
+                       {QStringLiteral("--verify"), QStringLiteral("--deep"), QStringLiteral("--strict"), bundle});
+        QVERIFY(verifier.waitForFinished(60000));
+        QCOMPARE(verifier.exitCode(), 1);
+        QCOMPARE(verifier.readAllStandardError(),
+                 QByteArray("Contents/Resources/SeedRuntime/zentho: content changed\n"));
+    }
+    void signBundleRefusesBadInput() {
+        const QString bundle = path(QStringLiteral("plain.app"));
+        ReleaseTool::copyTree(LauncherBundles::builtBundle(), bundle);
+        const Run noKey = ReleaseTool::run({QStringLiteral("sign-bundle"), bundle});
+        QCOMPARE(noKey.exitCode, 2);
+        QVERIFY(noKey.failedWithOneLine());
+        const Run publicOnly = ReleaseTool::run({QStringLiteral("sign-bundle"), QStringLiteral("--key"), testPublicKey(), bundle});
+        QCOMPARE(publicOnly.exitCode, 1);
+        QVERIFY(publicOnly.failedWithOneLine());
+        const Run missing = ReleaseTool::run({QStringLiteral("sign-bundle"), QStringLiteral("--key"),
+                                              LauncherBundles::testKey(), path(QStringLiteral("none.app"))});
+        QCOMPARE(missing.exitCode, 1);
+        QVERIFY(missing.failedWithOneLine());
+    }
+
+    void packWritesAnArchiveAndTheManifestThatNamesIt() {
+        const QString source = makeGameSource();
+        const QString out = path(QStringLiteral("out"));
+        const Run packed = ReleaseTool::packGame(source, QStringLiteral("0.2.0"),
+                                                 QStringLiteral("https://cdn.example.invalid/builds/"), out);
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        const QString manifestPath = out + QStringLiteral("/macos-arm64-manifest.json");
+        const QString archive = out + QStringLiteral("/zentho-0.2.0-macos-arm64.tar.gz");
+        QCOMPARE(packed.output, QFile::encodeName(manifestPath) + '\n');
+
+        const QByteArray json = TestFiles::readFile(manifestPath);
+        QCOMPARE(QJsonDocument::fromJson(json).object().keys(),
+                 (QStringList{"executable", "platform", "sha256", "url", "version"}));
+        const ReleaseManifest manifest = ReleaseManifest::decode(json);
+        QCOMPARE(manifest.version, QStringLiteral("0.2.0"));
+        QCOMPARE(manifest.platform, QStringLiteral("macos-arm64"));
+        QCOMPARE(manifest.url.toString(),
+                 QStringLiteral("https://cdn.example.invalid/builds/zentho-0.2.0-macos-arm64.tar.gz"));
+        QCOMPARE(manifest.sha256, TestArchives::sha256sum(archive));
+        QCOMPARE(manifest.executable, QStringLiteral("zentho"));
+
+        // The content of the folder is the top level, names sorted; the symlink stays a symlink.
+        QProcess tar;
+        tar.start(QStringLiteral("/usr/bin/tar"), {QStringLiteral("-tzf"), archive});
+        QVERIFY(tar.waitForFinished());
+        QCOMPARE(tar.readAllStandardOutput(), QByteArray("data/\ndata/current\ndata/levels.txt\nzentho\n"));
+
+        const Run checked = verify(manifestPath, archive);
+        QVERIFY2(checked.ok(), checked.errors.constData());
+        QCOMPARE(checked.output, QByteArray("ok: macos-arm64 0.2.0: digest, listing, executable checked\n"));
+    }
+    void packRefusesWhatTheLauncherCouldNotUse_data() {
+        QTest::addColumn<QString>("setup");
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("message");
+        const QString base = QStringLiteral("https://h.invalid");
+        const auto game = [&](const QString& version, const QString& executable, const QString& url) {
+            return QStringList{QStringLiteral("--platform"), QStringLiteral("macos-arm64"),
+                               QStringLiteral("--version"), version, QStringLiteral("--executable"),
+                               executable, QStringLiteral("--url-base"), url};
+        };
+        QTest::newRow("platform") << "" << (QStringList{QStringLiteral("--platform"), QStringLiteral("macOS-arm64"),
+                                            QStringLiteral("--version"), QStringLiteral("1"), QStringLiteral("--executable"),
+                                            QStringLiteral("zentho"), QStringLiteral("--url-base"), base})
+                                  << 2 << "--platform must be macos-arm64 or macos-launcher-arm64";
+        QTest::newRow("version with a slash") << "" << game("0.2/0", "zentho", base) << 2 << "--version:";
+        QTest::newRow("version with a blank") << "" << game("0.2.0 ", "zentho", base) << 2 << "--version:";
+        QTest::newRow("executable outside") << "" << game("0.2.0", "../zentho", base) << 2 << "leads out of the archive";
+        QTest::newRow("file url") << "" << game("0.2.0", "zentho", "file:///srv") << 2 << "--url-base must be an http or https";
+        QTest::newRow("missing executable") << "" << game("0.2.0", "zenth", base) << 1 << "game/zenth: the executable is missing";
+        QTest::newRow("not executable") << "" << game("0.2.0", "data/levels.txt", base) << 1 << "not an executable file";
+        QTest::newRow("symlink out") << "outlink" << game("0.2.0", "zentho", base) << 1
+                                     << "game/data/out: symlink points outside the folder (-> ../../secret)";
+        QTest::newRow("absolute symlink") << "abslink" << game("0.2.0", "zentho", base) << 1
+                                          << "game/data/abs: symlink points outside the folder (-> /etc/passwd)";
+        QTest::newRow("line feed in a name") << "linefeed" << game("0.2.0", "zentho", base) << 1
+                                             << "game/data/two\\nlines: the name holds a control character";
+        QTest::newRow("pipe") << "fifo" << game("0.2.0", "zentho", base) << 1 << "not a file, folder or symlink";
+        QTest::newRow("out inside source") << "outinside" << game("0.2.0", "zentho", base) << 2 << "--out must not be inside SRC";
+        QTest::newRow("existing archive") << "existing" << game("0.2.0", "zentho", base) << 1
+                                          << "already exists; use --force to replace it";
+        QTest::newRow("no source") << "nosource" << game("0.2.0", "zentho", base) << 1 << ": not a folder";
+    }
+    void packRefusesWhatTheLauncherCouldNotUse() {
+        QFETCH(QString, setup);
+        QFETCH(QStringList, arguments);
+        QFETCH(int, exitCode);
+        QFETCH(QString, message);
+        QString source = makeGameSource();
+        QString out = path(QStringLiteral("out"));
+        if (setup == QLatin1String("outlink"))
+            QVERIFY(QFile::link(QStringLiteral("../../secret"), source + QStringLiteral("/data/out")));
+        if (setup == QLatin1String("abslink"))
+            QVERIFY(QFile::link(QStringLiteral("/etc/passwd"), source + QStringLiteral("/data/abs")));
+        if (setup == QLatin1String("linefeed"))
+            TestFiles::writeFile(source + QStringLiteral("/data/two\nlines"), "x");
+        if (setup == QLatin1String("fifo"))
+            QCOMPARE(::mkfifo(QFile::encodeName(source + QStringLiteral("/data/pipe")).constData(), 0644), 0);
+        if (setup == QLatin1String("outinside"))
+            out = source + QStringLiteral("/dist");
+        if (setup == QLatin1String("existing"))
+            TestFiles::writeFile(out + QStringLiteral("/zentho-0.2.0-macos-arm64.tar.gz"), "earlier");
+        if (setup == QLatin1String("nosource"))
+            source = path(QStringLiteral("nothing-here"));
+
+        const Run packed = ReleaseTool::run(QStringList{QStringLiteral("pack")} + arguments +
+                                            QStringList{QStringLiteral("--out"), out, source});
+        QCOMPARE(packed.exitCode, exitCode);
+        QVERIFY2(packed.failedWithOneLine(), packed.errors.constData());
+        QVERIFY2(packed.errors.startsWith("zentho-release pack: "), packed.errors.constData());
+        QVERIFY2(packed.errors.contains(message.toUtf8()), packed.errors.constData());
+        QVERIFY(!QFileInfo::exists(out + QStringLiteral("/macos-arm64-manifest.json")));
+        QVERIFY(!QFileInfo::exists(source + QStringLiteral("/dist")));
+        if (setup == QLatin1String("existing")) {
+            QCOMPARE(TestFiles::readFile(out + QStringLiteral("/zentho-0.2.0-macos-arm64.tar.gz")), QByteArray("earlier"));
+            const Run forced = ReleaseTool::run(QStringList{QStringLiteral("pack")} + arguments +
+                                                QStringList{QStringLiteral("--force"), QStringLiteral("--out"), out, source});
+            QVERIFY2(forced.ok(), forced.errors.constData());
+        }
+    }
+
+    void packLaunchesABundleAsTheArchivesOneTopLevelFolder() {
+        const QString bundle = makeSealedBundle(LauncherBundles::builtBundle(), QStringLiteral("src"));
+        const QString out = path(QStringLiteral("out"));
+        const Run packed = ReleaseTool::packLauncher(bundle, QStringLiteral("0.1.191"), QStringLiteral("https://h.invalid/l"), out);
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        const QString archive = out + QStringLiteral("/zentho-0.1.191-macos-launcher-arm64.tar.gz");
+        const ReleaseManifest manifest = ReleaseManifest::decode(TestFiles::readFile(packed.output.trimmed()));
+        QCOMPARE(manifest.platform, QStringLiteral("macos-launcher-arm64"));
+        QCOMPARE(manifest.executable, QStringLiteral("ZenthoLauncher.app"));
+        QProcess tar;
+        tar.start(QStringLiteral("/usr/bin/tar"), {QStringLiteral("-tzf"), archive});
+        QVERIFY(tar.waitForFinished());
+        for (const QByteArray& entry : tar.readAllStandardOutput().split('\n'))
+            QVERIFY2(entry.isEmpty() || entry.startsWith("ZenthoLauncher.app/"), entry.constData());
+
+        const Run checked = verify(packed.output.trimmed(), archive, {QStringLiteral("--key"), testPublicKey()});
+        QVERIFY2(checked.ok(), checked.errors.constData());
+        // Sealed by another key than the one given: the launcher trusting that key refuses it.
+        const Run otherKey = verify(packed.output.trimmed(), archive,
+                                    {QStringLiteral("--key"), LauncherBundles::buildDir() + QStringLiteral("/signing/development.key.pub")});
+        QCOMPARE(otherKey.exitCode, 1);
+        QVERIFY(otherKey.errors.contains("signature: "));
+        // Without a key the seal cannot be checked at all.
+        QCOMPARE(verify(packed.output.trimmed(), archive).exitCode, 2);
+    }
+    void packRefusesAnUnsealedOrMisnamedBundle() {
+        const QString bundle = path(QStringLiteral("ZenthoLauncher.app"));
+        ReleaseTool::copyTree(LauncherBundles::builtBundle(), bundle);
+        QFile::remove(bundle + QStringLiteral("/Contents/_CodeSignature/Signature"));
+        const QString out = path(QStringLiteral("out"));
+        const Run unsealed = ReleaseTool::packLauncher(bundle, QStringLiteral("0.2.0"), QStringLiteral("https://h.invalid"), out);
+        QCOMPARE(unsealed.exitCode, 1);
+        QVERIFY(unsealed.failedWithOneLine());
+        QVERIFY(unsealed.errors.contains("the bundle is not sealed"));
+
+        const Run misnamed = ReleaseTool::run({QStringLiteral("pack"), QStringLiteral("--platform"), QStringLiteral("macos-launcher-arm64"),
+                                               QStringLiteral("--version"), QStringLiteral("0.2.0"), QStringLiteral("--executable"),
+                                               QStringLiteral("Other.app"), QStringLiteral("--url-base"), QStringLiteral("https://h.invalid"),
+                                               QStringLiteral("--out"), out, bundle});
+        QCOMPARE(misnamed.exitCode, 2);
+        QVERIFY(misnamed.errors.contains("--executable must be the bundle's folder name \"ZenthoLauncher.app\""));
+
+        QFile::remove(RealLauncher::executableOf(bundle));
+        const Run noExecutable = ReleaseTool::packLauncher(bundle, QStringLiteral("0.2.0"), QStringLiteral("https://h.invalid"), out);
+        QCOMPARE(noExecutable.exitCode, 1);
+        QVERIFY(noExecutable.errors.contains("Contents/MacOS/ZenthoLauncher: missing or not an executable file"));
+        QVERIFY(QDir(out).isEmpty());
+    }
+
+    void verifyNamesTheCheckThatFails_data() {
+        QTest::addColumn<QString>("change");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("not json") << "json" << "manifest: The manifest is not valid JSON";
+        QTest::newRow("no executable key") << "nokey" << "manifest: The manifest is missing \"executable\".";
+        QTest::newRow("platform case") << "platform" << "platform: \"macOS-arm64\" is neither";
+        QTest::newRow("file url") << "url" << "url: file:///srv/zentho.tar.gz is not an http or https address";
+        QTest::newRow("digest with prefix") << "sha" << "sha256: the archive's digest is ";
+        QTest::newRow("changed archive") << "archive" << "sha256: the archive's digest is ";
+        QTest::newRow("missing executable") << "executable" << "executable: \"zenth\" is not in the archive";
+        QTest::newRow("unsafe entry") << "unsafe" << "listing: unsafe entry \"game/../../x\"";
+        QTest::newRow("not gzip") << "notgzip" << "listing: ";
+    }
+    void verifyNamesTheCheckThatFails() {
+        QFETCH(QString, change);
+        QFETCH(QString, message);
+        const QString out = path(QStringLiteral("out"));
+        QVERIFY(ReleaseTool::packGame(makeGameSource(), QStringLiteral("0.2.0"), QStringLiteral("http://h.invalid"), out).ok());
+        const QString manifestPath = out + QStringLiteral("/macos-arm64-manifest.json");
+        QString archive = out + QStringLiteral("/zentho-0.2.0-macos-arm64.tar.gz");
+        QVERIFY(verify(manifestPath, archive).ok());
+
+        QJsonObject json = QJsonDocument::fromJson(TestFiles::readFile(manifestPath)).object();
+        if (change == QLatin1String("nokey"))
+            json.remove(QStringLiteral("executable"));
+        if (change == QLatin1String("platform"))
+            json[QStringLiteral("platform")] = QStringLiteral("macOS-arm64");
+        if (change == QLatin1String("url"))
+            json[QStringLiteral("url")] = QStringLiteral("file:///srv/zentho.tar.gz");
+        if (change == QLatin1String("sha"))
+            json[QStringLiteral("sha256")] = QStringLiteral("sha256:") + json[QStringLiteral("sha256")].toString();
+        if (change == QLatin1String("executable"))
+            json[QStringLiteral("executable")] = QStringLiteral("zenth");
+        if (change == QLatin1String("archive"))
+            flipOneByte(archive);
+        if (change == QLatin1String("unsafe") || change == QLatin1String("notgzip")) {
+            archive = path(QStringLiteral("other.tar.gz"));
+            if (change == QLatin1String("unsafe"))
+                TestArchives::createWithName(archive, QStringLiteral("game/../../x"), path(QStringLiteral("scratch")));
+            else
+                TestFiles::writeFile(archive, "plain text, not an archive\n");
+            json[QStringLiteral("sha256")] = TestArchives::sha256sum(archive);
+        }
+        QByteArray bytes = QJsonDocument(json).toJson();
+        if (change == QLatin1String("json"))
+            bytes.chop(3);
+        TestFiles::writeFile(manifestPath, bytes);
+
+        const Run checked = verify(manifestPath, archive);
+        QCOMPARE(checked.exitCode, 1);
+        QVERIFY2(checked.errors.contains("zentho-release verify: " + message.toUtf8()), checked.errors.constData());
+        QCOMPARE(checked.errors.count('\n') - checked.errors.count("warning:"), 1);
+    }
+    void verifyRefusesABundleChangedAfterItsSealNamingTheFile() {
+        const QString bundle = makeSealedBundle(LauncherBundles::builtBundle(), QStringLiteral("src"));
+        flipOneByte(seedRuntimeOf(bundle));
+        const QString out = path(QStringLiteral("out"));
+        const Run packed = ReleaseTool::packLauncher(bundle, QStringLiteral("0.2.0"), QStringLiteral("https://h.invalid"), out);
+        QVERIFY2(packed.ok(), packed.errors.constData()); // pack checks that a seal is there, not its validity
+        const Run checked = verify(packed.output.trimmed(), out + QStringLiteral("/zentho-0.2.0-macos-launcher-arm64.tar.gz"),
+                                   {QStringLiteral("--key"), testPublicKey()});
+        QCOMPARE(checked.exitCode, 1);
+        QCOMPARE(checked.errors, QByteArray("zentho-release verify: signature: "
+                                            "Contents/Resources/SeedRuntime/zentho: content changed\n"));
+    }
+
+    // The whole road of a release: packed by the tool, served over HTTPS, and installed and
+    // started by the real launcher, which quits and leaves the game running.
+    void aPackedReleaseIsInstalledAndStartedByTheRealLauncher() {
+        TestServer server;
+        const QString release = server.documentRoot() + QStringLiteral("/release");
+        const Run game = ReleaseTool::packGame(makeGameSource(), QStringLiteral("0.2.0"),
+                                               server.url(QStringLiteral("/release")).toString(), release);
+        QVERIFY2(game.ok(), game.errors.constData());
+        // The launcher's own manifest names the running version, so it does not update itself.
+        const QString bundle = makeSealedBundle(LauncherBundles::builtBundle(), QStringLiteral("launcher"));
+        const Run self = ReleaseTool::packLauncher(bundle, QStringLiteral("0.1.190"),
+                                                   server.url(QStringLiteral("/release")).toString(), release);
+        QVERIFY2(self.ok(), self.errors.constData());
+
+        const QString data = path(QStringLiteral("data"));
+        const QString record = path(QStringLiteral("record"));
+        RealLauncher launcher(LauncherBundles::builtBundle(), data);
+        launcher.useManifests(server.url(QStringLiteral("/release/macos-arm64-manifest.json")).toString(),
+                              server.url(QStringLiteral("/release/macos-launcher-arm64-manifest.json")).toString());
+        launcher.recordGameStartIn(record);
+        const QString invite = QStringLiteral("zentho://invite/release-room?from=tool");
+        launcher.start(server, invite);
+        QCOMPARE(launcher.waitForExit(), std::optional<int>(0));
+
+        const QByteArray recorded = RealLauncher::waitForGameRecord(record);
+        QVERIFY2(!recorded.isEmpty(), launcher.errors().constData());
+        const QString installed = data + QStringLiteral("/Zentho/launcher/versions/0.2.0");
+        QVERIFY2(recorded.startsWith("version=0.2.0\ncwd=" + QFile::encodeName(installed) + "\narg=" +
+                                     invite.toUtf8() + "\n"),
+                 recorded.constData());
+        QVERIFY(TestFiles::readFile(data + QStringLiteral("/Zentho/launcher/current-macos.json")).contains("0.2.0"));
+        const qint64 pid = RealLauncher::recordedPid(recorded);
+        const auto state = StandinGames::processState(pid);
+        QVERIFY2(state && *state != 'Z', "the game did not outlive the launcher");
+        RealLauncher::terminateAndCollect(pid);
+    }
+    void aReleaseWhoseArchiveChangedIsRefusedAndTheSeedRuntimeStarts() {
+        TestServer server;
+        const QString release = server.documentRoot() + QStringLiteral("/release");
+        QVERIFY(ReleaseTool::packGame(makeGameSource(), QStringLiteral("0.2.0"),
+                                      server.url(QStringLiteral("/release")).toString(), release).ok());
+        flipOneByte(release + QStringLiteral("/zentho-0.2.0-macos-arm64.tar.gz"));
+
+        const QString data = path(QStringLiteral("data"));
+        const QString record = path(QStringLiteral("record"));
+        RealLauncher launcher(LauncherBundles::builtBundle(), data);
+        launcher.useManifests(server.url(QStringLiteral("/release/macos-arm64-manifest.json")).toString(),
+                              QStringLiteral("file:///dev/null/no-launcher-manifest.json"));
+        launcher.recordGameStartIn(record);
+        launcher.start(server, QStringLiteral("zentho://invite/fallback"));
+        QCOMPARE(launcher.waitForExit(), std::optional<int>(0));
+
+        const QByteArray recorded = RealLauncher::waitForGameRecord(record);
+        QVERIFY2(recorded.startsWith("version=0.1.190\n"), (recorded + launcher.errors()).constData());
+        QVERIFY(!QFileInfo::exists(data + QStringLiteral("/Zentho/launcher/versions/0.2.0")));
+        RealLauncher::terminateAndCollect(RealLauncher::recordedPid(recorded));
+    }
+};
+
+QTEST_MAIN(TestReleaseTool)
+#include "TestReleaseTool.moc"

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <QProcess>
+#include <QProcessEnvironment>
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+class TestServer;
+
+// The real launcher executable of a bundle, started as the desktop would start it for an invite
+// link (the link is its one argument, which presses the main button), trusting the test server's
+// CA, with its own data folder and its manifests on the test server.
+class RealLauncher {
+public:
+    RealLauncher(const QString& bundle, const QString& dataHome);
+    ~RealLauncher();
+    RealLauncher(const RealLauncher&) = delete;
+    RealLauncher& operator=(const RealLauncher&) = delete;
+
+    QProcessEnvironment& environment() { return env_; }
+    void useManifests(const QString& gameManifest, const QString& launcherManifest);
+    void recordGameStartIn(const QString& recordPath);
+
+    void start(const TestServer& server, const QString& invite);
+    // Waits for the launcher to end by itself; its exit code, or none when it did not end in
+    // time (it is then killed) or crashed.
+    std::optional<int> waitForExit(int timeoutMs = 60000);
+    QByteArray errors() const { return errors_; }
+
+    // `bundle`/Contents/MacOS/ZenthoLauncher --version, trimmed.
+    static QString versionOf(const QString& bundle);
+    static QString executableOf(const QString& bundle);
+
+    // The stand-in game's record at `path` once it is complete (it ends with its pid line), or
+    // empty when none appeared in time.
+    static QByteArray waitForGameRecord(const QString& path, int timeoutMs = 20000);
+    static qint64 recordedPid(const QByteArray& record);
+
+    // Processes whose executable is `path` (from /proc/<pid>/exe).
+    static QList<qint64> processesRunning(const QString& path);
+    // Ends a process that has come to this test (as subreaper or parent) and collects it.
+    static void terminateAndCollect(qint64 pid);
+    // Makes this process the subreaper of everything its children leave behind, so games and
+    // relaunched launchers can be seen and collected.
+    static bool becomeSubreaper();
+
+private:
+    QString bundle_;
+    QProcessEnvironment env_;
+    QProcess process_;
+    QByteArray errors_;
+};

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+// Runs the publisher's tool, zentho-release, from the build folder, the way a release engineer
+// would, and hands back what it did.
+namespace ReleaseTool {
+
+struct Run {
+    int exitCode = -1; // -1 when it crashed or did not end
+    QByteArray output;
+    QByteArray errors;
+
+    bool ok() const { return exitCode == 0; }
+    // A failure reported the way every subcommand must: exactly one line on standard error.
+    bool failedWithOneLine() const { return exitCode > 0 && errors.count('\n') == 1 && errors.endsWith('\n'); }
+};
+
+Run run(const QStringList& arguments);
+
+// pack --platform macos-arm64 for a game build folder; returns the run (its output is the
+// manifest's path and a line feed).
+Run packGame(const QString& source, const QString& version, const QString& urlBase,
+             const QString& out, const QStringList& extra = {});
+// pack --platform macos-launcher-arm64 for a bundle folder, whose name is the executable.
+Run packLauncher(const QString& bundle, const QString& version, const QString& urlBase,
+                 const QString& out, const QStringList& extra = {});
+
+// The stand-in game built as version 0.2.0, and the launcher bundle built as 0.2.0.
+QString standinGame020();
+QString launcherBundle020();
+
+// Copies a folder tree as it is (modes, symlinks) with cp -a; fails the test when cp does.
+void copyTree(const QString& from, const QString& to);
+
+} // namespace ReleaseTool
