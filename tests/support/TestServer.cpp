@@ -242,7 +242,7 @@ void TestServer::primeTruncatedFile() {
     if (!answer.startsWith("HTTP/1.1 200") || answer.size() < truncatedContentLength())
         fail(QStringLiteral("could not prime /truncated: ") + QString::fromLatin1(answer.left(200)));
     QFile file(prefix_.filePath(QStringLiteral("fixtures/truncated.bin")));
-    if (!file.resize(truncatedBytesSent()))
+    if (!file.resize(truncatedBytesOnDisk()))
         fail(QStringLiteral("could not cut the truncated fixture"));
 }
 

@@ -23,8 +23,8 @@
 //   /redirect/http/<path>   302 to httpUrl(<path>) (a step down to plain http)
 //   /redirect/loop          302 to itself, forever
 // HTTPS only:
-//   /truncated              status 200, Content-Length 1048576, connection closed after
-//                           truncatedBytesSent() bytes
+//   /truncated              status 200, Content-Length 1048576, connection closed after at
+//                           most truncatedBytesOnDisk() bytes of body
 //
 // Trust: a unit test calls trustInThisProcess() (adds the CA to Qt's default SSL
 // configuration). A real binary is run with commandTrustingCa(): under `unshare -m` with a
@@ -50,7 +50,7 @@ public:
     // Writes `bytes` to documentRoot()/<relativePath>, creating folders; returns the file path.
     QString writeFile(const QString& relativePath, const QByteArray& bytes) const;
 
-    static qint64 truncatedBytesSent() { return 200000; }
+    static qint64 truncatedBytesOnDisk() { return 200000; }
     static qint64 truncatedContentLength() { return 1048576; }
 
     static QString caPath();
