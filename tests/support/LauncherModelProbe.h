@@ -24,6 +24,9 @@ struct LauncherModelProbe {
     static void setInstalledBuilds(LauncherModel& m, const QList<InstalledBuild>& builds) {
         m.installedBuilds_ = builds;
     }
+    static QCoro::Task<QUrl> install(LauncherModel& m, const ReleaseManifest& manifest) {
+        return m.install(manifest);
+    }
     static QCoro::Task<bool> updateLauncherIfNeeded(LauncherModel& m) {
         return m.updateLauncherIfNeeded();
     }

@@ -1,0 +1,114 @@
+#include "GameInstaller.h"
+
+#include "model/LauncherError.h"
+#include "platform/FileManager.h"
+#include "storage/InstalledState.h"
+#include "update/Archive.h"
+#include "update/HttpClient.h"
+
+#include <Uuid.h>
+
+#include <optional>
+
+namespace {
+
+// A staging folder that removes itself, with whatever was unpacked into it, on every way out
+// until it has been renamed into place. A failed removal is not worth masking the error that
+// got us here, so it is ignored.
+class StagingFolder {
+public:
+    StagingFolder(const FileManager& files, QString path) : files_(files), path_(std::move(path)) {
+        files_.createDirectory(path_);
+        armed_ = true;
+    }
+    StagingFolder(const StagingFolder&) = delete;
+    StagingFolder& operator=(const StagingFolder&) = delete;
+    ~StagingFolder() {
+        if (!armed_)
+            return;
+        try {
+            files_.removeItem(path_);
+        } catch (...) {
+        }
+    }
+
+    const QString& path() const { return path_; }
+    // Renames the folder to `destination`, which must not exist yet; after that there is
+    // nothing left to clean up.
+    void moveTo(const QString& destination) {
+        files_.moveItem(path_, destination);
+        armed_ = false;
+    }
+
+private:
+    const FileManager& files_;
+    QString path_;
+    bool armed_ = false;
+};
+
+QString appendComponent(const QString& folder, const QString& name) {
+    return folder + QLatin1Char('/') + name;
+}
+
+} // namespace
+
+GameInstaller::GameInstaller(const FileManager& files, Locations locations,
+                             StatusReporter reportStatus)
+    : files_(files), locations_(std::move(locations)), reportStatus_(std::move(reportStatus)) {}
+
+QString GameInstaller::installFolderFor(const QString& versionsRoot, const QString& version) {
+    QString folder = appendComponent(versionsRoot, version);
+    while (folder.size() > 1 && folder.endsWith(QLatin1Char('/')))
+        folder.chop(1);
+    return folder;
+}
+
+QCoro::Task<QString> GameInstaller::install(ReleaseManifest manifest) {
+    files_.createDirectory(locations_.versionsRoot);
+    const QString installFolder = installFolderFor(locations_.versionsRoot, manifest.version);
+
+    // A build already on disk is made current again without fetching it a second time; this is
+    // also how an install whose state write failed gets completed later.
+    if (!files_.fileExists(appendComponent(installFolder, manifest.executable)))
+        co_await downloadAndPlace(manifest, installFolder);
+
+    InstalledState{manifest.version, installFolder}.write(files_, locations_.statePath);
+    co_return installFolder;
+}
+
+QCoro::Task<void> GameInstaller::downloadAndPlace(ReleaseManifest manifest, QString installFolder) {
+    reportStatus_(downloadingStatus());
+    DownloadedFile archive = co_await HttpClient::shared().download(manifest.url);
+
+    // Only a plain 200 carries the whole archive: a partial, empty or cached answer, or no HTTP
+    // answer at all (a local file), is refused rather than guessed at.
+    if (archive.statusCode() != std::optional<int>(200))
+        throw LauncherError::downloadFailed();
+    // Exact comparison on purpose: a digest with stray blanks or a prefix is a broken manifest,
+    // and accepting it would hide that from the people who publish them.
+    if (archive.sha256Hex() != manifest.sha256.toLower())
+        throw LauncherError::hashMismatch();
+
+    reportStatus_(installingStatus());
+    unpackAndPlace(std::move(archive), manifest.executable, installFolder);
+}
+
+void GameInstaller::unpackAndPlace(DownloadedFile archive, const QString& executable,
+                                   const QString& installFolder) {
+    StagingFolder staging(files_, appendComponent(locations_.launcherRoot,
+                                                  QStringLiteral("staging-") +
+                                                      QString::fromStdString(makeUpperUuid())));
+    {
+        // The temporary archive is only needed by the two tar runs; it goes right after them,
+        // before the build is moved into place, so a large download never lingers.
+        DownloadedFile download = std::move(archive);
+        checkArchiveListing(runTar({QStringLiteral("-tzf"), download.path()}));
+        runTar({QStringLiteral("-xzf"), download.path(), QStringLiteral("-C"), staging.path()});
+    }
+
+    const QString stagedExecutable = appendComponent(staging.path(), executable);
+    if (!files_.fileExists(stagedExecutable))
+        throw LauncherError::missingExecutable();
+    files_.setPosixPermissions(stagedExecutable, 0755);
+    staging.moveTo(installFolder);
+}

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "update/ReleaseManifest.h"
+
+#include <QString>
+
+#include <QCoroTask>
+
+#include <functional>
+
+class DownloadedFile;
+class FileManager;
+
+// Turns one game release into an installed, recorded build: download, verify the digest, list
+// and vet the archive, unpack it into a private staging folder, make the executable runnable,
+// rename the staging folder into the versions folder and record the build as current. A failure
+// anywhere before the rename leaves the versions folder and the state file as they were.
+class GameInstaller {
+public:
+    struct Locations {
+        QString launcherRoot; // staging folders are made here, next to the versions folder
+        QString versionsRoot;
+        QString statePath;
+    };
+    using StatusReporter = std::function<void(const QString&)>;
+
+    GameInstaller(const FileManager& files, Locations locations, StatusReporter reportStatus);
+
+    // Installs `manifest` (or, when its executable is already in place, only records it) and
+    // returns the build folder's path. Throws LauncherError for what it detects itself; errors of
+    // the network, the file system and tar's start pass through unchanged. Sets only the two
+    // progress statuses, never an error status.
+    QCoro::Task<QString> install(ReleaseManifest manifest);
+
+    // versionsRoot + version, taken as given (a "/" in it nests folders), without a trailing "/".
+    static QString installFolderFor(const QString& versionsRoot, const QString& version);
+
+    static QString downloadingStatus() { return QStringLiteral("Downloading into ZENTHO storage..."); }
+    static QString installingStatus() { return QStringLiteral("Installing verified update..."); }
+
+private:
+    QCoro::Task<void> downloadAndPlace(ReleaseManifest manifest, QString installFolder);
+    // Stages `archive` and renames the staging folder to `installFolder`; consumes the download,
+    // whose temporary file goes as soon as tar has finished reading it.
+    void unpackAndPlace(DownloadedFile archive, const QString& executable,
+                        const QString& installFolder);
+
+    const FileManager& files_;
+    Locations locations_;
+    StatusReporter reportStatus_;
+};
