@@ -18,6 +18,7 @@ TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
 
     // Any sign of life from the server after the handshake ends the connect phase; a request
     // that needs no connection (a file) finishes before any of these matter.
+    connect(reply, &QNetworkReply::encrypted, this, &TransferWatchdog::connected);
     connect(reply, &QNetworkReply::requestSent, this, &TransferWatchdog::connected);
     connect(reply, &QNetworkReply::metaDataChanged, this, &TransferWatchdog::connected);
     connect(reply, &QNetworkReply::downloadProgress, this,

@@ -1,0 +1,84 @@
+// How much memory a large archive download costs. The body streams to a temporary file while it
+// is hashed, so the peak resident size should grow by a small, fixed amount whatever the size of
+// the archive. Also prints the throughput over loopback TLS from a real nginx.
+
+#include "TestServer.h"
+
+#include "update/HttpClient.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <QCoroTask>
+
+#include <cstdio>
+#include <exception>
+#include <optional>
+
+namespace {
+
+// Peak resident set size of this process, in KiB.
+long peakResidentKiB() {
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return -1;
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith("VmHWM:"))
+            return line.mid(6).trimmed().split(' ').first().toLong();
+    return -1;
+}
+
+void resetPeakResident() {
+    QFile clear(QStringLiteral("/proc/self/clear_refs"));
+    if (clear.open(QIODevice::WriteOnly))
+        clear.write("5");
+}
+
+QCoro::Task<void> downloadOnce(QUrl url, std::optional<DownloadedFile>* file,
+                               std::exception_ptr* error) {
+    try {
+        file->emplace(co_await HttpClient::shared().download(url));
+    } catch (...) {
+        *error = std::current_exception();
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    QTemporaryDir downloads;
+    qputenv("TMPDIR", QFile::encodeName(downloads.path()));
+    TestServer server;
+    TestServer::trustInThisProcess();
+
+    const qint64 mib = 1024 * 1024;
+    for (const qint64 size : {16 * mib, 256 * mib}) {
+        const QString name = QStringLiteral("archive-%1.bin").arg(size);
+        const QString path = server.writeFile(name, QByteArray());
+        QFile::resize(path, size); // sparse: costs no disk on the server side
+
+        std::optional<DownloadedFile> file;
+        std::exception_ptr error;
+        resetPeakResident();
+        const long before = peakResidentKiB();
+        QElapsedTimer clock;
+        clock.start();
+        QCoro::waitFor(downloadOnce(server.url(QLatin1Char('/') + name), &file, &error));
+        const double seconds = clock.elapsed() / 1000.0;
+        const long peak = peakResidentKiB();
+        if (error || !file || QFileInfo(file->path()).size() != size) {
+            std::fprintf(stderr, "download of %lld bytes failed\n", static_cast<long long>(size));
+            return 1;
+        }
+        std::printf("download_%lld_mib_seconds: %.2f (%.0f MiB/s)\n",
+                    static_cast<long long>(size / mib), seconds, double(size / mib) / seconds);
+        std::printf("download_%lld_mib_peak_rss_growth: %ld KiB (before %ld KiB, peak %ld KiB)\n",
+                    static_cast<long long>(size / mib), peak - before, before, peak);
+        QFile::remove(path);
+    }
+    return 0;
+}
