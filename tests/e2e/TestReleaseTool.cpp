@@ -1,6 +1,6 @@
-// The publisher's tool, zentho-release, used as a release engineer would: keys, seals, packed
-// releases and their check, and a release it packed, served over HTTPS, installed and started by
-// the real launcher.
+// The publisher's tool, zentho-release, used as a release engineer would: packed releases and
+// their check, and a release it packed, served over HTTPS, installed and started by the real
+// launcher. Keys and seals are in TestReleaseKeys.
 
 #include "LauncherBundles.h"
 #include "RealLauncher.h"
@@ -10,7 +10,6 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
-#include "update/Ed25519Key.h"
 #include "update/ReleaseManifest.h"
 
 #include <QDir>
@@ -22,36 +21,8 @@
 #include <QTest>
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 using ReleaseTool::Run;
-
-namespace {
-
-int modeOf(const QString& path) {
-    struct stat info {};
-    if (::lstat(QFile::encodeName(path).constData(), &info) != 0)
-        return -1;
-    return int(info.st_mode & 07777);
-}
-
-// Changes one byte in the middle of a file, keeping its size and mode.
-void flipOneByte(const QString& path) {
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::ReadWrite));
-    const qint64 at = file.size() / 2;
-    file.seek(at);
-    char byte = 0;
-    QVERIFY(file.getChar(&byte));
-    file.seek(at);
-    QVERIFY(file.putChar(char(byte ^ 0x01)));
-}
-
-QString seedRuntimeOf(const QString& bundle) {
-    return bundle + QStringLiteral("/Contents/Resources/SeedRuntime/zentho");
-}
-
-} // namespace
 
 class TestReleaseTool : public QObject {
     Q_OBJECT
@@ -72,13 +43,7 @@ class TestReleaseTool : public QObject {
     // A copy of a launcher bundle sealed with the test key.
     QString makeSealedBundle(const QString& from, const QString& folder) {
         TestFiles::makeFolder(path(folder));
-        const QString bundle = path(folder + QStringLiteral("/ZenthoLauncher.app"));
-        ReleaseTool::copyTree(from, bundle);
-        const Run sealed = ReleaseTool::run({QStringLiteral("sign-bundle"), QStringLiteral("--key"),
-                                             LauncherBundles::testKey(), bundle});
-        if (!sealed.ok())
-            qWarning("sign-bundle: %s", sealed.errors.constData());
-        return bundle;
+        return ReleaseTool::sealedCopy(from, path(folder + QStringLiteral("/ZenthoLauncher.app")));
     }
     Run verify(const QString& manifest, const QString& archive, const QStringList& extra = {}) {
         return ReleaseTool::run(QStringList{QStringLiteral("verify")} + extra +
@@ -94,101 +59,6 @@ private slots:
     }
     void init() { tmp_ = new QTemporaryDir; }
     void cleanup() { delete tmp_; }
-
-    void helpNamesEveryCommand() {
-        const Run help = ReleaseTool::run({QStringLiteral("--help")});
-        QCOMPARE(help.exitCode, 0);
-        for (const char* command : {"keygen", "sign-bundle", "pack", "verify"})
-            QVERIFY2(help.output.contains(QByteArray("  ") + command + ' '), help.output.constData());
-        for (const QString& command : {QStringLiteral("pack"), QStringLiteral("verify")}) {
-            const Run usage = ReleaseTool::run({command, QStringLiteral("--help")});
-            QCOMPARE(usage.exitCode, 0);
-            QVERIFY(usage.output.startsWith("usage: zentho-release " + command.toUtf8()));
-        }
-    }
-    void anUnknownCommandFailsWithOneLine() {
-        const Run unknown = ReleaseTool::run({QStringLiteral("publish")});
-        QCOMPARE(unknown.exitCode, 2);
-        QVERIFY(unknown.failedWithOneLine());
-        QVERIFY(unknown.errors.contains("unknown command \"publish\""));
-        QCOMPARE(ReleaseTool::run({}).exitCode, 2);
-    }
-
-    void keygenWritesAPairWithAPrivateKeyOnlyTheOwnerReads() {
-        const mode_t previous = ::umask(0); // the modes must not depend on the caller's umask
-        const Run made = ReleaseTool::run({QStringLiteral("keygen"), path(QStringLiteral("release.key"))});
-        ::umask(previous);
-        QVERIFY2(made.ok(), made.errors.constData());
-        QCOMPARE(modeOf(path(QStringLiteral("release.key"))), 0600);
-        QCOMPARE(modeOf(path(QStringLiteral("release.key.pub"))), 0644);
-        const Ed25519Key privateKey = Ed25519Key::fromFile(path(QStringLiteral("release.key")).toStdString());
-        const Ed25519Key publicKey = Ed25519Key::fromFile(path(QStringLiteral("release.key.pub")).toStdString());
-        QVERIFY(privateKey.hasPrivateKey());
-        QVERIFY(!publicKey.hasPrivateKey());
-        QVERIFY(publicKey.verify("message", privateKey.sign("message")));
-        QVERIFY(!publicKey.verify("massage", privateKey.sign("message")));
-    }
-    void keygenKeepsExistingKeysUnlessForced() {
-        const QString key = path(QStringLiteral("release.key"));
-        QVERIFY(ReleaseTool::run({QStringLiteral("keygen"), key}).ok());
-        const QByteArray first = TestFiles::readFile(key);
-        const Run again = ReleaseTool::run({QStringLiteral("keygen"), key});
-        QCOMPARE(again.exitCode, 1);
-        QVERIFY(again.failedWithOneLine());
-        QVERIFY(again.errors.contains("already exists; use --force"));
-        QCOMPARE(TestFiles::readFile(key), first);
-
-        const Run forced = ReleaseTool::run({QStringLiteral("keygen"), QStringLiteral("--force"), key});
-        QVERIFY2(forced.ok(), forced.errors.constData());
-        QVERIFY(TestFiles::readFile(key) != first);
-        QCOMPARE(modeOf(key), 0600);
-    }
-    void keygenRefusesBadCommandLines() {
-        QCOMPARE(ReleaseTool::run({QStringLiteral("keygen")}).exitCode, 2);
-        QCOMPARE(ReleaseTool::run({QStringLiteral("keygen"), QStringLiteral("a"), QStringLiteral("b")}).exitCode, 2);
-        QCOMPARE(ReleaseTool::run({QStringLiteral("keygen"), QStringLiteral("--fast"), path("k")}).exitCode, 2);
-        // A folder where the public key should go: nothing is written, not even the private key.
-        TestFiles::makeFolder(path(QStringLiteral("k.pub")));
-        const Run folder = ReleaseTool::run({QStringLiteral("keygen"), QStringLiteral("--force"), path("k")});
-        QCOMPARE(folder.exitCode, 1);
-        QVERIFY(folder.failedWithOneLine());
-        QVERIFY(!QFileInfo::exists(path(QStringLiteral("k"))));
-    }
-
-    void signBundleMakesASealTheVerifierAccepts() {
-        const QString bundle = makeSealedBundle(LauncherBundles::builtBundle(), QStringLiteral("signed"));
-        QVERIFY(QFileInfo::exists(bundle + QStringLiteral("/Contents/_CodeSignature/Signature")));
-        QProcess verifier;
-        verifier.start(LauncherBundles::testVerifier(),
-                       {QStringLiteral("--verify"), QStringLiteral("--deep"), QStringLiteral("--strict"), bundle});
-        QVERIFY(verifier.waitForFinished(60000));
-        QCOMPARE(verifier.exitCode(), 0);
-    }
-    void aOneByteChangeAfterSigningIsRefusedNamingTheFile() {
-        const QString bundle = makeSealedBundle(LauncherBundles::builtBundle(), QStringLiteral("signed"));
-        flipOneByte(seedRuntimeOf(bundle));
-        QProcess verifier;
-        verifier.start(LauncherBundles::testVerifier(),
-                       {QStringLiteral("--verify"), QStringLiteral("--deep"), QStringLiteral("--strict"), bundle});
-        QVERIFY(verifier.waitForFinished(60000));
-        QCOMPARE(verifier.exitCode(), 1);
-        QCOMPARE(verifier.readAllStandardError(),
-                 QByteArray("Contents/Resources/SeedRuntime/zentho: content changed\n"));
-    }
-    void signBundleRefusesBadInput() {
-        const QString bundle = path(QStringLiteral("plain.app"));
-        ReleaseTool::copyTree(LauncherBundles::builtBundle(), bundle);
-        const Run noKey = ReleaseTool::run({QStringLiteral("sign-bundle"), bundle});
-        QCOMPARE(noKey.exitCode, 2);
-        QVERIFY(noKey.failedWithOneLine());
-        const Run publicOnly = ReleaseTool::run({QStringLiteral("sign-bundle"), QStringLiteral("--key"), testPublicKey(), bundle});
-        QCOMPARE(publicOnly.exitCode, 1);
-        QVERIFY(publicOnly.failedWithOneLine());
-        const Run missing = ReleaseTool::run({QStringLiteral("sign-bundle"), QStringLiteral("--key"),
-                                              LauncherBundles::testKey(), path(QStringLiteral("none.app"))});
-        QCOMPARE(missing.exitCode, 1);
-        QVERIFY(missing.failedWithOneLine());
-    }
 
     void packWritesAnArchiveAndTheManifestThatNamesIt() {
         const QString source = makeGameSource();
@@ -375,7 +245,7 @@ private slots:
         if (change == QLatin1String("executable"))
             json[QStringLiteral("executable")] = QStringLiteral("zenth");
         if (change == QLatin1String("archive"))
-            flipOneByte(archive);
+            ReleaseTool::flipOneByte(archive);
         if (change == QLatin1String("unsafe") || change == QLatin1String("notgzip")) {
             archive = path(QStringLiteral("other.tar.gz"));
             if (change == QLatin1String("unsafe"))
@@ -396,7 +266,7 @@ private slots:
     }
     void verifyRefusesABundleChangedAfterItsSealNamingTheFile() {
         const QString bundle = makeSealedBundle(LauncherBundles::builtBundle(), QStringLiteral("src"));
-        flipOneByte(seedRuntimeOf(bundle));
+        ReleaseTool::flipOneByte(ReleaseTool::seedRuntimeOf(bundle));
         const QString out = path(QStringLiteral("out"));
         const Run packed = ReleaseTool::packLauncher(bundle, QStringLiteral("0.2.0"), QStringLiteral("https://h.invalid"), out);
         QVERIFY2(packed.ok(), packed.errors.constData()); // pack checks that a seal is there, not its validity
@@ -448,7 +318,7 @@ private slots:
         const QString release = server.documentRoot() + QStringLiteral("/release");
         QVERIFY(ReleaseTool::packGame(makeGameSource(), QStringLiteral("0.2.0"),
                                       server.url(QStringLiteral("/release")).toString(), release).ok());
-        flipOneByte(release + QStringLiteral("/zentho-0.2.0-macos-arm64.tar.gz"));
+        ReleaseTool::flipOneByte(release + QStringLiteral("/zentho-0.2.0-macos-arm64.tar.gz"));
 
         const QString data = path(QStringLiteral("data"));
         const QString record = path(QStringLiteral("record"));

@@ -2,6 +2,7 @@
 
 #include "LauncherBundles.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QTest>
@@ -48,6 +49,29 @@ QString standinGame020() {
 
 QString launcherBundle020() {
     return LauncherBundles::buildDir() + QStringLiteral("/e2e-bundles/0.2.0/ZenthoLauncher.app");
+}
+
+QString sealedCopy(const QString& from, const QString& bundle) {
+    copyTree(from, bundle);
+    const Run sealed = run({QStringLiteral("sign-bundle"), QStringLiteral("--key"),
+                            LauncherBundles::testKey(), bundle});
+    if (!sealed.ok())
+        QTest::qFail(qPrintable(QStringLiteral("sign-bundle failed: ") + QString::fromUtf8(sealed.errors)),
+                     __FILE__, __LINE__);
+    return bundle;
+}
+
+QString seedRuntimeOf(const QString& bundle) {
+    return bundle + QStringLiteral("/Contents/Resources/SeedRuntime/zentho");
+}
+
+void flipOneByte(const QString& path) {
+    QFile file(path);
+    QVERIFY2(file.open(QIODevice::ReadWrite), qPrintable(path));
+    const qint64 at = file.size() / 2;
+    char byte = 0;
+    QVERIFY(file.seek(at) && file.getChar(&byte));
+    QVERIFY(file.seek(at) && file.putChar(char(byte ^ 0x01)));
 }
 
 void copyTree(const QString& from, const QString& to) {

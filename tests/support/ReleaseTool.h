@@ -32,6 +32,12 @@ Run packLauncher(const QString& bundle, const QString& version, const QString& u
 QString standinGame020();
 QString launcherBundle020();
 
+// A copy of the bundle `from` at `bundle`, sealed with the test key by sign-bundle.
+QString sealedCopy(const QString& from, const QString& bundle);
+QString seedRuntimeOf(const QString& bundle);
+// Changes one byte in the middle of a file, keeping its size and mode.
+void flipOneByte(const QString& path);
+
 // Copies a folder tree as it is (modes, symlinks) with cp -a; fails the test when cp does.
 void copyTree(const QString& from, const QString& to);
 
