@@ -20,7 +20,7 @@ private slots:
         QCOMPARE(TestFiles::readFile(home_->versionsRoot() + QStringLiteral("/0.2.0/data/pak0")),
                  QByteArray("pak0"));
         // Only the one item is made executable; the rest keeps what the archive said.
-        QCOMPARE(modeOf(home_->versionsRoot() + QStringLiteral("/0.2.0/data/pak0")), 0644u);
+        QCOMPARE(TestFiles::modeOf(home_->versionsRoot() + QStringLiteral("/0.2.0/data/pak0")), 0644);
         QCOMPARE(model_->selectedInstalledPath(), previousBuild()); // the selection is kept
     }
 
@@ -89,8 +89,8 @@ private slots:
                  QStringLiteral("ok"));
         const QString installed = home_->versionsRoot() + QStringLiteral("/0.9.0");
         QCOMPARE(result, QUrl::fromLocalFile(installed));
-        QCOMPARE(modeOf(installed + QStringLiteral("/Game.app")), 0755u);
-        QCOMPARE(modeOf(installed + QStringLiteral("/Game.app/run")), 0600u);
+        QCOMPARE(TestFiles::modeOf(installed + QStringLiteral("/Game.app")), 0755);
+        QCOMPARE(TestFiles::modeOf(installed + QStringLiteral("/Game.app/run")), 0600);
         QCOMPARE(model_->installedVersion(), QStringLiteral("0.9.0"));
         verifyNoStrayFiles();
     }

@@ -24,7 +24,6 @@
 #include <QTest>
 
 #include <memory>
-#include <sys/stat.h>
 
 namespace {
 
@@ -41,11 +40,6 @@ QByteArray tarWith(const QString& base, const QStringList& extra, const QStringL
     if (!tar.waitForFinished(60000) || tar.exitCode() != 0)
         qWarning("tar failed: %s", tar.readAllStandardError().constData());
     return TestFiles::readFile(archive);
-}
-
-mode_t modeOf(const QString& path) {
-    struct stat info {};
-    return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? info.st_mode & 07777 : 0;
 }
 
 } // namespace
@@ -126,7 +120,7 @@ private slots:
         QVERIFY(QRegularExpression(QStringLiteral("^finish-launcher-update-") + kUuid + QStringLiteral("\\.sh$"))
                     .match(scripts.first()).hasMatch());
         const QString script = f().launcherRoot() + QLatin1Char('/') + scripts.first();
-        QCOMPARE(modeOf(script), mode_t(0755));
+        QCOMPARE(TestFiles::modeOf(script), 0755);
         QCOMPARE(TestFiles::readFile(script), FinishScript::textForThisPlatform());
 
         // Until the old launcher has gone, nothing moves.

@@ -18,16 +18,7 @@
 
 using ReleaseTool::Run;
 
-namespace {
-
-int modeOf(const QString& path) {
-    struct stat info {};
-    if (::lstat(QFile::encodeName(path).constData(), &info) != 0)
-        return -1;
-    return int(info.st_mode & 07777);
-}
-
-} // namespace
+using TestFiles::modeOf;
 
 class TestReleaseKeys : public QObject {
     Q_OBJECT

@@ -24,8 +24,6 @@
 
 #include <memory>
 
-#include <sys/stat.h>
-
 inline const QString kDownloading = QStringLiteral("Downloading into ZENTHO storage...");
 inline const QString kInstalling = QStringLiteral("Installing verified update...");
 inline const QString kPrevious = QStringLiteral("0.1.0");
@@ -34,13 +32,6 @@ inline QStringList entriesOf(const QString& folder) {
     return QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden |
                                       QDir::System,
                                   QDir::Name);
-}
-
-inline unsigned modeOf(const QString& path) {
-    struct stat info {};
-    if (::stat(QFile::encodeName(path).constData(), &info) != 0)
-        return 0;
-    return info.st_mode & 07777;
 }
 
 // How an install ended, in a form a data table can name.
@@ -162,7 +153,7 @@ protected:
         const QString expected = home_->versionsRoot() + QLatin1Char('/') + version;
         QCOMPARE(folder, QUrl::fromLocalFile(expected));
         QCOMPARE(TestFiles::readFile(home_->statePath()), (InstalledState{version, expected}).encode());
-        QCOMPARE(modeOf(expected + QLatin1Char('/') + executable), 0755u);
+        QCOMPARE(TestFiles::modeOf(expected + QLatin1Char('/') + executable), 0755);
         QCOMPARE(model_->installedVersion(), version);
         const auto builds = model_->installedBuilds();
         QVERIFY(std::any_of(builds.cbegin(), builds.cend(),

@@ -11,6 +11,8 @@ QByteArray readFile(const QString& path);
 void makeFolder(const QString& path);
 // A shell script that stands in for a game build's executable.
 void writeScript(const QString& path, const QByteArray& body);
+// The permission bits of `path` itself (a link is not followed), or -1 when nothing is there.
+int modeOf(const QString& path);
 // A folder holding an executable "zentho" that exits at once.
 void makeBuild(const QString& folder);
 
