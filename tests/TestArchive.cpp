@@ -159,7 +159,8 @@ private slots:
     }
     void runTarCorruptGzipFails() {
         const QString archive = path(QStringLiteral("corrupt.tar.gz"));
-        TestFiles::writeFile(archive, QByteArray("\x1f\x8b\x08\x00garbage that is not deflate", 34));
+        static const char kCorrupt[] = "\x1f\x8b\x08\x00garbage that is not deflate";
+        TestFiles::writeFile(archive, QByteArray(kCorrupt, sizeof kCorrupt - 1));
         const QStringList arguments{QStringLiteral("-tzf"), archive};
         const auto error = tarError(arguments);
         QVERIFY(error.has_value());

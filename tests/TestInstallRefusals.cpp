@@ -140,7 +140,8 @@ private slots:
             TestFiles::writeFile(scratch(QStringLiteral("noexec/data/pak0")), "pak0");
             TestArchives::create(archive, scratch(QStringLiteral("noexec")), {QStringLiteral("data")});
         } else if (kind == QStringLiteral("corrupt")) {
-            TestFiles::writeFile(archive, QByteArray("\x1f\x8b\x08\x00 not deflate at all", 24));
+            static const char kCorrupt[] = "\x1f\x8b\x08\x00 not deflate at all";
+            TestFiles::writeFile(archive, QByteArray(kCorrupt, sizeof kCorrupt - 1));
         } else if (kind == QStringLiteral("truncated")) {
             // Incompressible content, so that half of the archive is really missing its end.
             QByteArray noise(512 * 1024, '\0');
