@@ -31,10 +31,12 @@ fail() { printf 'demo: %s\n' "$*" >&2; exit 1; }
 [ -x "$nginx" ] || fail "nginx is missing; run tools/install-deps.sh first"
 
 # 1. Build what is missing (an up-to-date build takes a moment).
-if [ ! -f "$build_dir/CMakeCache.txt" ]; then
-    say "configuring $build_dir"
-    cmake -S "$source_dir" -B "$build_dir" >/dev/null
-fi
+# Configuring first, every time, lets make know targets added since the folder was last
+# configured; on a configured folder it takes a moment.
+say "configuring $build_dir"
+mkdir -p "$build_dir"
+cmake -S "$source_dir" -B "$build_dir" >"$build_dir/demo-configure.log" 2>&1 ||
+    { cat "$build_dir/demo-configure.log" >&2; fail "configuring failed"; }
 say "building the launcher, zentho-release and the 0.2.0 stand-in game"
 cmake --build "$build_dir" -j"$(nproc)" --target ZenthoLauncher zentho-release zentho-standin-0.2.0 \
     >"$build_dir/demo-build.log" 2>&1 || { tail -n 30 "$build_dir/demo-build.log" >&2; fail "the build failed"; }
