@@ -1,5 +1,7 @@
 #include "InstallSandbox.h"
 
+#include <QRandomGenerator>
+
 // What an install refuses: a digest that does not match as written, any answer but a plain 200,
 // a local file, and archives that are broken or aim outside the staging folder.
 class TestInstallRefusals : public InstallSandbox {
@@ -132,10 +134,7 @@ private slots:
         if (kind == QStringLiteral("absolute")) {
             archive = archiveWithName(outside() + QStringLiteral("/escaped"));
         } else if (kind == QStringLiteral("empty")) {
-            QProcess tar;
-            tar.start(QStringLiteral("/usr/bin/tar"),
-                      {QStringLiteral("-czf"), archive, QStringLiteral("--files-from=/dev/null")});
-            QVERIFY(tar.waitForFinished() && tar.exitCode() == 0);
+            TestArchives::tar({QStringLiteral("-czf"), archive, QStringLiteral("--files-from=/dev/null")});
         } else if (kind == QStringLiteral("no executable")) {
             TestFiles::writeFile(scratch(QStringLiteral("noexec/data/pak0")), "pak0");
             TestArchives::create(archive, scratch(QStringLiteral("noexec")), {QStringLiteral("data")});
@@ -155,11 +154,8 @@ private slots:
             TestFiles::writeFile(archive, TestFiles::readFile(whole).left(256 * 1024));
         } else if (kind == QStringLiteral("plain tar")) {
             TestFiles::makeBuild(scratch(QStringLiteral("plain")));
-            QProcess tar;
-            tar.start(QStringLiteral("/usr/bin/tar"),
-                      {QStringLiteral("-cf"), archive, QStringLiteral("-C"),
-                       scratch(QStringLiteral("plain")), QStringLiteral("zentho")});
-            QVERIFY(tar.waitForFinished() && tar.exitCode() == 0);
+            TestArchives::tar({QStringLiteral("-cf"), archive, QStringLiteral("-C"),
+                               scratch(QStringLiteral("plain")), QStringLiteral("zentho")});
         } else {
             archive = archiveWithName(kind);
         }

@@ -3,6 +3,7 @@
 
 #include "LauncherBundles.h"
 #include "LauncherUpdateFixture.h"
+#include "TestArchives.h"
 #include "TestFiles.h"
 #include "TestServer.h"
 
@@ -20,7 +21,6 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QSet>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <memory>
@@ -28,19 +28,6 @@
 namespace {
 
 const QString kUuid = QStringLiteral("[0-9A-F]{8}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{4}-[0-9A-F]{12}");
-
-// A gzip tar of `entries` under `base`, made by /usr/bin/tar with `extra` options (names can be
-// rewritten with --transform, and kept absolute with -P).
-QByteArray tarWith(const QString& base, const QStringList& extra, const QStringList& entries) {
-    QTemporaryDir out;
-    const QString archive = out.path() + QStringLiteral("/a.tar.gz");
-    QProcess tar;
-    tar.start(QStringLiteral("/usr/bin/tar"),
-              QStringList{QStringLiteral("-czf"), archive, QStringLiteral("-C"), base} + extra + entries);
-    if (!tar.waitForFinished(60000) || tar.exitCode() != 0)
-        qWarning("tar failed: %s", tar.readAllStandardError().constData());
-    return TestFiles::readFile(archive);
-}
 
 } // namespace
 
@@ -159,7 +146,7 @@ private slots:
 
     void fileManifestIsAcceptedWithoutAStatus() {
         const QString source = f().makeNewBundle();
-        const QByteArray archive = LauncherBundles::tarGz(source, {QStringLiteral("ZenthoLauncher.app")});
+        const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")});
         const QString local = f().path(QStringLiteral("manifest.json"));
         TestFiles::writeFile(local, LauncherUpdateFixture::manifestJson(
                                         QStringLiteral("0.2.0"), QStringLiteral("macos-launcher-arm64"),
@@ -171,7 +158,7 @@ private slots:
 
     void fileArchiveUrlFailsTheDownload() {
         const QString source = f().makeNewBundle();
-        const QByteArray archive = LauncherBundles::tarGz(source, {QStringLiteral("ZenthoLauncher.app")});
+        const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")});
         const QString archivePath = f().path(QStringLiteral("launcher.tar.gz"));
         TestFiles::writeFile(archivePath, archive);
         const QString local = f().path(QStringLiteral("manifest.json"));
@@ -197,7 +184,7 @@ private slots:
 
     void archiveStatusMustBe200() {
         const QString source = f().makeNewBundle();
-        const QByteArray archive = LauncherBundles::tarGz(source, {QStringLiteral("ZenthoLauncher.app")});
+        const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")});
         server_->writeFile(QStringLiteral("status-archive.tar.gz"), archive);
         for (const char* code : {"206", "404"}) {
             const QString url = server_->url(QStringLiteral("/status/%1/status-archive.tar.gz").arg(QLatin1String(code))).toString();
@@ -216,7 +203,7 @@ private slots:
 
     void upperCaseDigestMatches() {
         const QString source = f().makeNewBundle();
-        const QByteArray archive = LauncherBundles::tarGz(source, {QStringLiteral("ZenthoLauncher.app")});
+        const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")});
         QCOMPARE(f().update(f().publish(archive, QStringLiteral("0.2.0"), QStringLiteral("ZenthoLauncher.app"),
                                         LauncherUpdateFixture::hexDigest(archive).toUpper())),
                  true);
@@ -225,7 +212,7 @@ private slots:
 
     void wrongDigestFails() {
         const QString source = f().makeNewBundle();
-        const QByteArray archive = LauncherBundles::tarGz(source, {QStringLiteral("ZenthoLauncher.app")});
+        const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")});
         const QString digest = LauncherUpdateFixture::hexDigest(archive);
         for (const QString& sha : {QStringLiteral("sha256:") + digest, digest + QLatin1Char(' '),
                                    digest.left(63) + (digest.endsWith(QLatin1Char('0')) ? QLatin1Char('1') : QLatin1Char('0'))}) {
@@ -244,7 +231,7 @@ private slots:
             {QStringLiteral("-P"), QStringLiteral("--transform=s,^x$,/Applications/x,")},
         };
         for (const QStringList& rename : hostile) {
-            const QByteArray archive = tarWith(source, rename, {QStringLiteral("ZenthoLauncher.app"), QStringLiteral("x")});
+            const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app"), QStringLiteral("x")}, rename);
             expectError(f().publish(archive), LauncherError::unsafeArchive());
             QCOMPARE(f().statuses().last(), LauncherUpdater::verifyingStatus());
         }
@@ -258,7 +245,7 @@ private slots:
     void dotsInsideANameAreSafe() {
         const QString source = f().makeNewBundle();
         TestFiles::writeFile(source + QStringLiteral("/a..b/c"), "c");
-        const QByteArray archive = tarWith(source, {}, {QStringLiteral("ZenthoLauncher.app"), QStringLiteral("a..b")});
+        const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app"), QStringLiteral("a..b")});
         QCOMPARE(f().update(f().publish(archive)), true);
         QVERIFY(f().swapDone());
     }
@@ -284,7 +271,7 @@ private slots:
         expectError(f().publishBundle(source), LauncherError::missingLauncherExecutable());
         // The manifest names a bundle the archive does not hold.
         source = f().makeNewBundle();
-        expectError(f().publish(LauncherBundles::tarGz(source, {QStringLiteral("ZenthoLauncher.app")}),
+        expectError(f().publish(TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")}),
                                 QStringLiteral("0.2.0"), QStringLiteral("Other.app")),
                     LauncherError::missingLauncherExecutable());
         // The unpacked bundle stays in its staging folder.

@@ -6,6 +6,7 @@
 #include "LauncherModelProbe.h"
 #include "LauncherUpdateFixture.h"
 #include "ScopedDataHome.h"
+#include "TestArchives.h"
 #include "TestFiles.h"
 #include "TestServer.h"
 
@@ -93,7 +94,7 @@ private slots:
     void modelStagesIntoItsStorageAndStartsTheSwap() {
         ScopedDataHome home;
         const QString source = f().makeNewBundle();
-        const QByteArray archive = LauncherBundles::tarGz(source, {QStringLiteral("ZenthoLauncher.app")});
+        const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")});
         TestFiles::writeFile(modelManifest_, LauncherUpdateFixture::manifestJson(
                                                  QStringLiteral("0.2.0"), QStringLiteral("macos-launcher-arm64"),
                                                  f().archiveUrl(archive), LauncherUpdateFixture::hexDigest(archive),

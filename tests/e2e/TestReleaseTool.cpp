@@ -82,10 +82,7 @@ private slots:
         QCOMPARE(manifest.executable, QStringLiteral("zentho"));
 
         // The content of the folder is the top level, names sorted; the symlink stays a symlink.
-        QProcess tar;
-        tar.start(QStringLiteral("/usr/bin/tar"), {QStringLiteral("-tzf"), archive});
-        QVERIFY(tar.waitForFinished());
-        QCOMPARE(tar.readAllStandardOutput(), QByteArray("data/\ndata/current\ndata/levels.txt\nzentho\n"));
+        QCOMPARE(TestArchives::tar({QStringLiteral("-tzf"), archive}), QByteArray("data/\ndata/current\ndata/levels.txt\nzentho\n"));
 
         const Run checked = verify(manifestPath, archive);
         QVERIFY2(checked.ok(), checked.errors.constData());
@@ -171,10 +168,7 @@ private slots:
         const ReleaseManifest manifest = ReleaseManifest::decode(TestFiles::readFile(packed.output.trimmed()));
         QCOMPARE(manifest.platform, QStringLiteral("macos-launcher-arm64"));
         QCOMPARE(manifest.executable, QStringLiteral("ZenthoLauncher.app"));
-        QProcess tar;
-        tar.start(QStringLiteral("/usr/bin/tar"), {QStringLiteral("-tzf"), archive});
-        QVERIFY(tar.waitForFinished());
-        for (const QByteArray& entry : tar.readAllStandardOutput().split('\n'))
+        for (const QByteArray& entry : TestArchives::tar({QStringLiteral("-tzf"), archive}).split('\n'))
             QVERIFY2(entry.isEmpty() || entry.startsWith("ZenthoLauncher.app/"), entry.constData());
 
         const Run checked = verify(packed.output.trimmed(), archive, {QStringLiteral("--key"), testPublicKey()});

@@ -17,8 +17,6 @@
 #include <QCoroTask>
 #include <QDir>
 #include <QFileInfo>
-#include <QProcess>
-#include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTest>
 

@@ -6,7 +6,6 @@
 #include <QDir>
 #include <QFile>
 #include <QProcess>
-#include <QTemporaryDir>
 #include <QTest>
 
 namespace LauncherBundles {
@@ -68,17 +67,6 @@ bool processRuns(qint64 pid) {
     const QByteArray line = stat.readAll();
     const qsizetype close = line.lastIndexOf(')');
     return close >= 0 && line.size() > close + 2 && line.at(close + 2) != 'Z';
-}
-
-QByteArray tarGz(const QString& base, const QStringList& entries) {
-    QTemporaryDir out;
-    const QString archive = out.path() + QStringLiteral("/a.tar.gz");
-    QProcess tar;
-    tar.start(QStringLiteral("/usr/bin/tar"),
-              QStringList{QStringLiteral("-czf"), archive, QStringLiteral("-C"), base} + entries);
-    if (!tar.waitForFinished(60000) || tar.exitCode() != 0)
-        return {};
-    return TestFiles::readFile(archive);
 }
 
 } // namespace LauncherBundles

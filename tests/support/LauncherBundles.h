@@ -31,7 +31,5 @@ qint64 endedProcessIdentifier();
 // True while a process with this identifier exists (a zombie counts as gone).
 bool processRuns(qint64 pid);
 
-// Packs `entries` (relative to `base`) into a gzip tar archive with /usr/bin/tar; returns its bytes.
-QByteArray tarGz(const QString& base, const QStringList& entries);
 
 } // namespace LauncherBundles

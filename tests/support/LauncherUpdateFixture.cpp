@@ -1,6 +1,7 @@
 #include "LauncherUpdateFixture.h"
 
 #include "LauncherBundles.h"
+#include "TestArchives.h"
 #include "TestFiles.h"
 #include "TestServer.h"
 
@@ -92,7 +93,7 @@ QUrl LauncherUpdateFixture::publish(const QByteArray& archive, const QString& ve
 }
 
 QUrl LauncherUpdateFixture::publishBundle(const QString& source, const QString& version) {
-    return publish(LauncherBundles::tarGz(source, {QStringLiteral("ZenthoLauncher.app")}), version);
+    return publish(TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")}), version);
 }
 
 namespace {

@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QProcess>
+#include <QTemporaryDir>
 #include <QTest>
 
 namespace TestArchives {
@@ -25,11 +26,22 @@ QByteArray runChecked(const QString& program, const QStringList& arguments) {
 
 } // namespace
 
+QByteArray tar(const QStringList& arguments) {
+    return runChecked(QStringLiteral("/usr/bin/tar"), arguments);
+}
+
 void create(const QString& archive, const QString& folder, const QStringList& members,
             const QStringList& options) {
     QStringList arguments{QStringLiteral("-czf"), archive};
     arguments << options << QStringLiteral("-C") << folder << members;
-    runChecked(QStringLiteral("/usr/bin/tar"), arguments);
+    tar(arguments);
+}
+
+QByteArray bytesOf(const QString& folder, const QStringList& members, const QStringList& options) {
+    QTemporaryDir out;
+    const QString archive = out.filePath(QStringLiteral("a.tar.gz"));
+    create(archive, folder, members, options);
+    return TestFiles::readFile(archive);
 }
 
 void createWithName(const QString& archive, const QString& name, const QString& scratch) {

@@ -7,10 +7,15 @@
 // own sha256sum, so that what the launcher computes is checked against an independent program.
 namespace TestArchives {
 
+// Runs /usr/bin/tar with `arguments`, fails the test when tar does, and returns what it printed.
+QByteArray tar(const QStringList& arguments);
 // Runs /usr/bin/tar -czf `archive` `options`... -C `folder` `members`... and fails the test when
 // tar does.
 void create(const QString& archive, const QString& folder, const QStringList& members,
             const QStringList& options = {});
+// The bytes of an archive made as by create(), for tests that serve or publish them.
+QByteArray bytesOf(const QString& folder, const QStringList& members,
+                   const QStringList& options = {});
 // An archive whose single member is renamed to `name` on the way in, so that names no careful
 // tool would write (absolute, with "..") can be produced. The member is a small file.
 void createWithName(const QString& archive, const QString& name, const QString& scratch);
