@@ -2,6 +2,8 @@
 // is hashed, so the peak resident size should grow by a small, fixed amount whatever the size of
 // the archive. Also prints the throughput over loopback TLS from a real nginx.
 
+#include "ResidentMemory.h"
+#include "TaskOutcome.h"
 #include "TestServer.h"
 
 #include "update/HttpClient.h"
@@ -20,30 +22,8 @@
 
 namespace {
 
-// Peak resident set size of this process, in KiB.
-long peakResidentKiB() {
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n'))
-        if (line.startsWith("VmHWM:"))
-            return line.mid(6).trimmed().split(' ').first().toLong();
-    return -1;
-}
-
-void resetPeakResident() {
-    QFile clear(QStringLiteral("/proc/self/clear_refs"));
-    if (clear.open(QIODevice::WriteOnly))
-        clear.write("5");
-}
-
-QCoro::Task<void> downloadOnce(QUrl url, std::optional<DownloadedFile>* file,
-                               std::exception_ptr* error) {
-    try {
-        file->emplace(co_await HttpClient::shared().download(url));
-    } catch (...) {
-        *error = std::current_exception();
-    }
+QCoro::Task<void> downloadInto(QUrl url, std::optional<DownloadedFile>* file) {
+    file->emplace(co_await HttpClient::shared().download(url));
 }
 
 } // namespace
@@ -62,14 +42,14 @@ int main(int argc, char** argv) {
         QFile::resize(path, size); // sparse: costs no disk on the server side
 
         std::optional<DownloadedFile> file;
-        std::exception_ptr error;
-        resetPeakResident();
-        const long before = peakResidentKiB();
+        ResidentMemory::resetPeak();
+        const long before = ResidentMemory::peakKiB();
         QElapsedTimer clock;
         clock.start();
-        QCoro::waitFor(downloadOnce(server.url(QLatin1Char('/') + name), &file, &error));
+        const std::exception_ptr error =
+            waitForOutcome(downloadInto(server.url(QLatin1Char('/') + name), &file));
         const double seconds = clock.elapsed() / 1000.0;
-        const long peak = peakResidentKiB();
+        const long peak = ResidentMemory::peakKiB();
         if (error || !file || QFileInfo(file->path()).size() != size) {
             std::fprintf(stderr, "download of %lld bytes failed\n", static_cast<long long>(size));
             return 1;

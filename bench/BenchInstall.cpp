@@ -15,6 +15,7 @@
 
 #include "LauncherModelProbe.h"
 #include "RecordingPlatform.h"
+#include "ResidentMemory.h"
 #include "ScopedDataHome.h"
 #include "TaskOutcome.h"
 #include "TestArchives.h"
@@ -36,23 +37,6 @@
 namespace {
 
 const qint64 kMiB = 1024 * 1024;
-
-long statusFieldKiB(const char* field) {
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray& line : status.readAll().split('\n'))
-        if (line.startsWith(field))
-            return line.mid(qstrlen(field)).trimmed().split(' ').first().toLong();
-    return -1;
-}
-
-// Makes VmHWM start again from the current resident size.
-void resetPeakResident() {
-    QFile clear(QStringLiteral("/proc/self/clear_refs"));
-    if (clear.open(QIODevice::WriteOnly))
-        clear.write("5");
-}
 
 bool runShell(const QString& script) {
     QProcess shell;
@@ -80,9 +64,9 @@ InstallRun installOnce(const ReleaseManifest& manifest, const QString& scratch) 
     qputenv("TMPDIR", QFile::encodeName(scratch));
     RecordingPlatform platform;
     LauncherModel model(platform);
-    resetPeakResident();
+    ResidentMemory::resetPeak();
     InstallRun run;
-    run.startKiB = statusFieldKiB("VmRSS:");
+    run.startKiB = ResidentMemory::currentKiB();
     QElapsedTimer clock;
     clock.start();
     const std::exception_ptr error = waitForOutcome(
@@ -90,7 +74,7 @@ InstallRun installOnce(const ReleaseManifest& manifest, const QString& scratch) 
             co_await LauncherModelProbe::install(m, r);
         }(model, manifest));
     const double seconds = clock.nsecsElapsed() / 1e9;
-    run.peakKiB = statusFieldKiB("VmHWM:");
+    run.peakKiB = ResidentMemory::peakKiB();
     const QString executable = home.versionsRoot() + QLatin1Char('/') + manifest.version +
                                QStringLiteral("/zentho");
     if (!error && QFileInfo(executable).isExecutable() && model.installedVersion() == manifest.version)
