@@ -1,12 +1,10 @@
 #include "Archive.h"
 
 #include "model/LauncherError.h"
+#include "update/Sha256.h"
 
 #include <ProcessCapture.h>
 
-#include <openssl/evp.h>
-
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -41,11 +39,7 @@ void checkArchiveListing(const QString& listing) {
 }
 
 QString sha256Hex(const QByteArray& bytes) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    if (EVP_Digest(bytes.constData(), static_cast<std::size_t>(bytes.size()), digest, &length,
-                   EVP_sha256(), nullptr) != 1 ||
-        length != 32)
-        throw std::runtime_error("SHA-256 is not available from libcrypto");
-    return QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(digest), 32).toHex());
+    Sha256 digest;
+    digest.update(bytes);
+    return digest.finishHex();
 }
