@@ -4,11 +4,9 @@
 #include "platform/FileManager.h"
 #include "storage/InstalledState.h"
 #include "update/Archive.h"
-#include "update/HttpClient.h"
+#include "update/VerifiedDownload.h"
 
 #include <Uuid.h>
-
-#include <optional>
 
 namespace {
 
@@ -78,16 +76,7 @@ QCoro::Task<QString> GameInstaller::install(ReleaseManifest manifest) {
 
 QCoro::Task<void> GameInstaller::downloadAndPlace(ReleaseManifest manifest, QString installFolder) {
     reportStatus_(downloadingStatus());
-    DownloadedFile archive = co_await HttpClient::shared().download(manifest.url);
-
-    // Only a plain 200 carries the whole archive: a partial, empty or cached answer, or no HTTP
-    // answer at all (a local file), is refused rather than guessed at.
-    if (archive.statusCode() != std::optional<int>(200))
-        throw LauncherError::downloadFailed();
-    // Exact comparison on purpose: a digest with stray blanks or a prefix is a broken manifest,
-    // and accepting it would hide that from the people who publish them.
-    if (archive.sha256Hex() != manifest.sha256.toLower())
-        throw LauncherError::hashMismatch();
+    DownloadedFile archive = co_await downloadVerifiedArchive(manifest.url, manifest.sha256);
 
     reportStatus_(installingStatus());
     unpackAndPlace(std::move(archive), manifest.executable, installFolder);

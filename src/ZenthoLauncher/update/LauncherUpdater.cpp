@@ -6,7 +6,7 @@
 #include "platform/Platform.h"
 #include "update/Archive.h"
 #include "update/FinishScript.h"
-#include "update/HttpClient.h"
+#include "update/VerifiedDownload.h"
 #include "update/ReleaseManifest.h"
 
 #include <ProcessCapture.h>
@@ -26,10 +26,6 @@ const QString kVerifierName = QStringLiteral("zentho-codesign");
 bool isAppBundlePath(const QString& path) {
     const QString name = QFileInfo(QDir::cleanPath(path)).fileName();
     return name.size() > 4 && name.endsWith(QLatin1String(".app"));
-}
-
-bool isHttpURL(const QUrl& url) {
-    return url.scheme() == QLatin1String("https") || url.scheme() == QLatin1String("http");
 }
 
 } // namespace
@@ -75,14 +71,8 @@ QCoro::Task<bool> LauncherUpdater::updateIfNeeded(QUrl manifestURL) {
 
     reportStatus_(downloadingStatus());
     // The temporary archive lives in this frame until the staging below has finished with it.
-    const DownloadedFile archive = co_await HttpClient::shared().download(manifest.url);
-    // Unlike the manifest, the archive must come from an HTTP server with a plain 200: a local
-    // file is refused too. Qt labels a file it read with status 200, so the scheme decides
-    // whether there was an HTTP answer at all.
-    if (!isHttpURL(manifest.url) || archive.statusCode() != std::optional<int>(200))
-        throw LauncherError::downloadFailed();
-    if (archive.sha256Hex() != manifest.sha256.toLower())
-        throw LauncherError::hashMismatch();
+    // Unlike the manifest, the archive must come from an HTTP server: a local file is refused.
+    const DownloadedFile archive = co_await downloadVerifiedArchive(manifest.url, manifest.sha256);
 
     reportStatus_(verifyingStatus());
     stageAndHandOver(archive.path(), manifest.executable);
