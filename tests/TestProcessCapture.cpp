@@ -1,8 +1,14 @@
 #include <ProcessCapture.h>
 
 #include <QDir>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 using ProcessCapture::run;
 
@@ -118,6 +124,9 @@ private slots:
         QTest::newRow("lone continuation") << QByteArray("\x80") << false;
         QTest::newRow("truncated") << QByteArray("\xe2\x82") << false;
         QTest::newRow("overlong slash") << QByteArray("\xc0\xaf") << false;
+        QTest::newRow("three-byte overlong slash") << QByteArray("\xe0\x80\xaf") << false;
+        QTest::newRow("four-byte overlong slash") << QByteArray("\xf0\x80\x80\xaf") << false;
+        QTest::newRow("three-byte") << QByteArray("\xe2\x82\xac") << true;
         QTest::newRow("surrogate") << QByteArray("\xed\xa0\x80") << false;
         QTest::newRow("past U+10FFFF") << QByteArray("\xf4\x90\x80\x80") << false;
     }
@@ -135,11 +144,47 @@ private slots:
         QCOMPARE(result.errors, std::string("done"));
     }
 
-    void unusableTemporaryFolderIsAFileWriteError() {
-        qputenv("TMPDIR", QFile::encodeName(tmp_->path() + QStringLiteral("/missing")));
-        QVERIFY_THROWS_EXCEPTION(FileWriteError, run("/bin/true", {}));
+    void nulBytesAreKept() {
+        const auto result = sh("printf 'a\\000b'; printf 'c\\000' >&2");
+        QCOMPARE(result.output, std::string("a\0b", 3));
+        QCOMPARE(result.errors, std::string("c\0", 2));
     }
-    void usableTemporaryFolderRuns() { QCOMPARE(run("/bin/true", {}).status, 0); }
+
+    void missingTemporaryFolderFallsBackToTmp() {
+        qputenv("TMPDIR", QFile::encodeName(tmp_->path() + QStringLiteral("/missing")));
+        const auto result = sh("ls /tmp | grep -c '^zentho-launcher-std'");
+        QCOMPARE(result.status, 0);
+        QCOMPARE(result.output, std::string("2\n"));
+        QCOMPARE(captureFiles(), QStringList());
+    }
+
+    // When the second capture file cannot be made, the first one stays where it was made: the
+    // run had not started, so there is nothing of a run to clean up yet.
+    void secondCaptureFileFailureIsAFileWriteErrorAndKeepsTheFirst() {
+        const int lowestFree = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        QVERIFY(lowestFree >= 0);
+        ::close(lowestFree);
+        rlimit saved{};
+        QCOMPARE(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+        rlimit tight = saved;
+        tight.rlim_cur = rlim_t(lowestFree) + 1; // room for exactly one more descriptor
+        QCOMPARE(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+        bool threw = false;
+        try {
+            run("/bin/true", {});
+        } catch (const FileWriteError& error) {
+            threw = error.code().value() == EMFILE;
+        }
+        ::setrlimit(RLIMIT_NOFILE, &saved);
+        QVERIFY(threw);
+        const QStringList left = captureFiles();
+        QCOMPARE(left.size(), 1);
+        QVERIFY(left.first().startsWith(QLatin1String("zentho-launcher-stdout-")));
+    }
+    void usableTemporaryFolderRuns() {
+        QCOMPARE(run("/bin/true", {}).status, 0);
+        QCOMPARE(captureFiles(), QStringList());
+    }
 };
 
 QTEST_GUILESS_MAIN(TestProcessCapture)

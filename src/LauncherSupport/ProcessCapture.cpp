@@ -1,5 +1,6 @@
 #include "ProcessCapture.h"
 
+#include "TemporaryFolder.h"
 #include "Uuid.h"
 
 #include <cerrno>
@@ -90,14 +91,6 @@ std::string decodeStrictly(std::string bytes) {
 
 namespace ProcessCapture {
 
-std::string temporaryDirectory() {
-    const char* tmp = std::getenv("TMPDIR");
-    std::string dir = (tmp && *tmp) ? tmp : "/tmp";
-    while (dir.size() > 1 && dir.back() == '/')
-        dir.pop_back();
-    return dir;
-}
-
 std::int32_t statusFromWait(int waitStatus) {
     if (WIFEXITED(waitStatus))
         return WEXITSTATUS(waitStatus);
@@ -144,7 +137,7 @@ bool isValidUtf8(const std::string& bytes) {
 
 CapturedProcessResult run(const std::string& executable, const std::vector<std::string>& arguments) {
     const std::string uuid = makeUpperUuid();
-    const std::string dir = temporaryDirectory();
+    const std::string dir = temporaryFolder();
 
     // A failure to make the capture files happens before any child exists; what was already
     // created is left as it is, like any other half-made temporary file.

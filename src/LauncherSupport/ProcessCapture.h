@@ -33,9 +33,6 @@ namespace ProcessCapture {
 // output cannot be read back. A non-zero exit status is returned, not thrown.
 CapturedProcessResult run(const std::string& executable, const std::vector<std::string>& arguments);
 
-// The folder the capture files are made in: $TMPDIR when set and non-empty, otherwise /tmp.
-std::string temporaryDirectory();
-
 // True when `bytes` is well-formed UTF-8 (no overlongs, surrogates or code points past U+10FFFF).
 bool isValidUtf8(const std::string& bytes);
 

@@ -2,6 +2,7 @@
 
 #include "FileError.h"
 
+#include <TemporaryFolder.h>
 #include <Uuid.h>
 
 #include <QDir>
@@ -87,8 +88,7 @@ QString FileManager::homeFolderForCurrentUser() const {
 }
 
 QString FileManager::temporaryDirectory() const {
-    const QString tmp = fromEnv("TMPDIR");
-    return tmp.isEmpty() ? QStringLiteral("/tmp") : QDir::cleanPath(tmp);
+    return QFile::decodeName(temporaryFolder().c_str());
 }
 
 bool FileManager::fileExists(const QString& path) const {

@@ -18,7 +18,7 @@ public:
     QStringList applicationSupportFolders() const;
     // The current user's home folder from the account database, whatever $HOME says.
     QString homeFolderForCurrentUser() const;
-    // $TMPDIR when set and non-empty, else /tmp; without a trailing slash.
+    // The system's temporary folder by the one rule of TemporaryFolder.h.
     QString temporaryDirectory() const;
 
     bool fileExists(const QString& path) const; // anything at the path, following links

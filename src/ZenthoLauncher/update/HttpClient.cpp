@@ -1,12 +1,12 @@
 #include "update/HttpClient.h"
 
 #include "platform/FileError.h"
+#include "platform/FileManager.h"
 #include "update/Sha256.h"
 #include "update/TransferWatchdog.h"
 
 #include "Uuid.h"
 
-#include <QDir>
 #include <QFile>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -84,7 +84,7 @@ void throwIfTransportFailed(const QNetworkReply& reply, const TransferWatchdog& 
 class TemporaryFileWriter {
 public:
     TemporaryFileWriter()
-        : path_(QDir::tempPath() + QStringLiteral("/zentho-download-") +
+        : path_(FileManager::defaultManager().temporaryDirectory() + QStringLiteral("/zentho-download-") +
                 QString::fromStdString(makeUpperUuid())) {
         fd_ = ::open(QFile::encodeName(path_).constData(),
                      O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
