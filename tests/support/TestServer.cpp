@@ -1,5 +1,7 @@
 #include "TestServer.h"
 
+#include "FaultServer.h"
+
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
@@ -102,7 +104,7 @@ bool accepts(quint16 port) {
 
 } // namespace
 
-TestServer::TestServer() {
+TestServer::TestServer() : fault_(std::make_unique<FaultServer>()) {
     if (!prefix_.isValid())
         fail(QStringLiteral("no temporary folder for nginx"));
     for (const char* sub : {"logs", "tmp", "www", "fixtures"})
@@ -172,6 +174,11 @@ QString TestServer::configuration() const {
         "            return 200 \"<!DOCTYPE html><html><body><h1>Welcome</h1></body></html>\";\n"
         "        }\n"
         "        location ^~ /drip/ { alias " + root + "/www/; limit_rate 1k; }\n"
+        "        location ^~ /trickle/ { alias " + root + "/www/; limit_rate 4k; }\n"
+        "        location ^~ /fault/ {\n"
+        "            proxy_pass http://" + loopback + ":" + QString::number(fault_->port()) + ";\n"
+        "            proxy_http_version 1.1; proxy_buffering off; proxy_read_timeout 120s;\n"
+        "        }\n"
         "        location = /stall {\n"
         "            echo_duplicate 65536 \"s\"; echo_flush; echo_sleep 3600; echo \"end\";\n"
         "        }\n"
@@ -183,7 +190,7 @@ QString TestServer::configuration() const {
         "            rewrite ^/redirect/http/(.*)$ " + httpBase + "/$1 redirect;\n"
         "        }\n"
         "        location = /redirect/loop { return 302 $scheme://$http_host/redirect/loop; }\n";
-    for (const char* code : {"200", "204", "206", "304", "404", "500"}) {
+    for (const char* code : {"200", "204", "206", "304", "404", "407", "500"}) {
         const QString c = QString::fromLatin1(code);
         locations += "        location ^~ /status/" + c + "/ {\n"
                      "            rewrite ^/status/" + c + "(/.*)$ $1 break;\n"

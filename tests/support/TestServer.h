@@ -7,6 +7,10 @@
 #include <QTemporaryDir>
 #include <QUrl>
 
+#include <memory>
+
+class FaultServer;
+
 // A real nginx (/usr/sbin/nginx, run as a child process with master_process off, everything
 // under its own temporary prefix) serving HTTPS on 127.0.0.1 with a test CA made at run time by
 // the openssl CLI, plus a plain-HTTP listener over the same content. Only loopback is used.
@@ -14,14 +18,16 @@
 // Paths, the same on both listeners:
 //   /<path>                 the file <path> of documentRoot(), which the test fills
 //   /status/<code>/<path>   that file's bytes with status <code>: 200 204 206 304 404 500
-//                           (nginx sends no body with 204 and 304)
+//                           407 (nginx sends no body with 204 and 304)
 //   /html                   status 200 with an HTML page, as a captive portal would answer
 //   /drip/<path>            the file at 1 KiB/s
+//   /trickle/<path>         the file at 4 KiB/s: above the throughput floor, never quick
 //   /stall                  status 200, 64 KiB of body, then nothing for an hour
 //   /silent                 the request is read and never answered, not even with headers
 //   /redirect/https/<path>  302 to url(<path>) (https)
 //   /redirect/http/<path>   302 to httpUrl(<path>) (a step down to plain http)
 //   /redirect/loop          302 to itself, forever
+//   /fault/...              FaultServer's bodies, passed through unbuffered (see FaultServer.h)
 // HTTPS only:
 //   /truncated              status 200, Content-Length 1048576, connection closed after at
 //                           most truncatedBytesOnDisk() bytes of body
@@ -62,6 +68,8 @@ public:
     // whose /etc/ssl/certs is trustedCertFolder(). Needs root, which the test machine has.
     QStringList commandTrustingCa(const QString& program, const QStringList& arguments) const;
 
+    const FaultServer& faultServer() const { return *fault_; }
+
     // nginx's error log so far, for failure messages.
     QString errorLog() const;
 
@@ -73,6 +81,7 @@ private:
     QString configuration() const;
     void primeTruncatedFile();
 
+    std::unique_ptr<FaultServer> fault_;
     QTemporaryDir prefix_;
     QProcess nginx_;
     quint16 httpsPort_ = 0;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "update/TransferLimits.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QUrl>
@@ -10,7 +12,8 @@
 #include <stdexcept>
 
 // A transport failure (no route, refused, TLS, timeout, stalled or too slow body, refused
-// redirect), carrying Qt's own description of it.
+// redirect, a body larger than the launcher accepts), carrying Qt's own description of it or
+// the launcher's one-line reason.
 class NetworkError : public std::runtime_error {
 public:
     explicit NetworkError(const QString& description)
@@ -54,10 +57,17 @@ private:
 // throw NetworkError; HTTP error statuses do not throw.
 class HttpClient {
 public:
+    explicit HttpClient(TransferLimits limits = {}) : limits_(limits) {}
+    // The client with the product's limits.
     static HttpClient& shared();
 
-    // One GET of `url` into memory.
+    // One GET of `url` into memory: a manifest. Its body is capped and the whole fetch has a
+    // deadline.
     QCoro::Task<HttpResponse> data(QUrl url);
-    // One GET of `url` streamed to a temporary file.
+    // One GET of `url` streamed to a temporary file: an archive. It stops when the body outgrows
+    // its Content-Length or would eat into the free-space reserve, and removes the file.
     QCoro::Task<DownloadedFile> download(QUrl url);
+
+private:
+    TransferLimits limits_;
 };

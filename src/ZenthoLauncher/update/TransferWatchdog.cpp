@@ -6,10 +6,13 @@ TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
     : QObject(reply), reply_(reply), limits_(limits) {
     connectTimer_.setSingleShot(true);
     inactivityTimer_.setSingleShot(true);
+    deadlineTimer_.setSingleShot(true);
     connect(&connectTimer_, &QTimer::timeout, this,
             [this] { giveUp(QStringLiteral("Could not connect to the server in time.")); });
     connect(&inactivityTimer_, &QTimer::timeout, this,
             [this] { giveUp(QStringLiteral("The server stopped sending data.")); });
+    connect(&deadlineTimer_, &QTimer::timeout, this,
+            [this] { giveUp(QStringLiteral("The server did not send its whole answer in time.")); });
     connect(&windowTimer_, &QTimer::timeout, this, [this] {
         if (totalBytes_ - bytesAtWindowStart_ < limits_.minimumBytesPerWindow)
             giveUp(QStringLiteral("The server is sending data too slowly."));
@@ -27,8 +30,11 @@ TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
         connectTimer_.stop();
         inactivityTimer_.stop();
         windowTimer_.stop();
+        deadlineTimer_.stop();
     });
     connectTimer_.start(limits_.connect);
+    if (limits_.deadline.count() > 0)
+        deadlineTimer_.start(limits_.deadline);
 }
 
 void TransferWatchdog::connected() {

@@ -11,9 +11,11 @@
 class QNetworkReply;
 
 // Keeps one network transfer from hanging. It aborts the reply when the connection (TCP and TLS,
-// up to the request having been sent) takes too long, when no byte arrives for too long, or when
-// bytes arrive but so slowly that the transfer would practically never end. Lives as a child of
-// the reply it watches, so it never outlives it.
+// up to the request having been sent) takes too long, when no byte arrives for too long, when
+// bytes arrive but so slowly that the transfer would practically never end, or when the whole
+// transfer outlasts its deadline. The owner of the transfer may also stop it through giveUp()
+// for a reason of its own (a body too large). Lives as a child of the reply it watches, so it
+// never outlives it.
 class TransferWatchdog : public QObject {
     Q_OBJECT
 
@@ -24,6 +26,8 @@ public:
         // The throughput floor: at least `minimumBytesPerWindow` must arrive in every window.
         std::chrono::milliseconds window{20000};
         qint64 minimumBytesPerWindow = 64 * 1024;
+        // The whole transfer, from the request to the last byte; zero for none.
+        std::chrono::milliseconds deadline{0};
     };
 
     TransferWatchdog(QNetworkReply* reply, Limits limits);
@@ -32,16 +36,19 @@ public:
     // Why the watchdog aborted the transfer, or nothing when it did not.
     const std::optional<QString>& abortReason() const { return abortReason_; }
 
+    // Aborts the transfer with `reason` unless it has already finished.
+    void giveUp(const QString& reason);
+
 private:
     void connected();
     void received(qint64 progress);
-    void giveUp(const QString& reason);
 
     QNetworkReply* reply_;
     Limits limits_;
     QTimer connectTimer_;
     QTimer inactivityTimer_;
     QTimer windowTimer_;
+    QTimer deadlineTimer_;
     bool connected_ = false;
     qint64 lastProgress_ = 0; // what the current hop reported; a redirect starts it again
     qint64 totalBytes_ = 0;   // every byte of every hop

@@ -1,0 +1,165 @@
+#include "FaultServer.h"
+
+#include <QByteArray>
+#include <QList>
+
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Waits until `fd` can be written, the stop pipe fires, or `deadline` passes.
+bool waitWritable(int fd, int stopFd, Clock::time_point deadline) {
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0)
+            return false;
+        pollfd fds[2] = {{fd, POLLOUT, 0}, {stopFd, POLLIN, 0}};
+        const int ready = ::poll(fds, 2, int(std::min<long long>(left.count(), 1000)));
+        if (ready < 0 && errno != EINTR)
+            return false;
+        if (fds[1].revents != 0 || (fds[0].revents & (POLLERR | POLLHUP | POLLNVAL)))
+            return false;
+        if (fds[0].revents & POLLOUT)
+            return true;
+    }
+}
+
+// Reads the request head (up to its blank line, at most 16 KiB) and returns its path.
+QByteArray readRequestPath(int fd, int stopFd, Clock::time_point deadline) {
+    QByteArray head;
+    while (!head.contains("\r\n\r\n") && head.size() < 16 * 1024) {
+        pollfd fds[2] = {{fd, POLLIN, 0}, {stopFd, POLLIN, 0}};
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+        if (left.count() <= 0 || ::poll(fds, 2, int(std::min<long long>(left.count(), 1000))) < 0 ||
+            fds[1].revents != 0)
+            return {};
+        if (fds[0].revents == 0)
+            continue;
+        char buffer[4096];
+        const ssize_t got = ::recv(fd, buffer, sizeof buffer, 0);
+        if (got <= 0)
+            return {};
+        head.append(buffer, got);
+    }
+    const QList<QByteArray> words = head.left(head.indexOf("\r\n")).split(' ');
+    return words.size() >= 2 ? words[1] : QByteArray();
+}
+
+} // namespace
+
+FaultServer::FaultServer() {
+    if (::pipe(stopPipe_) != 0)
+        throw std::runtime_error("fault server: no pipe");
+    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int yes = 1;
+    ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::listen(listener_, 16) != 0 ||
+        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        throw std::runtime_error("fault server: cannot listen on 127.0.0.1");
+    port_ = ntohs(address.sin_port);
+    acceptor_ = std::thread([this] { acceptLoop(); });
+}
+
+FaultServer::~FaultServer() {
+    stopping_ = true;
+    const char stop = 's';
+    [[maybe_unused]] const ssize_t ignored = ::write(stopPipe_[1], &stop, 1);
+    acceptor_.join();
+    for (std::thread& connection : connections_)
+        connection.join();
+    ::close(listener_);
+    ::close(stopPipe_[0]);
+    ::close(stopPipe_[1]);
+}
+
+void FaultServer::acceptLoop() {
+    while (!stopping_) {
+        pollfd fds[2] = {{listener_, POLLIN, 0}, {stopPipe_[0], POLLIN, 0}};
+        if (::poll(fds, 2, 1000) < 0 && errno != EINTR)
+            return;
+        if (fds[1].revents != 0)
+            return;
+        if (!(fds[0].revents & POLLIN))
+            continue;
+        const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        if (client < 0)
+            continue;
+        const std::lock_guard<std::mutex> lock(mutex_);
+        connections_.emplace_back([this, client] {
+            serve(client);
+            ::close(client);
+        });
+    }
+}
+
+void FaultServer::serve(int client) {
+    const Clock::time_point deadline = Clock::now() + std::chrono::seconds(maximumSeconds());
+    const QByteArray path = readRequestPath(client, stopPipe_[0], deadline);
+    const QList<QByteArray> parts = path.split('/'); // "", "fault", kind, ...
+
+    qint64 announced = -1; // Content-Length, or chunked when -1
+    qint64 bodyBytes = maximumBytes();
+    if (parts.size() == 4 && parts[2] == "chunked") {
+        bodyBytes = std::min(parts[3].toLongLong(), maximumBytes());
+    } else if (parts.size() == 5 && parts[2] == "longer") {
+        announced = parts[3].toLongLong();
+        bodyBytes = std::min(parts[4].toLongLong(), maximumBytes());
+    } else if (!(parts.size() == 3 && parts[2] == "endless")) {
+        const QByteArray missing = "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+        [[maybe_unused]] const ssize_t ignored = ::send(client, missing.constData(), size_t(missing.size()), MSG_NOSIGNAL);
+        return;
+    }
+
+    QByteArray head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nConnection: close\r\n";
+    head += announced >= 0 ? "Content-Length: " + QByteArray::number(announced) + "\r\n"
+                           : QByteArray("Transfer-Encoding: chunked\r\n");
+    head += "\r\n";
+
+    // Blanks are valid JSON padding, so only the size of the body is hostile.
+    const QByteArray piece(64 * 1024, ' ');
+    const QByteArray chunkHead = QByteArray::number(piece.size(), 16) + "\r\n";
+    QByteArray pending = head;
+    qint64 sent = 0;
+    bool ended = false;
+    while (!stopping_) {
+        if (pending.isEmpty()) {
+            if (ended)
+                return;
+            const qint64 take = std::min<qint64>(piece.size(), bodyBytes - sent);
+            if (take <= 0) {
+                if (announced >= 0)
+                    return;
+                pending = "0\r\n\r\n";
+                ended = true;
+                continue;
+            }
+            pending = announced >= 0 ? piece.left(take)
+                                     : (take == piece.size() ? chunkHead : QByteArray::number(take, 16) + "\r\n") +
+                                           piece.left(take) + "\r\n";
+            sent += take;
+            bytesSent_ += take;
+        }
+        if (!waitWritable(client, stopPipe_[0], deadline))
+            return;
+        const ssize_t written = ::send(client, pending.constData(), size_t(pending.size()), MSG_NOSIGNAL);
+        if (written <= 0)
+            return;
+        pending.remove(0, written);
+    }
+}
