@@ -1,6 +1,4 @@
 #include "BlackHole.h"
-#include "FaultServer.h"
-#include "ResidentMemory.h"
 #include "TestServer.h"
 
 #include "update/HttpClient.h"
@@ -23,8 +21,6 @@
 #include <memory>
 #include <optional>
 #include <vector>
-
-#include <sys/statvfs.h>
 
 
 namespace {
@@ -79,23 +75,6 @@ QString networkErrorOf(Operation operation) {
         return QString::fromStdString(error.what());
     }
     return QString();
-}
-
-HttpResponse fetchWith(const TransferLimits& limits, const QUrl& url) {
-    HttpClient client(limits);
-    return await(client.data(url));
-}
-
-DownloadedFile downloadWith(const TransferLimits& limits, const QUrl& url) {
-    HttpClient client(limits);
-    return await(client.download(url));
-}
-
-qint64 freeBytesOf(const QString& folder) {
-    struct statvfs fs {};
-    if (::statvfs(QFile::encodeName(folder).constData(), &fs) != 0)
-        return -1;
-    return qint64(fs.f_bavail) * qint64(fs.f_frsize);
 }
 
 QStringList leftoverDownloads() {
@@ -319,120 +298,6 @@ private slots:
             QVERIFY(QFileInfo::exists(path)); // a move hands the file on, it does not remove it
         }
         QVERIFY(!QFileInfo::exists(path));
-    }
-
-    void manifestAtTheCapArrivesWhole() {
-        TransferLimits limits;
-        limits.maximumManifestBytes = 64 * 1024;
-        const QByteArray body = randomBytes(64 * 1024);
-        server->writeFile(QStringLiteral("cap.bin"), body);
-        const HttpResponse response = fetchWith(limits, server->url("/cap.bin"));
-        QCOMPARE(response.statusCode, std::optional<int>(200));
-        QCOMPARE(response.body, body);
-        // The product's cap lets a whole mebibyte through.
-        server->writeFile(QStringLiteral("mebibyte.bin"), randomBytes(1024 * 1024));
-        QCOMPARE(fetch(server->url("/mebibyte.bin")).body.size(), 1024 * 1024);
-    }
-
-    void manifestOverTheCapIsATransportError() {
-        TransferLimits limits;
-        limits.maximumManifestBytes = 64 * 1024;
-        server->writeFile(QStringLiteral("cap-plus-one.bin"), randomBytes(64 * 1024 + 1));
-        // Announced by its Content-Length, or only found out while a chunked body streams.
-        const QUrl announced = server->url("/cap-plus-one.bin");
-        const QUrl chunked = QUrl(QStringLiteral("http://127.0.0.1:%1/fault/chunked/%2")
-                                      .arg(server->faultServer().port()).arg(64 * 1024 + 1));
-        for (const QUrl& url : {announced, chunked}) {
-            const QString error = networkErrorOf([&] { fetchWith(limits, url); });
-            QVERIFY2(error.contains(QStringLiteral("larger than")), qPrintable(url.toString() + ": " + error));
-        }
-    }
-
-    // 64 MiB of chunked body against the product's 1 MiB cap: refused with memory flat.
-    void bloatedManifestKeepsMemoryFlat() {
-        ResidentMemory::resetPeak();
-        const long before = ResidentMemory::peakKiB();
-        QElapsedTimer clock;
-        clock.start();
-        const QString error = networkErrorOf([&] {
-            fetch(QUrl(QStringLiteral("http://127.0.0.1:%1/fault/chunked/%2")
-                           .arg(server->faultServer().port()).arg(64 * 1024 * 1024)));
-        });
-        const long grown = ResidentMemory::peakKiB() - before;
-        QVERIFY2(error.contains(QStringLiteral("larger than")), qPrintable(error));
-        QVERIFY2(grown < 16 * 1024, qPrintable(QStringLiteral("peak grew by %1 KiB").arg(grown)));
-        QVERIFY(clock.elapsed() < 10000);
-    }
-
-    void manifestFetchEndsAtItsDeadline() {
-        TransferLimits limits;
-        limits.manifest.deadline = std::chrono::seconds(2);
-        // 64 KiB at 4 KiB/s: 16 s, well above the throughput floor.
-        server->writeFile(QStringLiteral("slow.json"), QByteArray(64 * 1024, ' '));
-        QElapsedTimer clock;
-        clock.start();
-        const QString error = networkErrorOf([&] { fetchWith(limits, server->url("/trickle/slow.json")); });
-        QVERIFY2(error.contains(QStringLiteral("in time")), qPrintable(error));
-        QVERIFY2(clock.elapsed() < 6000, qPrintable(QString::number(clock.elapsed())));
-    }
-
-    void manifestWithinItsDeadlineArrives() {
-        TransferLimits limits;
-        limits.manifest.deadline = std::chrono::seconds(2);
-        QCOMPARE(fetchWith(limits, server->url("/trickle/m.json")).body, manifest);
-    }
-
-    // The same trickle that outlasts a manifest's deadline is a slow but good archive.
-    void archiveDownloadHasNoOverallDeadline() {
-        TransferLimits limits;
-        limits.manifest.deadline = std::chrono::seconds(2);
-        const QByteArray body = randomBytes(16 * 1024);
-        server->writeFile(QStringLiteral("slow.tar.gz"), body);
-        QElapsedTimer clock;
-        clock.start();
-        const DownloadedFile file = downloadWith(limits, server->url("/trickle/slow.tar.gz"));
-        QVERIFY(clock.elapsed() > 2500);
-        QCOMPARE(file.statusCode(), std::optional<int>(200));
-        QCOMPARE(readWhole(file.path()), body);
-    }
-
-    void archiveStopsAtTheFreeSpaceReserve() {
-        const qint64 free = freeBytesOf(QDir::tempPath());
-        QVERIFY(free > qint64(512) * 1024 * 1024);
-        TransferLimits limits;
-        limits.freeSpaceReserve = free - 16 * 1024 * 1024;
-        const QUrl endless = QUrl(QStringLiteral("http://127.0.0.1:%1/fault/chunked/%2")
-                                      .arg(server->faultServer().port()).arg(qint64(256) * 1024 * 1024));
-        const QString error = networkErrorOf([&] { downloadWith(limits, endless); });
-        QVERIFY2(error.contains(QStringLiteral("free disk space")), qPrintable(error));
-        QCOMPARE(leftoverDownloads(), QStringList());
-        QVERIFY(freeBytesOf(QDir::tempPath()) > free - 64 * 1024 * 1024);
-    }
-
-    // A body whose announced size would leave less than the reserve is refused before it lands.
-    void archiveAnnouncedBeyondTheReserveIsRefused() {
-        const qint64 free = freeBytesOf(QDir::tempPath());
-        TransferLimits limits;
-        limits.freeSpaceReserve = free - 512 * 1024;
-        const QString error = networkErrorOf([&] { downloadWith(limits, server->url("/big.bin")); });
-        QVERIFY2(error.contains(QStringLiteral("free disk space")), qPrintable(error));
-        QCOMPARE(leftoverDownloads(), QStringList());
-    }
-
-    void archiveWithinTheReserveArrives() {
-        const DownloadedFile file = download(QUrl(QStringLiteral("http://127.0.0.1:%1/fault/chunked/%2")
-                                                      .arg(server->faultServer().port()).arg(4 * 1024 * 1024)));
-        QCOMPARE(file.statusCode(), std::optional<int>(200));
-        QCOMPARE(QFileInfo(file.path()).size(), 4 * 1024 * 1024);
-    }
-
-    // Bytes past the announced length never reach the file: the body ends where it said it would.
-    void archiveKeepsNoMoreThanItsContentLength() {
-        const QUrl longer = QUrl(QStringLiteral("http://127.0.0.1:%1/fault/longer/1000/2000000")
-                                     .arg(server->faultServer().port()));
-        const DownloadedFile file = download(longer);
-        QCOMPARE(file.statusCode(), std::optional<int>(200));
-        QCOMPARE(QFileInfo(file.path()).size(), 1000);
     }
 
     void cleanupTestCase() {

@@ -177,7 +177,7 @@ private slots:
             QStringLiteral("x"), QStringLiteral("ZenthoLauncher.app"));
         server_->writeFile(QStringLiteral("same.json"), json);
         QCOMPARE(f().update(server_->url(QStringLiteral("/status/200/same.json"))), false);
-        for (const char* code : {"204", "206", "404", "500"})
+        for (const char* code : {"204", "206", "404", "407", "500"})
             expectError(server_->url(QStringLiteral("/status/%1/same.json").arg(QLatin1String(code))),
                         LauncherError::badLauncherManifest());
     }
@@ -186,7 +186,7 @@ private slots:
         const QString source = f().makeNewBundle();
         const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")});
         server_->writeFile(QStringLiteral("status-archive.tar.gz"), archive);
-        for (const char* code : {"206", "404"}) {
+        for (const char* code : {"206", "404", "407"}) {
             const QString url = server_->url(QStringLiteral("/status/%1/status-archive.tar.gz").arg(QLatin1String(code))).toString();
             expectError(f().publishManifest(LauncherUpdateFixture::manifestJson(
                             QStringLiteral("0.2.0"), QStringLiteral("macos-launcher-arm64"), url,

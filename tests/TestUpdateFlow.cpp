@@ -170,6 +170,18 @@ private slots:
         QVERIFY(StandinGames::waitForRecord(record("seed")));
         QVERIFY(!QFile::exists(build("0.2.0")));
     }
+    // The origin's 407 is an answer that is not 200, never a proxy's transport failure.
+    void status407IsAnUnavailableManifestOrDownload() {
+        QVERIFY(QFile::remove(seed() + "/zentho"));
+        serveGameRelease("0.2.0");
+        env_.insert("ZENTHO_UPDATE_MANIFEST", server_->url("/status/407/game.json").toString());
+        QCOMPARE(FlowScenario::run(env_).statuses.last(),
+                 QStringLiteral("Update failed: The update manifest is unavailable."));
+        serveGameManifest(manifest("0.2.0", "macos-arm64", server_->url("/status/407/builds/0.2.0.tar.gz").toString(),
+                                   serveBuild("0.2.0"), "zentho"));
+        env_.insert("ZENTHO_UPDATE_MANIFEST", server_->url("/game.json").toString());
+        QCOMPARE(FlowScenario::run(env_).statuses.last(), QStringLiteral("Update failed: The update download failed."));
+    }
     void status200FromTheSameServerIsUsed() {
         serveGameRelease("0.2.0");
         env_.insert("ZENTHO_UPDATE_MANIFEST", server_->url("/status/200/game.json").toString());

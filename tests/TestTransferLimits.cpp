@@ -1,0 +1,244 @@
+// What a server may cost the launcher: the cap on a manifest's body, the deadline of a manifest
+// fetch, and the limits on an archive's body (its announced size and the free-space reserve).
+// Each limit is met with a smaller value than the product's so that it is reached in a moment;
+// the product's own values are proved on the real launcher in tests/e2e/TestHostileServers.
+
+#include "FaultServer.h"
+#include "ResidentMemory.h"
+#include "TaskOutcome.h"
+#include "TestServer.h"
+
+#include "update/HttpClient.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+#include <optional>
+
+#include <sys/statvfs.h>
+
+namespace {
+
+QByteArray randomBytes(qsizetype size) {
+    QByteArray bytes(size, Qt::Uninitialized);
+    QRandomGenerator generator(7);
+    for (qsizetype i = 0; i < size; ++i)
+        bytes[i] = char(generator.generate() & 0xff);
+    return bytes;
+}
+
+QByteArray readWhole(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+template <typename T>
+QCoro::Task<void> into(QCoro::Task<T> task, std::optional<T>* value) {
+    value->emplace(co_await std::move(task));
+}
+
+// Runs one transfer to its end; the result, or the NetworkError's text in `error`.
+template <typename T>
+std::optional<T> settle(QCoro::Task<T> task, QString* error) {
+    std::optional<T> value;
+    const std::exception_ptr thrown = waitForOutcome(into(std::move(task), &value));
+    if (thrown) {
+        try {
+            std::rethrow_exception(thrown);
+        } catch (const NetworkError& e) {
+            *error = QString::fromStdString(e.what());
+        }
+    }
+    return value;
+}
+
+QString fetchError(const TransferLimits& limits, const QUrl& url) {
+    HttpClient client(limits);
+    QString error;
+    settle(client.data(url), &error);
+    return error;
+}
+
+QString downloadError(const TransferLimits& limits, const QUrl& url) {
+    HttpClient client(limits);
+    QString error;
+    settle(client.download(url), &error);
+    return error;
+}
+
+HttpResponse fetch(const TransferLimits& limits, const QUrl& url) {
+    HttpClient client(limits);
+    QString error;
+    std::optional<HttpResponse> response = settle(client.data(url), &error);
+    if (!response)
+        throw NetworkError(error);
+    return std::move(*response);
+}
+
+DownloadedFile download(const TransferLimits& limits, const QUrl& url) {
+    HttpClient client(limits);
+    QString error;
+    std::optional<DownloadedFile> file = settle(client.download(url), &error);
+    if (!file)
+        throw NetworkError(error);
+    return std::move(*file);
+}
+
+qint64 freeBytesOf(const QString& folder) {
+    struct statvfs fs {};
+    if (::statvfs(QFile::encodeName(folder).constData(), &fs) != 0)
+        return -1;
+    return qint64(fs.f_bavail) * qint64(fs.f_frsize);
+}
+
+QStringList leftoverDownloads() {
+    return QDir(QDir::tempPath()).entryList({QStringLiteral("zentho-download-*")}, QDir::Files);
+}
+
+} // namespace
+
+class TestTransferLimits : public QObject {
+    Q_OBJECT
+
+    // Downloads go to the system temp folder; a private one keeps other tests' files apart.
+    QTemporaryDir temp;
+    std::unique_ptr<TestServer> server;
+    QByteArray manifest = "{\"version\":\"0.4.2\"}";
+    TransferLimits product; // the product's own limits
+
+    QUrl fault(const QString& path) const {
+        return QUrl(QStringLiteral("http://127.0.0.1:%1/fault/%2").arg(server->faultServer().port()).arg(path));
+    }
+
+private slots:
+    void initTestCase() {
+        QVERIFY(temp.isValid());
+        qputenv("TMPDIR", QFile::encodeName(temp.path()));
+        QCOMPARE(QDir::tempPath(), temp.path());
+        server = std::make_unique<TestServer>();
+        TestServer::trustInThisProcess();
+        server->writeFile(QStringLiteral("m.json"), manifest);
+        server->writeFile(QStringLiteral("big.bin"), randomBytes(1024 * 1024));
+    }
+
+    void manifestAtTheCapArrivesWhole() {
+        TransferLimits limits;
+        limits.maximumManifestBytes = 64 * 1024;
+        const QByteArray body = randomBytes(64 * 1024);
+        server->writeFile(QStringLiteral("cap.bin"), body);
+        const HttpResponse response = fetch(limits, server->url("/cap.bin"));
+        QCOMPARE(response.statusCode, std::optional<int>(200));
+        QCOMPARE(response.body, body);
+        // The product's cap lets a whole mebibyte through, announced or chunked.
+        QCOMPARE(fetch(product, server->url("/big.bin")).body.size(), 1024 * 1024);
+        QCOMPARE(fetch(product, fault(QStringLiteral("chunked/1048576"))).body.size(), 1024 * 1024);
+    }
+
+    void manifestOverTheCapIsATransportError() {
+        TransferLimits limits;
+        limits.maximumManifestBytes = 64 * 1024;
+        server->writeFile(QStringLiteral("cap-plus-one.bin"), randomBytes(64 * 1024 + 1));
+        // Announced by its Content-Length, or only found out while a chunked body streams.
+        for (const QUrl& url : {server->url("/cap-plus-one.bin"), fault(QStringLiteral("chunked/65537"))}) {
+            const QString error = fetchError(limits, url);
+            QVERIFY2(error == QStringLiteral("The manifest is larger than 64 KiB."),
+                     qPrintable(url.toString() + ": " + error));
+        }
+        QCOMPARE(fetchError(product, fault(QStringLiteral("chunked/1048577"))),
+                 QStringLiteral("The manifest is larger than 1 MiB."));
+    }
+
+    // 64 MiB of chunked body against the product's cap: refused, with memory flat.
+    void bloatedManifestKeepsMemoryFlat() {
+        ResidentMemory::resetPeak();
+        const long before = ResidentMemory::peakKiB();
+        QElapsedTimer clock;
+        clock.start();
+        const QString error = fetchError(product, fault(QStringLiteral("chunked/67108864")));
+        const long grown = ResidentMemory::peakKiB() - before;
+        qInfo("peak grew by %ld KiB", grown);
+        QVERIFY2(error.contains(QStringLiteral("larger than")), qPrintable(error));
+        QVERIFY2(grown < 8 * 1024, qPrintable(QStringLiteral("peak grew by %1 KiB").arg(grown)));
+        QVERIFY(clock.elapsed() < 10000);
+    }
+
+    void manifestFetchEndsAtItsDeadline() {
+        TransferLimits limits;
+        limits.manifest.deadline = std::chrono::seconds(2);
+        // 64 KiB at 4 KiB/s: 16 s, well above the throughput floor.
+        server->writeFile(QStringLiteral("slow.json"), QByteArray(64 * 1024, ' '));
+        QElapsedTimer clock;
+        clock.start();
+        const QString error = fetchError(limits, server->url("/trickle/slow.json"));
+        QCOMPARE(error, QStringLiteral("The server did not send its whole answer in time."));
+        QVERIFY2(clock.elapsed() < 6000, qPrintable(QString::number(clock.elapsed())));
+    }
+
+    void manifestWithinItsDeadlineArrives() {
+        TransferLimits limits;
+        limits.manifest.deadline = std::chrono::seconds(2);
+        QCOMPARE(fetch(limits, server->url("/trickle/m.json")).body, manifest);
+    }
+
+    // The same trickle that outlasts a manifest's deadline is a slow but good archive.
+    void archiveDownloadHasNoOverallDeadline() {
+        TransferLimits limits;
+        limits.manifest.deadline = std::chrono::seconds(2);
+        const QByteArray body = randomBytes(16 * 1024);
+        server->writeFile(QStringLiteral("slow.tar.gz"), body);
+        QElapsedTimer clock;
+        clock.start();
+        const DownloadedFile file = download(limits, server->url("/trickle/slow.tar.gz"));
+        QVERIFY(clock.elapsed() > 2500);
+        QCOMPARE(file.statusCode(), std::optional<int>(200));
+        QCOMPARE(readWhole(file.path()), body);
+    }
+
+    void archiveStopsAtTheFreeSpaceReserve() {
+        const qint64 free = freeBytesOf(QDir::tempPath());
+        QVERIFY(free > qint64(512) * 1024 * 1024);
+        TransferLimits limits;
+        limits.freeSpaceReserve = free - 16 * 1024 * 1024;
+        // Far more than fits above the reserve, and it does end, so a download that ignored the
+        // reserve would come back whole.
+        const QString error = downloadError(limits, fault(QStringLiteral("chunked/268435456")));
+        QCOMPARE(error, QStringLiteral("Not enough free disk space for the download."));
+        QCOMPARE(leftoverDownloads(), QStringList());
+    }
+
+    // A body whose announced size would leave less than the reserve is refused before it lands.
+    void archiveAnnouncedBeyondTheReserveIsRefused() {
+        TransferLimits limits;
+        limits.freeSpaceReserve = freeBytesOf(QDir::tempPath()) - 512 * 1024;
+        QCOMPARE(downloadError(limits, server->url("/big.bin")),
+                 QStringLiteral("Not enough free disk space for the download."));
+        QCOMPARE(leftoverDownloads(), QStringList());
+    }
+
+    void archiveWithinTheReserveArrives() {
+        const DownloadedFile file = download(product, fault(QStringLiteral("chunked/4194304")));
+        QCOMPARE(file.statusCode(), std::optional<int>(200));
+        QCOMPARE(QFileInfo(file.path()).size(), 4 * 1024 * 1024);
+    }
+
+    // Bytes past the announced length never reach the file: the body ends where it said it would.
+    void archiveKeepsNoMoreThanItsContentLength() {
+        const DownloadedFile file = download(product, fault(QStringLiteral("longer/1000/2000000")));
+        QCOMPARE(file.statusCode(), std::optional<int>(200));
+        QCOMPARE(QFileInfo(file.path()).size(), 1000);
+    }
+
+    void cleanupTestCase() {
+        QCOMPARE(leftoverDownloads(), QStringList());
+        server.reset();
+    }
+};
+
+QTEST_MAIN(TestTransferLimits)
+#include "TestTransferLimits.moc"
