@@ -27,6 +27,27 @@ private slots:
         QCOMPARE(state.encode(), QByteArray("{\"version\":\"a\\\"b\\\\c\",\"path\":\"x\\ny\\u0001\"}"));
         QCOMPARE(InstalledState::decode(state.encode()), state);
     }
+    void encoderEscapesEveryControlCharacter_data() {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QByteArray>("escaped");
+        QTest::newRow("backspace") << QStringLiteral("a\bb") << QByteArray("a\\bb");
+        QTest::newRow("form feed") << QStringLiteral("a\fb") << QByteArray("a\\fb");
+        QTest::newRow("carriage return") << QStringLiteral("a\rb") << QByteArray("a\\rb");
+        QTest::newRow("tab") << QStringLiteral("a\tb") << QByteArray("a\\tb");
+        QTest::newRow("line feed") << QStringLiteral("a\nb") << QByteArray("a\\nb");
+        QTest::newRow("0x1F") << QStringLiteral("a\x1f" "b") << QByteArray("a\\u001fb");
+        QTest::newRow("0x00") << QString(QChar(u'a')) + QChar(0) + QChar(u'b') << QByteArray("a\\u0000b");
+        QTest::newRow("0x0B") << QStringLiteral("a\x0b" "b") << QByteArray("a\\u000bb");
+        QTest::newRow("0x7F stays") << QStringLiteral("a\x7f" "b") << QByteArray("a\x7f" "b");
+    }
+    void encoderEscapesEveryControlCharacter() {
+        QFETCH(QString, text);
+        QFETCH(QByteArray, escaped);
+        const InstalledState state{text, QStringLiteral("p")};
+        QCOMPARE(state.encode(), "{\"version\":\"" + escaped + "\",\"path\":\"p\"}");
+        // What the writer escapes, the strict reader reads back unchanged.
+        QCOMPARE(InstalledState::decode(state.encode()), state);
+    }
     void encoderKeepsNonAsciiAsUtf8() {
         const InstalledState state{"0.2.0", "/home/zoë/Spiele"};
         QCOMPARE(state.encode(), QByteArray("{\"version\":\"0.2.0\",\"path\":\"\\/home\\/zo\xc3\xab\\/Spiele\"}"));
@@ -48,6 +69,21 @@ private slots:
         QTest::newRow("not JSON") << QByteArray("version=0.2.0") << false << "";
         QTest::newRow("array") << QByteArray("[\"0.2.0\",\"/p\"]") << false << "";
         QTest::newRow("empty") << QByteArray() << false << "";
+        QTest::newRow("escaped control") << QByteArray("{\"version\":\"0.2\\u0001\",\"path\":\"/p\"}") << true << "0.2\x01";
+        QTest::newRow("raw control in version")
+            << QByteArray("{\"version\":\"0.2\x01\",\"path\":\"/p\"}") << false << "";
+        QTest::newRow("raw line feed in path")
+            << QByteArray("{\"version\":\"0.2.0\",\"path\":\"/p\nq\"}") << false << "";
+        QTest::newRow("raw tab in an extra member")
+            << QByteArray("{\"version\":\"0.2.0\",\"path\":\"/p\",\"n\":\"\t\"}") << false << "";
+        QTest::newRow("lone surrogate in path")
+            << QByteArray("{\"version\":\"0.2.0\",\"path\":\"/p\\ud800\"}") << false << "";
+        QTest::newRow("surrogate pair in path")
+            << QByteArray("{\"version\":\"0.2.0\",\"path\":\"/p\\ud83c\\udfae\"}") << true << "0.2.0";
+        QTest::newRow("bytes that are not UTF-8")
+            << QByteArray("{\"version\":\"0.2.0\",\"path\":\"/p\xe0\x80\xaf\"}") << false << "";
+        QTest::newRow("out-of-range number in an extra member")
+            << QByteArray("{\"version\":\"0.2.0\",\"path\":\"/p\",\"n\":1e400}") << true << "0.2.0";
     }
     void decode() {
         QFETCH(QByteArray, json);
@@ -68,6 +104,21 @@ private slots:
         TestFiles::writeFile(home.statePath(), "{\"version\":\"0.2.0\",\"path\":\"\\/v\\/0.2.0\"}");
         QCOMPARE(InstalledState::read(files, home.statePath(), kFallback),
                  (InstalledState{"0.2.0", "/v/0.2.0"}));
+    }
+    void relativePathIsTakenFromTheStateFilesFolder() {
+        ScopedDataHome home;
+        TestFiles::writeFile(home.statePath(), "{\"version\":\"0.2.0\",\"path\":\"versions\\/0.2.0\"}");
+        // Wherever the launcher was started from.
+        const QString before = QDir::currentPath();
+        QVERIFY(QDir::setCurrent(QDir::tempPath()));
+        const InstalledState state = InstalledState::read(files, home.statePath(), kFallback);
+        QVERIFY(QDir::setCurrent(before));
+        QCOMPARE(state, (InstalledState{"0.2.0", home.launcherRoot() + "/versions/0.2.0"}));
+    }
+    void controlCharacterInTheFileReadsAsFallback() {
+        ScopedDataHome home;
+        TestFiles::writeFile(home.statePath(), "{\"version\":\"0.2.0\",\"path\":\"\\/v\\/0.2.0\x01\"}");
+        QCOMPARE(InstalledState::read(files, home.statePath(), kFallback), kFallback);
     }
     void unreadableFileReadsAsFallback() {
         ScopedDataHome home;

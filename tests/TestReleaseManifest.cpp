@@ -153,6 +153,58 @@ private slots:
         }
     }
 
+    // Texts no correct release server writes: refused whole, even when the oddity sits in a
+    // member the launcher never reads.
+    void strictlyInvalidJsonFails_data() {
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<QString>("error");
+        const QByteArray valid = json(completeManifest()).trimmed();
+        const QByteArray head = valid.left(valid.size() - 1);
+        QTest::newRow("raw control character in a read value")
+            << QByteArray("{\"version\":\"0.4.2\x01\"}")
+            << "The manifest is not valid JSON: control character in a string at offset 17.";
+        QTest::newRow("raw control character in an ignored member")
+            << head + ",\"notes\":\"a\x1f\"}" << QString();
+        QTest::newRow("raw line feed in an ignored member")
+            << head + ",\"notes\":\"line one\nline two\"}" << QString();
+        QTest::newRow("lone surrogate in an ignored member")
+            << head + ",\"notes\":\"\\ud800\"}" << QString();
+        QTest::newRow("lone surrogate in the executable")
+            << QByteArray("{\"version\":\"0.4.2\",\"executable\":\"zentho\\udfff\"}")
+            << "The manifest is not valid JSON: unpaired surrogate escape at offset 39.";
+        QTest::newRow("bytes that are not UTF-8") << head + ",\"notes\":\"\xc0\xaf\"}" << QString();
+    }
+    void strictlyInvalidJsonFails() {
+        QFETCH(QByteArray, body);
+        QFETCH(QString, error);
+        const QString got = decodingErrorOf(body);
+        QVERIFY2(got.startsWith(QStringLiteral("The manifest is not valid JSON: ")), qPrintable(got));
+        if (!error.isNull())
+            QCOMPARE(got, error);
+    }
+    void escapedControlsAndSurrogatePairsDecode() {
+        QJsonObject object = completeManifest();
+        object.insert("notes", QStringLiteral("tab\there, a pad \U0001F3AE, bell \u0007"));
+        const QByteArray body = json(object);
+        QVERIFY(body.contains("\\t") && body.contains("\\u0007"));
+        QCOMPARE(ReleaseManifest::decode(body), ReleaseManifest::decode(json(completeManifest())));
+        QCOMPARE(ReleaseManifest::decode(QByteArray("{\"version\":\"\\ud83c\\udfae\",\"platform\":\"p\","
+                                                    "\"url\":\"https://x/y\",\"sha256\":\"s\",\"executable\":\"e\"}"))
+                     .version,
+                 QString::fromUtf8("\xf0\x9f\x8e\xae"));
+    }
+    void outOfRangeNumberInAnIgnoredKeyDoesNotSinkTheManifest() {
+        const QByteArray valid = json(completeManifest()).trimmed();
+        for (const QByteArray number : {"1e400", "-1e400", "1e-400"}) {
+            const QByteArray body = valid.left(valid.size() - 1) + ",\"n\":" + number + "}";
+            QCOMPARE(decodingErrorOf(body), QString());
+            QCOMPARE(ReleaseManifest::decode(body), ReleaseManifest::decode(valid));
+        }
+        // Its twin: the same number where a string is required still fails, as a wrong type.
+        QCOMPARE(decodingErrorOf("{\"version\":1e400}"),
+                 QStringLiteral("The manifest's \"version\" is not a string."));
+    }
+
     void encodingWritesTheFiveKeysInFieldOrder() {
         const ReleaseManifest manifest = ReleaseManifest::decode(json(completeManifest()));
         const QByteArray text = manifest.encode();

@@ -1,8 +1,10 @@
 #include "InstalledState.h"
 
+#include "StrictJson.h"
 #include "platform/FileManager.h"
 
-#include <QJsonDocument>
+#include <QDir>
+#include <QFileInfo>
 #include <QJsonObject>
 
 namespace {
@@ -43,11 +45,10 @@ QByteArray InstalledState::encode() const {
 }
 
 std::optional<InstalledState> InstalledState::decode(const QByteArray& json) {
-    QJsonParseError error{};
-    const QJsonDocument document = QJsonDocument::fromJson(json, &error);
-    if (error.error != QJsonParseError::NoError || !document.isObject())
+    const StrictJson document = StrictJson::parse(json);
+    if (!document.ok() || !document.value.isObject())
         return std::nullopt;
-    const QJsonObject object = document.object();
+    const QJsonObject object = document.value.toObject();
     const QJsonValue version = object.value(QLatin1String("version"));
     const QJsonValue path = object.value(QLatin1String("path"));
     if (!version.isString() || !path.isString())
@@ -58,8 +59,14 @@ std::optional<InstalledState> InstalledState::decode(const QByteArray& json) {
 InstalledState InstalledState::read(const FileManager& files, const QString& statePath,
                                     const InstalledState& fallback) {
     try {
-        if (auto state = decode(files.readFile(statePath)))
+        if (auto state = decode(files.readFile(statePath))) {
+            // A relative path is taken from the folder of the record that holds it, once, here:
+            // whoever then tests the build and whoever starts it see the same folder, whatever
+            // the launcher's own working folder.
+            if (!QDir::isAbsolutePath(state->path))
+                state->path = QFileInfo(statePath).dir().filePath(state->path);
             return *state;
+        }
     } catch (const std::exception&) {
         // A missing or unreadable file means no build was ever recorded.
     }

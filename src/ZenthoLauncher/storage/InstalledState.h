@@ -21,7 +21,8 @@ struct InstalledState {
     // are ignored. None when the bytes are not such an object.
     static std::optional<InstalledState> decode(const QByteArray& json);
 
-    // Reads the state file; a missing, unreadable or invalid file yields `fallback`.
+    // Reads the state file; a missing, unreadable or invalid file yields `fallback`. A relative
+    // `path` in the file is returned resolved against the folder that holds the file.
     static InstalledState read(const FileManager& files, const QString& statePath,
                                const InstalledState& fallback);
     // Replaces the state file so that a crash or power cut at any moment leaves either the old

@@ -1,9 +1,10 @@
 #include "update/ReleaseManifest.h"
 
+#include "storage/StrictJson.h"
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QJsonParseError>
 #include <QJsonValue>
 
 namespace {
@@ -38,14 +39,13 @@ QByteArray jsonString(const QString& text) {
 } // namespace
 
 ReleaseManifest ReleaseManifest::decode(const QByteArray& json) {
-    QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(json, &parseError);
-    if (parseError.error != QJsonParseError::NoError)
-        throw ManifestDecodingError(QStringLiteral("The manifest is not valid JSON: %1.")
-                                        .arg(parseError.errorString()));
-    if (!document.isObject())
+    const StrictJson document = StrictJson::parse(json);
+    if (!document.ok())
+        throw ManifestDecodingError(
+            QStringLiteral("The manifest is not valid JSON: %1.").arg(document.error));
+    if (!document.value.isObject())
         throw ManifestDecodingError(QStringLiteral("The manifest is not a JSON object."));
-    const QJsonObject object = document.object();
+    const QJsonObject object = document.value.toObject();
 
     ReleaseManifest manifest;
     manifest.version = requiredString(object, QStringLiteral("version"));
