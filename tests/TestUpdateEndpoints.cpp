@@ -98,6 +98,10 @@ private slots:
         QTest::newRow("bare path") << QStringLiteral("/tmp/manifest.json");
         QTest::newRow("relative") << QStringLiteral("manifest.json");
         QTest::newRow("does not parse") << QStringLiteral("https://[::1/manifest.json");
+        // The parser reports every one of these as "https"; the scheme as written is not.
+        QTest::newRow("HTTPS") << QStringLiteral("HTTPS://127.0.0.1:8443/manifest.json");
+        QTest::newRow("Https") << QStringLiteral("Https://127.0.0.1:8443/manifest.json");
+        QTest::newRow("httpS") << QStringLiteral("httpS://127.0.0.1:8443/manifest.json");
     }
     void unusableOverridesFallBackToTheDefault() {
         QFETCH(QString, value);
@@ -163,6 +167,13 @@ private slots:
     void httpVariablesAreIgnored() {
         const Endpoints read = endpointsInFreshProcess(
             {{gameVariable, "http://127.0.0.1:9080/m.json"}, {launcherVariable, "http://127.0.0.1:9080/l.json"}});
+        QCOMPARE(read.game, defaultGame());
+        QCOMPARE(read.launcher, defaultLauncher());
+    }
+
+    void upperCaseHttpsVariablesAreIgnored() {
+        const Endpoints read = endpointsInFreshProcess(
+            {{gameVariable, "HTTPS://127.0.0.1:9443/m.json"}, {launcherVariable, "Https://127.0.0.1:9443/l.json"}});
         QCOMPARE(read.game, defaultGame());
         QCOMPARE(read.launcher, defaultLauncher());
     }

@@ -33,7 +33,10 @@ std::optional<QUrl> releaseServerURL(const QString& host, const QString& path) {
 QUrl chooseEndpointURL(const std::optional<QString>& override, const std::optional<QUrl>& fallback) {
     if (override) {
         if (const std::optional<QUrl> url = parseEndpointURL(*override)) {
-            if (url->scheme() == QLatin1String("https") || url->isLocalFile())
+            // QUrl reports the scheme lower-cased; "HTTPS:" as written is not "https".
+            if ((url->scheme() == QLatin1String("https") &&
+                 override->startsWith(QLatin1String("https:"))) ||
+                url->isLocalFile())
                 return *url;
         }
     }

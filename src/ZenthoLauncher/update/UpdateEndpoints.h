@@ -27,6 +27,6 @@ std::optional<QUrl> parseEndpointURL(const QString& text);
 std::optional<QUrl> releaseServerURL(const QString& host, const QString& path);
 
 // The pure decision: the override (the variable's value, absent when unset) when it parses to an
-// https URL or a file URL, else `fallback`, else the file URL of /dev/null. A rejected override
-// is silent.
+// https URL whose scheme is written exactly "https" (so "HTTPS:" is not one) or to a file URL,
+// else `fallback`, else the file URL of /dev/null. A rejected override is silent.
 QUrl chooseEndpointURL(const std::optional<QString>& override, const std::optional<QUrl>& fallback);
