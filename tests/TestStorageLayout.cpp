@@ -71,6 +71,21 @@ private slots:
         QCOMPARE(layout.launcherRoot(), accountHome() + "/.local/share/Zentho/launcher");
     }
 
+    void theRootFolderAsDataHomeGivesNoDoubledSlash() {
+        ScopedEnv xdg("XDG_DATA_HOME", QByteArray("/"));
+        StorageLayout layout(FileManager::defaultManager());
+        QCOMPARE(layout.launcherRoot(), QStringLiteral("/Zentho/launcher"));
+        QCOMPARE(layout.versionsRoot(), QStringLiteral("/Zentho/launcher/versions"));
+        QCOMPARE(layout.stateURL(), QStringLiteral("/Zentho/launcher/current-macos.json"));
+        QCOMPARE(layout.dataFolder(), QStringLiteral("/Zentho"));
+    }
+    void slashesAroundTheDataHomeAreNotDoubled() {
+        ScopedEnv xdg("XDG_DATA_HOME", QByteArray("//srv//data/"));
+        StorageLayout layout(FileManager::defaultManager());
+        QCOMPARE(layout.launcherRoot(), QStringLiteral("/srv/data/Zentho/launcher"));
+        QCOMPARE(layout.dataFolder(), QStringLiteral("/srv/data/Zentho"));
+    }
+
     void rootIsComputedOnceAndKept() {
         ScopedDataHome first;
         StorageLayout layout(FileManager::defaultManager());

@@ -4,15 +4,27 @@
 
 #include <QFileInfo>
 
+namespace {
+
+// `base` with `relative` appended as a path; a base that already ends in "/" (the root folder
+// above all) gets no second one.
+QString appendPath(QString base, const QString& relative) {
+    while (base.endsWith(QLatin1Char('/')))
+        base.chop(1);
+    return base + QLatin1Char('/') + relative;
+}
+
+} // namespace
+
 const QString& StorageLayout::launcherRoot() {
     if (!launcherRoot_) {
         const QStringList folders = files_.applicationSupportFolders();
         // Without any data folder for the user, fall back to the conventional one below the
         // account's home folder.
         const QString base = folders.isEmpty()
-                                 ? files_.homeFolderForCurrentUser() + QStringLiteral("/.local/share")
+                                 ? appendPath(files_.homeFolderForCurrentUser(), QStringLiteral(".local/share"))
                                  : folders.first();
-        launcherRoot_ = base + QStringLiteral("/Zentho/launcher");
+        launcherRoot_ = appendPath(base, QStringLiteral("Zentho/launcher"));
     }
     return *launcherRoot_;
 }
