@@ -118,7 +118,8 @@ QList<FileManager::Entry> FileManager::contentsOfDirectory(const QString& path) 
             continue;
         Entry entry{QFile::decodeName(item->d_name), std::nullopt};
         struct stat info {};
-        if (::fstatat(dirFd, item->d_name, &info, 0) == 0)
+        // The entry itself: a link to a folder is a link, not a folder.
+        if (::fstatat(dirFd, item->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0)
             entry.isDirectory = S_ISDIR(info.st_mode);
         entries.append(entry);
     }
