@@ -1,0 +1,93 @@
+#include "XvfbSession.h"
+
+#include <QDeadlineTimer>
+#include <QRegularExpression>
+#include <QTest>
+
+#include <dlfcn.h>
+
+XvfbSession::XvfbSession() {
+    // -displayfd: the server takes a free display and writes its number to our pipe.
+    server_.start(QStringLiteral("/usr/bin/Xvfb"),
+                  {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
+                   QStringLiteral("0"), QStringLiteral("1024x768x24"), QStringLiteral("-nolisten"),
+                   QStringLiteral("tcp")});
+    QDeadlineTimer deadline(10000);
+    QByteArray number;
+    while (!deadline.hasExpired() && !number.contains('\n') &&
+           server_.state() != QProcess::NotRunning) {
+        server_.waitForReadyRead(200);
+        number += server_.readAllStandardOutput();
+    }
+    if (number.contains('\n'))
+        display_ = QLatin1Char(':') + QString::fromLatin1(number.trimmed());
+}
+
+XvfbSession::~XvfbSession() {
+    if (server_.state() != QProcess::NotRunning) {
+        server_.terminate();
+        if (!server_.waitForFinished(5000)) {
+            server_.kill();
+            server_.waitForFinished();
+        }
+    }
+}
+
+std::optional<QRect> XvfbSession::waitForWindow(const QString& title, int timeoutMs) const {
+    // xwininfo -tree lines look like:  0x20000c "T": ("class" "T")  620x510+0+0  +0+0
+    // The last pair is the position on the screen; a window without WM_CLASS shows "()".
+    const QRegularExpression line(QStringLiteral("\"%1\": \\(\"[^)]+\\)\\s+(\\d+)x(\\d+)\\S*\\s+\\+(-?\\d+)\\+(-?\\d+)")
+                                      .arg(QRegularExpression::escape(title)));
+    QDeadlineTimer deadline(timeoutMs);
+    while (!deadline.hasExpired()) {
+        QProcess info;
+        info.start(QStringLiteral("/usr/bin/xwininfo"),
+                   {QStringLiteral("-display"), display_, QStringLiteral("-root"), QStringLiteral("-tree")});
+        if (info.waitForFinished(5000)) {
+            const QRegularExpressionMatch found = line.match(QString::fromUtf8(info.readAllStandardOutput()));
+            if (found.hasMatch())
+                return QRect(found.captured(3).toInt(), found.captured(4).toInt(),
+                             found.captured(1).toInt(), found.captured(2).toInt());
+        }
+        QTest::qWait(100);
+    }
+    return std::nullopt;
+}
+
+bool XvfbSession::click(QPoint point) const {
+    // Xlib and XTEST are loaded by name: the machine has their libraries but no headers.
+    using OpenDisplay = void* (*)(const char*);
+    using CloseDisplay = int (*)(void*);
+    using Flush = int (*)(void*);
+    using FakeMotion = int (*)(void*, int, int, int, unsigned long);
+    using FakeButton = int (*)(void*, unsigned int, int, unsigned long);
+    void* x11 = ::dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL);
+    void* xtst = ::dlopen("libXtst.so.6", RTLD_NOW | RTLD_LOCAL);
+    bool clicked = false;
+    if (x11 && xtst) {
+        const auto open = reinterpret_cast<OpenDisplay>(::dlsym(x11, "XOpenDisplay"));
+        const auto close = reinterpret_cast<CloseDisplay>(::dlsym(x11, "XCloseDisplay"));
+        const auto flush = reinterpret_cast<Flush>(::dlsym(x11, "XFlush"));
+        const auto motion = reinterpret_cast<FakeMotion>(::dlsym(xtst, "XTestFakeMotionEvent"));
+        const auto button = reinterpret_cast<FakeButton>(::dlsym(xtst, "XTestFakeButtonEvent"));
+        if (open && close && flush && motion && button) {
+            if (void* display = open(display_.toLocal8Bit().constData())) {
+                motion(display, -1, point.x(), point.y(), 0);
+                flush(display);
+                QTest::qWait(100);
+                button(display, 1, 1, 0);
+                flush(display);
+                QTest::qWait(50);
+                button(display, 1, 0, 0);
+                flush(display);
+                close(display);
+                clicked = true;
+            }
+        }
+    }
+    if (xtst)
+        ::dlclose(xtst);
+    if (x11)
+        ::dlclose(x11);
+    return clicked;
+}
