@@ -214,6 +214,70 @@ private slots:
         QVERIFY(StandinGames::waitForRecord(record("seed")));
         QVERIFY(!QFile::exists(build("0.2.0")));
     }
+    // A 500 whose body is a valid, installable manifest: the status alone makes it badManifest.
+    // (A 204 cannot carry a body on the wire; its test above covers the empty answer.)
+    void status500WithAValidManifestIsUnavailable() {
+        serveGameRelease("0.2.0");
+        env_.insert("ZENTHO_UPDATE_MANIFEST", server_->url("/status/500/game.json").toString());
+        QVERIFY(QFile::remove(seed() + "/zentho"));
+        const FlowOutcome out = FlowScenario::run(env_);
+        QCOMPARE(out.statuses, (QStringList{kChecking, kCheckingGame,
+                                            "Update failed: The update manifest is unavailable."}));
+        QVERIFY(!QFile::exists(build("0.2.0")));
+    }
+    void status500WithAValidManifestFallsBackToTheSeed() {
+        serveGameRelease("0.2.0");
+        env_.insert("ZENTHO_UPDATE_MANIFEST", server_->url("/status/500/game.json").toString());
+        const FlowOutcome out = FlowScenario::run(env_);
+        QCOMPARE(out.statuses, (QStringList{kChecking, kCheckingGame, kFallback}));
+        QVERIFY(StandinGames::waitForRecord(record("seed")));
+        QVERIFY(!QFile::exists(build("0.2.0")));
+    }
+    // With nothing to fall back to, the error itself reaches the status line.
+    void wrongPlatformIsReportedAsWrongPlatform() {
+        serveGameRelease("0.2.0", "macos-x86_64");
+        QVERIFY(QFile::remove(seed() + "/zentho"));
+        const FlowOutcome out = FlowScenario::run(env_);
+        QCOMPARE(out.statuses, (QStringList{kChecking, kCheckingGame,
+                                            "Update failed: This update is not for Apple Silicon Macs."}));
+        QVERIFY(!QFile::exists(build("0.2.0")));
+    }
+    void relativeArchiveURLDecodesAndThenFailsToDownload() {
+        serveBuild("0.2.0");
+        serveGameManifest(manifest("0.2.0", "macos-arm64", "builds/0.2.0.tar.gz",
+                                   TestArchives::sha256sum(server_->documentRoot() + "/builds/0.2.0.tar.gz"),
+                                   "zentho"));
+        QVERIFY(QFile::remove(seed() + "/zentho"));
+        const FlowOutcome out = FlowScenario::run(env_);
+        // No request is made at all: the address has no scheme, which the network layer reports.
+        QCOMPARE(out.statuses, (QStringList{kChecking, kCheckingGame, kDownloading,
+                                            "Update failed: Protocol \"\" is unknown"}));
+        QVERIFY(!QFile::exists(build("0.2.0")));
+        QVERIFY(!QFile::exists(record("0.2.0")));
+    }
+    void relativeArchiveURLFallsBackToTheSeed() {
+        serveBuild("0.2.0");
+        serveGameManifest(manifest("0.2.0", "macos-arm64", "builds/0.2.0.tar.gz",
+                                   TestArchives::sha256sum(server_->documentRoot() + "/builds/0.2.0.tar.gz"),
+                                   "zentho"));
+        const FlowOutcome out = FlowScenario::run(env_);
+        QCOMPARE(out.statuses, (QStringList{kChecking, kCheckingGame, kDownloading, kFallback}));
+        QVERIFY(StandinGames::waitForRecord(record("seed")));
+    }
+    // A relative path in the record names a folder below the storage, whatever folder the
+    // launcher runs in: the fallback tests and starts that same build.
+    void relativeRecordedPathStartsThatBuildInItsFolder() {
+        serverDown();
+        StandinGames::recorder(build("0.2.0"), record("0.2.0"));
+        recordCurrent("0.2.0", "versions/0.2.0");
+        const FlowOutcome out = FlowScenario::run(env_);
+        QCOMPARE(out.statuses.last(), kFallback);
+        const auto started = StandinGames::waitForRecord(record("0.2.0"));
+        QVERIFY2(started, qPrintable(out.statuses.join('|')));
+        QCOMPARE(started->cwd, build("0.2.0"));
+        QVERIFY(!QFile::exists(record("seed")));
+    }
+
     void brokenJsonFallsBack() {
         serveGameManifest("{\"version\": \"0.2.0\", ");
         const FlowOutcome out = FlowScenario::run(env_);
