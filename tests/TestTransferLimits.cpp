@@ -164,7 +164,9 @@ private slots:
         const long grown = ResidentMemory::peakKiB() - before;
         qInfo("peak grew by %ld KiB", grown);
         QVERIFY2(error.contains(QStringLiteral("larger than")), qPrintable(error));
-        QVERIFY2(grown < 8 * 1024, qPrintable(QStringLiteral("peak grew by %1 KiB").arg(grown)));
+        // Well under the body's size; the margin is for sanitizer builds, which hold freed blocks
+        // in quarantine for a while.
+        QVERIFY2(grown < 32 * 1024, qPrintable(QStringLiteral("peak grew by %1 KiB").arg(grown)));
         QVERIFY(clock.elapsed() < 10000);
     }
 
