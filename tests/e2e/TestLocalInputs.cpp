@@ -77,20 +77,27 @@ class TestLocalInputs : public QObject {
                "\"executable\":\"alt\"," + extraMember + "}";
     }
 
-    // Runs the real launcher for one press of the main button (an invite link) and returns the
-    // game's record, or fails the test when the launcher did not end or no game started.
-    QByteArray runLauncher(const QString& gameManifest, int timeoutMs = 40000) {
+    // What one press of the main button did: how the launcher ended (none when it did not end
+    // by itself in time) and the record of the game it started (empty when none started).
+    struct Press {
+        std::optional<int> exit;
+        QByteArray record;
+        QByteArray program() const { return lineOf(record, "program"); }
+    };
+    // Runs the real launcher with an invite link, which presses the main button.
+    Press runLauncher(const QString& gameManifest, int timeoutMs = 40000) {
         RealLauncher launcher(LauncherBundles::builtBundle(), data());
         launcher.useManifests(gameManifest, kNoLauncherManifest);
         launcher.recordGameStartIn(record());
         launcher.start(*server_, QStringLiteral("zentho://invite/local-inputs"));
-        const std::optional<int> exit = launcher.waitForExit(timeoutMs);
-        const QByteArray recorded = RealLauncher::waitForGameRecord(record(), 5000);
-        if (!recorded.isEmpty())
-            RealLauncher::terminateAndCollect(RealLauncher::recordedPid(recorded));
-        if (exit != std::optional<int>(0) || recorded.isEmpty())
-            qWarning("launcher exit %d, errors: %s", exit.value_or(-1), launcher.errors().constData());
-        return recorded;
+        Press press;
+        press.exit = launcher.waitForExit(timeoutMs);
+        press.record = RealLauncher::waitForGameRecord(record(), 5000);
+        if (!press.record.isEmpty())
+            RealLauncher::terminateAndCollect(RealLauncher::recordedPid(press.record));
+        if (press.exit != std::optional<int>(0))
+            qWarning("launcher exit %d, errors: %s", press.exit.value_or(-1), launcher.errors().constData());
+        return press;
     }
     QString servedManifest(const QByteArray& body) const {
         server_->writeFile(QStringLiteral("game.json"), body);
@@ -111,23 +118,27 @@ private slots:
 
     void manifestThatDecodesStartsItsExecutable() {
         prepareCurrentBuild();
-        const QByteArray recorded = runLauncher(servedManifest(sameVersionManifest("\"notes\":\"tab\\t\\u0001\"")));
-        QCOMPARE(lineOf(recorded, "program"), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/alt"));
+        const Press press = runLauncher(servedManifest(sameVersionManifest("\"notes\":\"tab\\t\\u0001\"")));
+        QCOMPARE(press.exit, std::optional<int>(0));
+        QCOMPARE(press.program(), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/alt"));
     }
     void manifestWithARawControlCharacterIsRefused() {
         prepareCurrentBuild();
-        const QByteArray recorded = runLauncher(servedManifest(sameVersionManifest("\"notes\":\"tab\t\x01\"")));
-        QCOMPARE(lineOf(recorded, "program"), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/zentho"));
+        const Press press = runLauncher(servedManifest(sameVersionManifest("\"notes\":\"tab\t\x01\"")));
+        QCOMPARE(press.exit, std::optional<int>(0));
+        QCOMPARE(press.program(), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/zentho"));
     }
     void manifestWithALoneSurrogateIsRefused() {
         prepareCurrentBuild();
-        const QByteArray recorded = runLauncher(servedManifest(sameVersionManifest("\"notes\":\"\\udc00\"")));
-        QCOMPARE(lineOf(recorded, "program"), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/zentho"));
+        const Press press = runLauncher(servedManifest(sameVersionManifest("\"notes\":\"\\udc00\"")));
+        QCOMPARE(press.exit, std::optional<int>(0));
+        QCOMPARE(press.program(), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/zentho"));
     }
     void outOfRangeNumberInAnIgnoredKeyKeepsTheManifest() {
         prepareCurrentBuild();
-        const QByteArray recorded = runLauncher(servedManifest(sameVersionManifest("\"n\":1e400")));
-        QCOMPARE(lineOf(recorded, "program"), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/alt"));
+        const Press press = runLauncher(servedManifest(sameVersionManifest("\"n\":1e400")));
+        QCOMPARE(press.exit, std::optional<int>(0));
+        QCOMPARE(press.program(), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/alt"));
     }
 
     // Strict JSON in the state file: the server is out of reach, so the recorded build starts,
@@ -138,24 +149,27 @@ private slots:
         TestFiles::writeFile(launcherRoot() + QStringLiteral("/current-macos.json"),
                              "{\"version\":\"0.5.0\",\"path\":\"" + QFile::encodeName(build("0.5.0")) +
                                  "\",\"note\":\"\\u0001\\ud83c\\udfae\"}");
-        const QByteArray recorded = runLauncher(QStringLiteral("file:///dev/null/no-game-manifest.json"));
-        QCOMPARE(lineOf(recorded, "program"), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/zentho"));
+        const Press press = runLauncher(QStringLiteral("file:///dev/null/no-game-manifest.json"));
+        QCOMPARE(press.exit, std::optional<int>(0));
+        QCOMPARE(press.program(), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/zentho"));
     }
     void stateFileWithARawControlCharacterFallsBackToTheSeed() {
         prepareCurrentBuild();
         TestFiles::writeFile(launcherRoot() + QStringLiteral("/current-macos.json"),
                              "{\"version\":\"0.5.0\",\"path\":\"" + QFile::encodeName(build("0.5.0")) +
                                  "\",\"note\":\"\x01\"}");
-        const QByteArray recorded = runLauncher(QStringLiteral("file:///dev/null/no-game-manifest.json"));
-        QVERIFY2(recorded.startsWith("version=0.1.190\n"), recorded.constData());
+        const Press press = runLauncher(QStringLiteral("file:///dev/null/no-game-manifest.json"));
+        QCOMPARE(press.exit, std::optional<int>(0));
+        QVERIFY2(press.record.startsWith("version=0.1.190\n"), press.record.constData());
     }
     void stateFileWithALoneSurrogateFallsBackToTheSeed() {
         prepareCurrentBuild();
         TestFiles::writeFile(launcherRoot() + QStringLiteral("/current-macos.json"),
                              "{\"version\":\"0.5.0\",\"path\":\"" + QFile::encodeName(build("0.5.0")) +
                                  "\",\"note\":\"\\ud800\"}");
-        const QByteArray recorded = runLauncher(QStringLiteral("file:///dev/null/no-game-manifest.json"));
-        QVERIFY2(recorded.startsWith("version=0.1.190\n"), recorded.constData());
+        const Press press = runLauncher(QStringLiteral("file:///dev/null/no-game-manifest.json"));
+        QCOMPARE(press.exit, std::optional<int>(0));
+        QVERIFY2(press.record.startsWith("version=0.1.190\n"), press.record.constData());
     }
 
     // The override's scheme as written.
@@ -164,8 +178,9 @@ private slots:
         prepareCurrentBuild();
         const QString address = servedManifest(sameVersionManifest("\"notes\":\"\""));
         QVERIFY(address.startsWith(QLatin1String("https://")));
-        const QByteArray recorded = runLauncher(address);
-        QCOMPARE(lineOf(recorded, "program"), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/alt"));
+        const Press press = runLauncher(address);
+        QCOMPARE(press.exit, std::optional<int>(0));
+        QCOMPARE(press.program(), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/alt"));
     }
     // The default release host does not resolve here, so ignoring the override ends in the
     // fallback to the recorded build.
@@ -173,8 +188,9 @@ private slots:
         prepareCurrentBuild();
         const QString address = servedManifest(sameVersionManifest("\"notes\":\"\""));
         const QString shouted = QStringLiteral("HTTPS") + address.mid(5);
-        const QByteArray recorded = runLauncher(shouted);
-        QCOMPARE(lineOf(recorded, "program"), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/zentho"));
+        const Press press = runLauncher(shouted);
+        QCOMPARE(press.exit, std::optional<int>(0));
+        QCOMPARE(press.program(), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/zentho"));
     }
 
     // A relative path in the state file: the launcher runs from a folder that holds a decoy build
@@ -187,10 +203,11 @@ private slots:
                              "{\"version\":\"0.5.0\",\"path\":\"versions\\/0.5.0\"}");
         const QString before = QDir::currentPath();
         QVERIFY(QDir::setCurrent(elsewhere));
-        const QByteArray recorded = runLauncher(QStringLiteral("file:///dev/null/no-game-manifest.json"));
+        const Press press = runLauncher(QStringLiteral("file:///dev/null/no-game-manifest.json"));
         QVERIFY(QDir::setCurrent(before));
-        QCOMPARE(lineOf(recorded, "program"), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/zentho"));
-        QCOMPARE(lineOf(recorded, "cwd"), QFile::encodeName(build(QStringLiteral("0.5.0"))));
+        QCOMPARE(press.exit, std::optional<int>(0));
+        QCOMPARE(press.program(), QFile::encodeName(build(QStringLiteral("0.5.0")) + "/zentho"));
+        QCOMPARE(lineOf(press.record, "cwd"), QFile::encodeName(build(QStringLiteral("0.5.0"))));
     }
 
     // A link in the versions folder, named as the newest version, to a build folder elsewhere.
