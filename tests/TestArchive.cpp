@@ -1,3 +1,4 @@
+#include "DescriptorLimit.h"
 #include "TestArchives.h"
 #include "TestFiles.h"
 
@@ -231,19 +232,20 @@ private slots:
         QCOMPARE(runTar({QStringLiteral("-tzf"), archive}), QStringLiteral("/abs/member\n"));
     }
     void runTarStartErrorsPassThrough() {
-        // Without a usable temporary folder tar's output cannot be captured: that is the
-        // platform's error, not an archive failure.
-        const QByteArray previous = qgetenv("TMPDIR");
-        qputenv("TMPDIR", QFile::encodeName(path(QStringLiteral("no-such-folder"))));
+        // With no descriptor left for the capture files tar's output cannot be captured: that is
+        // the platform's error, not an archive failure.
         bool platformError = false;
-        try {
-            runTar({QStringLiteral("--version")});
-        } catch (const LauncherError&) {
-            QFAIL("a start failure must not become a LauncherError");
-        } catch (const std::system_error&) {
-            platformError = true;
+        {
+            const DescriptorLimit limit(0);
+            QVERIFY(limit.active());
+            try {
+                runTar({QStringLiteral("--version")});
+            } catch (const LauncherError&) {
+                QFAIL("a start failure must not become a LauncherError");
+            } catch (const std::system_error&) {
+                platformError = true;
+            }
         }
-        qputenv("TMPDIR", previous);
         QVERIFY(platformError);
         QVERIFY(runTar({QStringLiteral("--version")}).contains(QStringLiteral("GNU tar")));
     }

@@ -1,17 +1,16 @@
 #include "ProcessCapture.h"
 
+#include "ChildSpawn.h"
 #include "TemporaryFolder.h"
 #include "Uuid.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
-#include <spawn.h>
+#include <csignal>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-extern char** environ;
 
 namespace {
 
@@ -71,18 +70,6 @@ private:
     bool removeOnRelease_ = false;
 };
 
-class SpawnFileActions {
-public:
-    SpawnFileActions() { posix_spawn_file_actions_init(&actions_); }
-    ~SpawnFileActions() { posix_spawn_file_actions_destroy(&actions_); }
-    SpawnFileActions(const SpawnFileActions&) = delete;
-    SpawnFileActions& operator=(const SpawnFileActions&) = delete;
-    posix_spawn_file_actions_t* get() { return &actions_; }
-
-private:
-    posix_spawn_file_actions_t actions_;
-};
-
 std::string decodeStrictly(std::string bytes) {
     return ProcessCapture::isValidUtf8(bytes) ? std::move(bytes) : std::string();
 }
@@ -135,51 +122,96 @@ bool isValidUtf8(const std::string& bytes) {
     return true;
 }
 
-CapturedProcessResult run(const std::string& executable, const std::vector<std::string>& arguments) {
+struct Running::State {
+    CaptureFile out;
+    CaptureFile err;
+    pid_t pid = -1;
+};
+
+Running::Running(std::unique_ptr<State> state) : state_(std::move(state)) {}
+Running::Running(Running&& other) noexcept = default;
+
+Running::~Running() {
+    if (!state_ || state_->pid <= 0)
+        return;
+    // Abandoned while the child still runs (its caller went away): end it rather than leave it
+    // writing into files and folders that nobody will look at again.
+    ::kill(state_->pid, SIGKILL);
+    int ignored = 0;
+    while (::waitpid(state_->pid, &ignored, 0) < 0 && errno == EINTR) {
+    }
+}
+
+pid_t Running::pid() const {
+    return state_->pid;
+}
+
+std::optional<CapturedProcessResult> Running::poll() {
+    int waitStatus = 0;
+    pid_t result;
+    do {
+        result = ::waitpid(state_->pid, &waitStatus, WNOHANG);
+    } while (result < 0 && errno == EINTR);
+    if (result == 0)
+        return std::nullopt;
+    if (result < 0) {
+        const int err = errno;
+        state_->pid = -1;
+        throw std::system_error(err, std::generic_category(), "could not wait for the child");
+    }
+    return collect(waitStatus);
+}
+
+CapturedProcessResult Running::wait() {
+    int waitStatus = 0;
+    while (::waitpid(state_->pid, &waitStatus, 0) < 0) {
+        if (errno != EINTR) {
+            const int err = errno;
+            state_->pid = -1;
+            throw std::system_error(err, std::generic_category(), "could not wait for the child");
+        }
+    }
+    return collect(waitStatus);
+}
+
+CapturedProcessResult Running::collect(int waitStatus) {
+    state_->pid = -1;
+    state_->out.sync();
+    state_->err.sync();
+    CapturedProcessResult result;
+    result.status = statusFromWait(waitStatus);
+    result.output = decodeStrictly(state_->out.readAll());
+    result.errors = decodeStrictly(state_->err.readAll());
+    return result;
+}
+
+Running start(const std::string& executable, const std::vector<std::string>& arguments) {
     const std::string uuid = makeUpperUuid();
     const std::string dir = temporaryFolder();
 
     // A failure to make the capture files happens before any child exists; what was already
     // created is left as it is, like any other half-made temporary file.
-    CaptureFile out;
-    CaptureFile err;
-    out.create(dir + "/zentho-launcher-stdout-" + uuid);
-    err.create(dir + "/zentho-launcher-stderr-" + uuid);
-    out.armRemoval();
-    err.armRemoval();
+    auto state = std::make_unique<Running::State>();
+    state->out.create(dir + "/zentho-launcher-stdout-" + uuid);
+    state->err.create(dir + "/zentho-launcher-stderr-" + uuid);
+    state->out.armRemoval();
+    state->err.armRemoval();
 
-    SpawnFileActions actions;
-    posix_spawn_file_actions_adddup2(actions.get(), out.fd(), STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(actions.get(), err.fd(), STDERR_FILENO);
-
-    std::vector<char*> argv;
+    std::vector<const char*> argv;
     argv.reserve(arguments.size() + 2);
     // The program's name as argv[0] is how every POSIX program expects to be called; it is not
     // one of the caller's arguments.
-    argv.push_back(const_cast<char*>(executable.c_str()));
+    argv.push_back(executable.c_str());
     for (const std::string& argument : arguments)
-        argv.push_back(const_cast<char*>(argument.c_str()));
+        argv.push_back(argument.c_str());
     argv.push_back(nullptr);
 
-    pid_t pid = 0;
-    const int spawnError =
-        ::posix_spawn(&pid, executable.c_str(), actions.get(), nullptr, argv.data(), environ);
-    if (spawnError != 0)
-        throw std::system_error(spawnError, std::generic_category(), executable);
+    state->pid = spawnTiedToParent(executable, argv, state->out.fd(), state->err.fd());
+    return Running(std::move(state));
+}
 
-    int waitStatus = 0;
-    while (::waitpid(pid, &waitStatus, 0) < 0) {
-        if (errno != EINTR)
-            throw std::system_error(errno, std::generic_category(), "could not wait for " + executable);
-    }
-
-    out.sync();
-    err.sync();
-    CapturedProcessResult result;
-    result.status = statusFromWait(waitStatus);
-    result.output = decodeStrictly(out.readAll());
-    result.errors = decodeStrictly(err.readAll());
-    return result;
+CapturedProcessResult run(const std::string& executable, const std::vector<std::string>& arguments) {
+    return start(executable, arguments).wait();
 }
 
 } // namespace ProcessCapture

@@ -1,6 +1,7 @@
 #include "Archive.h"
 
 #include "model/LauncherError.h"
+#include "update/ProcessTask.h"
 #include "update/Sha256.h"
 
 #include <ProcessCapture.h>
@@ -8,12 +9,19 @@
 #include <string>
 #include <vector>
 
-QString runTar(const QStringList& arguments) {
+namespace {
+
+const std::string kTar = "/usr/bin/tar";
+
+std::vector<std::string> native(const QStringList& arguments) {
     std::vector<std::string> args;
     args.reserve(static_cast<std::size_t>(arguments.size()));
     for (const QString& argument : arguments)
         args.push_back(argument.toStdString());
-    const CapturedProcessResult result = ProcessCapture::run("/usr/bin/tar", args);
+    return args;
+}
+
+QString outputOrArchiveFailed(const CapturedProcessResult& result) {
     if (result.status != 0) {
         // tar's own words are the most useful thing to show; they are kept exactly as written.
         throw LauncherError::archiveFailed(result.errors.empty()
@@ -21,6 +29,24 @@ QString runTar(const QStringList& arguments) {
                                                : QString::fromStdString(result.errors));
     }
     return QString::fromStdString(result.output);
+}
+
+} // namespace
+
+QStringList listArguments(const QString& archive) {
+    return {QStringLiteral("-tzf"), archive};
+}
+
+QStringList extractArguments(const QString& archive, const QString& folder) {
+    return {QStringLiteral("-xzf"), archive, QStringLiteral("-C"), folder};
+}
+
+QString runTar(const QStringList& arguments) {
+    return outputOrArchiveFailed(ProcessCapture::run(kTar, native(arguments)));
+}
+
+QCoro::Task<QString> runTarWithoutBlocking(QStringList arguments) {
+    co_return outputOrArchiveFailed(co_await runWithoutBlocking(kTar, native(arguments)));
 }
 
 void checkArchiveListing(const QString& listing) {

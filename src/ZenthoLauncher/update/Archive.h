@@ -4,12 +4,21 @@
 #include <QString>
 #include <QStringList>
 
+#include <QCoroTask>
+
 // The archive helpers shared by the game install and the launcher self-update.
 
 // Runs /usr/bin/tar with `arguments` and returns what it printed on standard output. A non-zero
 // exit throws LauncherError::archiveFailed with tar's error text as captured, or "tar failed"
 // when that is empty; a failure to run tar at all passes through as the platform's error.
 QString runTar(const QStringList& arguments);
+// The two tar runs of an install: list the archive, and unpack it into `folder`.
+QStringList listArguments(const QString& archive);
+QStringList extractArguments(const QString& archive, const QString& folder);
+
+// runTar for the launcher's coroutines: the same result and errors, but the coroutine suspends
+// while tar runs instead of holding up the main thread.
+QCoro::Task<QString> runTarWithoutBlocking(QStringList arguments);
 
 // The listing rule for `tar -tzf` output: one name per line (split on line feeds only, empty
 // lines dropped); a name that starts with "/" or has a component that is exactly ".." throws
