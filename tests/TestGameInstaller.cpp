@@ -75,24 +75,19 @@ private slots:
         verifyInstalled(QStringLiteral("0.4.0"), folder);
     }
 
-    // An executable that names a folder passes the check and that folder alone gets 0755; its
-    // twin names something the archive lacks.
-    void executableMayNameAFolder() {
+    // Only a plain file can be the game: a folder recorded as the current build would block every
+    // later start, so it is refused like a missing executable and nothing is changed.
+    void executableThatNamesAFolderIsRefused() {
         const QString folder = scratch(QStringLiteral("app"));
         TestFiles::writeFile(folder + QStringLiteral("/Game.app/run"), "x", 0600);
         QVERIFY(QFile::setPermissions(folder + QStringLiteral("/Game.app"),
                                       QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
         const QString archive = scratch(QStringLiteral("app.tar.gz"));
         TestArchives::create(archive, folder, {QStringLiteral("Game.app")});
-        QUrl result;
-        QCOMPARE(outcomeOf(install(manifestFor("0.9.0", serve(archive), archive, "Game.app"), &result)),
-                 QStringLiteral("ok"));
-        const QString installed = home_->versionsRoot() + QStringLiteral("/0.9.0");
-        QCOMPARE(result, QUrl::fromLocalFile(installed));
-        QCOMPARE(TestFiles::modeOf(installed + QStringLiteral("/Game.app")), 0755);
-        QCOMPARE(TestFiles::modeOf(installed + QStringLiteral("/Game.app/run")), 0600);
-        QCOMPARE(model_->installedVersion(), QStringLiteral("0.9.0"));
-        verifyNoStrayFiles();
+        QCOMPARE(outcomeOf(install(manifestFor("0.9.0", serve(archive), archive, "Game.app"))),
+                 QStringLiteral("missingExecutable"));
+        QCOMPARE(statuses_, (QStringList{kDownloading, kInstalling}));
+        verifyNothingChanged();
     }
     void executableMissingFromTheArchive() {
         const QString archive = buildArchive(QStringLiteral("lacking"));

@@ -11,11 +11,13 @@
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
-#include <ftw.h>
 #include <pwd.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -60,11 +62,63 @@ void writeAll(int fd, const QByteArray& bytes, const QString& path) {
     }
 }
 
-int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
-    return ::remove(path);
+// Removes `name` in the folder `dirFd` and, for a folder, everything below it, never following
+// a link. A folder that forbids writing or entering (an archive may make one) is opened up
+// first: it is ours to remove. Returns 0 or the errno of the first failure.
+int removeTreeAt(int dirFd, const char* name) {
+    struct stat info {};
+    if (::fstatat(dirFd, name, &info, AT_SYMLINK_NOFOLLOW) != 0)
+        return errno;
+    if (!S_ISDIR(info.st_mode))
+        return ::unlinkat(dirFd, name, 0) == 0 ? 0 : errno;
+    if ((info.st_mode & 0700) != 0700)
+        ::fchmodat(dirFd, name, (info.st_mode & 07777) | 0700, 0);
+    const int fd = ::openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return errno;
+    DIR* dir = ::fdopendir(fd);
+    if (!dir) {
+        const int err = errno;
+        ::close(fd);
+        return err;
+    }
+    // Names first, removal after: the folder is not changed under a running listing.
+    std::vector<std::string> children;
+    while (const dirent* entry = ::readdir(dir)) {
+        const std::string child = entry->d_name;
+        if (child != "." && child != "..")
+            children.push_back(child);
+    }
+    int firstError = 0;
+    for (const std::string& child : children) {
+        const int err = removeTreeAt(fd, child.c_str());
+        if (err != 0 && firstError == 0)
+            firstError = err;
+    }
+    ::closedir(dir);
+    if (firstError != 0)
+        return firstError;
+    return ::unlinkat(dirFd, name, AT_REMOVEDIR) == 0 ? 0 : errno;
+}
+
+std::optional<QByteArray> realPathOf(const QByteArray& path) {
+    char* resolved = ::realpath(path.constData(), nullptr);
+    if (!resolved)
+        return std::nullopt;
+    QByteArray result(resolved);
+    std::free(resolved);
+    return result;
 }
 
 } // namespace
+
+std::optional<QString> FileManager::resolvedInside(const QString& folder, const QString& path) const {
+    const std::optional<QByteArray> root = realPathOf(native(folder));
+    const std::optional<QByteArray> target = realPathOf(native(path));
+    if (!root || !target || !target->startsWith(*root + '/'))
+        return std::nullopt;
+    return QFile::decodeName(*target);
+}
 
 FileManager& FileManager::defaultManager() {
     static FileManager manager;
@@ -177,15 +231,23 @@ void FileManager::replaceItem(const QString& original, const QString& with) cons
 }
 
 void FileManager::removeItem(const QString& path) const {
-    const QByteArray p = native(path);
+    if (const int err = removeTreeAt(AT_FDCWD, native(path).constData()))
+        throwFileError(QStringLiteral("could not remove %1").arg(path), err);
+}
+
+std::optional<QString> FileManager::regularFileInside(const QString& folder,
+                                                      const QString& path) const {
+    const std::optional<QString> resolved = resolvedInside(folder, path);
     struct stat info {};
-    if (::lstat(p.constData(), &info) != 0)
-        throwFileError(QStringLiteral("could not remove %1").arg(path));
-    const int rc = S_ISDIR(info.st_mode)
-                       ? ::nftw(p.constData(), removeEntry, 32, FTW_DEPTH | FTW_PHYS)
-                       : ::unlink(p.constData());
-    if (rc != 0)
-        throwFileError(QStringLiteral("could not remove %1").arg(path));
+    if (!resolved || ::lstat(native(*resolved).constData(), &info) != 0 || !S_ISREG(info.st_mode))
+        return std::nullopt;
+    return resolved;
+}
+
+bool FileManager::isRealFolderInside(const QString& folder, const QString& path) const {
+    struct stat info {};
+    return ::lstat(native(path).constData(), &info) == 0 && S_ISDIR(info.st_mode) &&
+           resolvedInside(folder, path).has_value();
 }
 
 QByteArray FileManager::readFile(const QString& path) const {

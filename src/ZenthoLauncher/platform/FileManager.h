@@ -39,11 +39,24 @@ public:
     void moveItem(const QString& from, const QString& to) const;
     // Renames `with` over `original`, which must exist.
     void replaceItem(const QString& original, const QString& with) const;
-    // Removes a file, link or whole folder tree.
+    // Removes a file, link or whole folder tree (links are removed, never followed), also when
+    // folders inside it forbid writing.
     void removeItem(const QString& path) const;
+
+    // Checks made on what an archive unpacked, so nothing it holds can lead outside `folder`:
+    // the real path of `path`, when every link on the way resolves to a regular file strictly
+    // inside `folder`, else nothing (a folder, a FIFO, a device, a link leading out, nothing).
+    std::optional<QString> regularFileInside(const QString& folder, const QString& path) const;
+    // True when `path` itself is a folder (not a link to one) whose real path lies strictly
+    // inside `folder`.
+    bool isRealFolderInside(const QString& folder, const QString& path) const;
 
     QByteArray readFile(const QString& path) const;
     // Writes through a temporary sibling that is flushed to disk and renamed over `path`, then
     // flushes the folder, so a power cut leaves either the old or the new file, never a mix.
     void writeAtomically(const QString& path, const QByteArray& bytes) const;
+
+private:
+    // The real path of `path` when it exists and lies strictly inside the real path of `folder`.
+    std::optional<QString> resolvedInside(const QString& folder, const QString& path) const;
 };

@@ -3,6 +3,8 @@
 #include "model/LauncherError.h"
 #include "platform/FileManager.h"
 #include "storage/InstalledState.h"
+#include "storage/StaleWork.h"
+#include "storage/StorageLock.h"
 #include "update/Archive.h"
 #include "update/VerifiedDownload.h"
 
@@ -63,6 +65,10 @@ QString GameInstaller::installFolderFor(const QString& versionsRoot, const QStri
 
 QCoro::Task<QString> GameInstaller::install(ReleaseManifest manifest) {
     files_.createDirectory(locations_.versionsRoot);
+    // Held to the end: another launcher on the same storage waits here rather than installing
+    // the same build beside us, and then finds it in place.
+    const StorageLock lock = co_await StorageLock::acquire(locations_.launcherRoot);
+    removeStaleWork(files_, locations_.launcherRoot);
     const QString installFolder = installFolderFor(locations_.versionsRoot, manifest.version);
 
     // A build already on disk is made current again without fetching it a second time; this is
@@ -79,11 +85,11 @@ QCoro::Task<void> GameInstaller::downloadAndPlace(ReleaseManifest manifest, QStr
     DownloadedFile archive = co_await downloadVerifiedArchive(manifest.url, manifest.sha256);
 
     reportStatus_(installingStatus());
-    unpackAndPlace(std::move(archive), manifest.executable, installFolder);
+    co_await unpackAndPlace(std::move(archive), manifest.executable, installFolder);
 }
 
-void GameInstaller::unpackAndPlace(DownloadedFile archive, const QString& executable,
-                                   const QString& installFolder) {
+QCoro::Task<void> GameInstaller::unpackAndPlace(DownloadedFile archive, QString executable,
+                                                QString installFolder) {
     StagingFolder staging(files_, appendComponent(locations_.launcherRoot,
                                                   QStringLiteral("staging-") +
                                                       QString::fromStdString(makeUpperUuid())));
@@ -91,13 +97,17 @@ void GameInstaller::unpackAndPlace(DownloadedFile archive, const QString& execut
         // The temporary archive is only needed by the two tar runs; it goes right after them,
         // before the build is moved into place, so a large download never lingers.
         DownloadedFile download = std::move(archive);
-        checkArchiveListing(runTar({QStringLiteral("-tzf"), download.path()}));
-        runTar({QStringLiteral("-xzf"), download.path(), QStringLiteral("-C"), staging.path()});
+        checkArchiveListing(co_await runTarWithoutBlocking(listArguments(download.path())));
+        co_await runTarWithoutBlocking(extractArguments(download.path(), staging.path()));
     }
 
-    const QString stagedExecutable = appendComponent(staging.path(), executable);
-    if (!files_.fileExists(stagedExecutable))
+    // Only a plain file of the build itself can be the game: a link out of the staging folder
+    // would have the permission change below land on a file that is not ours, and a folder or
+    // a device recorded as current would block every later start.
+    const std::optional<QString> stagedExecutable =
+        files_.regularFileInside(staging.path(), appendComponent(staging.path(), executable));
+    if (!stagedExecutable)
         throw LauncherError::missingExecutable();
-    files_.setPosixPermissions(stagedExecutable, 0755);
+    files_.setPosixPermissions(*stagedExecutable, 0755);
     staging.moveTo(installFolder);
 }

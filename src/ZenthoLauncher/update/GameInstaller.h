@@ -42,8 +42,8 @@ private:
     QCoro::Task<void> downloadAndPlace(ReleaseManifest manifest, QString installFolder);
     // Stages `archive` and renames the staging folder to `installFolder`; consumes the download,
     // whose temporary file goes as soon as tar has finished reading it.
-    void unpackAndPlace(DownloadedFile archive, const QString& executable,
-                        const QString& installFolder);
+    QCoro::Task<void> unpackAndPlace(DownloadedFile archive, QString executable,
+                                     QString installFolder);
 
     const FileManager& files_;
     Locations locations_;
