@@ -60,6 +60,7 @@ set(ZENTHO_UPDATE_DIR "${PROJECT_SOURCE_DIR}/src/ZenthoLauncher/update")
 add_library(zentho_bundle_signature STATIC
     "${ZENTHO_UPDATE_DIR}/BundleListing.cpp"
     "${ZENTHO_UPDATE_DIR}/BundleSignature.cpp"
+    "${ZENTHO_UPDATE_DIR}/BundleVerifierCommand.cpp"
     "${ZENTHO_UPDATE_DIR}/Ed25519Key.cpp")
 target_include_directories(zentho_bundle_signature PUBLIC "${PROJECT_SOURCE_DIR}/src/ZenthoLauncher")
 target_link_libraries(zentho_bundle_signature PUBLIC OpenSSL::Crypto)
@@ -84,6 +85,10 @@ function(zentho_codesign_verifier target public_key output_dir)
 endfunction()
 
 zentho_codesign_verifier(zentho-codesign "${ZENTHO_TRUSTED_PUBLIC_KEY}" "${ZENTHO_BUNDLE_DIR}/Contents/MacOS")
+# The launcher executable verifies with the same key when no verifier sits beside it.
+set(ZENTHO_TRUSTED_KEY_HEADER_DIR "${CMAKE_CURRENT_BINARY_DIR}/zentho-codesign-key"
+    CACHE INTERNAL "Folder of the generated TrustedSigningKey.h")
+target_include_directories(ZenthoLauncher PRIVATE "${ZENTHO_TRUSTED_KEY_HEADER_DIR}")
 zentho_codesign_verifier(zentho-codesign-testkey "${ZENTHO_SIGNING_DIR}/test.key.pub"
                          "${ZENTHO_SIGNING_DIR}/test-verifier")
 

@@ -347,9 +347,21 @@ private slots:
         QCOMPARE(LauncherUpdater::verifierPath(QStringLiteral("/A/bin")), QStringLiteral("/A/bin/zentho-codesign"));
     }
 
-    void missingVerifierPassesThroughAsAProcessError() {
-        QVERIFY(QFile::remove(f().runningBundle() + QStringLiteral("/Contents/MacOS/zentho-codesign")));
-        QVERIFY_THROWS_EXCEPTION(std::system_error, f().update(f().publishBundle(f().makeNewBundle())));
+    // Without its verifier beside it the launcher checks the seal itself, with its own
+    // executable in verifier mode, and that verdict decides.
+    void missingVerifierFallsBackToTheLauncherItself() {
+        const QString macos = f().runningBundle() + QStringLiteral("/Contents/MacOS");
+        QVERIFY(QFile::remove(macos + QStringLiteral("/zentho-codesign")));
+        const QString asked = f().path(QStringLiteral("asked"));
+        TestFiles::writeScript(macos + QStringLiteral("/ZenthoLauncher"),
+                               "echo \"$@\" > '" + QFile::encodeName(asked) +
+                                   "'; echo 'seal refused by the launcher' >&2; exit 1\n");
+        const std::optional<LauncherError> error =
+            f().updateError(f().publishBundle(f().makeNewBundle()));
+        QVERIFY(error);
+        QCOMPARE(error->errorCase(), LauncherError::Case::invalidLauncherSignature);
+        QCOMPARE(error->errorDescription(), QStringLiteral("seal refused by the launcher\n"));
+        QVERIFY(TestFiles::readFile(asked).startsWith("--codesign --verify --deep --strict "));
         QVERIFY(f().nothingStarted());
     }
 };

@@ -1,10 +1,12 @@
 #include "LauncherVersion.h"
+#include "TrustedSigningKey.h"
 #include "model/LauncherModel.h"
 #include "platform/FileManager.h"
 #include "platform/LinuxPlatform.h"
 #include "storage/StorageLayout.h"
 #include "ui/InviteChannel.h"
 #include "ui/MainWindow.h"
+#include "update/BundleVerifierCommand.h"
 
 #include <QGuiApplication>
 #include <QQuickWindow>
@@ -34,6 +36,10 @@ QString inviteFromArguments(const QStringList& arguments) {
 } // namespace
 
 int main(int argc, char** argv) {
+    // The bundle verifier's mode, for a launcher that runs without zentho-codesign beside it:
+    // decided before any Qt object exists, so it needs no display and opens no window.
+    if (argc >= 2 && std::strcmp(argv[1], "--codesign") == 0)
+        return runBundleVerifier(argc - 1, argv + 1, kTrustedPublicKeyPem);
     if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
         std::printf("%s\n", qPrintable(launcherVersion()));
         return 0;

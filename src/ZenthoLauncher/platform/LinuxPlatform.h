@@ -11,12 +11,11 @@ public:
 
     std::optional<QString> bundleResourceFolder() const override;
     QString bundlePath() const override;
+    QString executablePath() const override { return executable_; }
     QStringList commandLineArguments() const override;
     qint64 processIdentifier() const override;
     void quit() override;
     void setClipboardText(const QString& text) override;
-
-    QString executablePath() const { return executable_; }
 
 private:
     std::optional<QString> bundleFolder() const;

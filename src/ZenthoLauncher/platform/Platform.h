@@ -19,6 +19,8 @@ public:
     // The running application's bundle folder (X.app). Outside a bundle, the folder that holds
     // the executable.
     virtual QString bundlePath() const = 0;
+    // The running launcher's own executable file.
+    virtual QString executablePath() const = 0;
     // The process's command line as given, the program name first.
     virtual QStringList commandLineArguments() const = 0;
     virtual qint64 processIdentifier() const = 0;

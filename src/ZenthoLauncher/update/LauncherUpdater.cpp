@@ -4,8 +4,11 @@
 #include "model/LauncherError.h"
 #include "platform/FileManager.h"
 #include "platform/Platform.h"
+#include "storage/StaleWork.h"
+#include "storage/StorageLock.h"
 #include "update/Archive.h"
 #include "update/FinishScript.h"
+#include "update/ProcessTask.h"
 #include "update/VerifiedDownload.h"
 #include "update/ReleaseManifest.h"
 
@@ -36,6 +39,18 @@ LauncherUpdater::LauncherUpdater(const FileManager& files, const Platform& platf
       platform_(platform),
       launcherRoot_(std::move(launcherRoot)),
       reportStatus_(std::move(reportStatus)) {}
+
+std::vector<std::string> LauncherUpdater::verifierCommand(const FileManager& files,
+                                                          const Platform& platform,
+                                                          const QString& staged) {
+    const QString beside = verifierPath(platform.bundlePath());
+    const std::string bundle = QFile::encodeName(staged).toStdString();
+    if (files.isExecutableFile(beside))
+        return {QFile::encodeName(beside).toStdString(), "--verify", "--deep", "--strict", bundle};
+    // Copied out of its bundle without its verifier, the launcher checks with its own key.
+    return {QFile::encodeName(platform.executablePath()).toStdString(), "--codesign", "--verify",
+            "--deep", "--strict", bundle};
+}
 
 QString LauncherUpdater::verifierPath(const QString& bundlePath) {
     const QString folder = isAppBundlePath(bundlePath)
@@ -69,35 +84,47 @@ QCoro::Task<bool> LauncherUpdater::updateIfNeeded(QUrl manifestURL) {
     if (manifest.version == launcherVersion())
         co_return false;
 
+    // Held until the finish script has been started, so no other launcher on this storage
+    // works in it meanwhile; what an earlier crash left behind goes first.
+    files_.createDirectory(launcherRoot_);
+    const StorageLock lock = co_await StorageLock::acquire(launcherRoot_);
+    removeStaleWork(files_, launcherRoot_);
+
     reportStatus_(downloadingStatus());
     // The temporary archive lives in this frame until the staging below has finished with it.
     // Unlike the manifest, the archive must come from an HTTP server: a local file is refused.
     const DownloadedFile archive = co_await downloadVerifiedArchive(manifest.url, manifest.sha256);
 
     reportStatus_(verifyingStatus());
-    stageAndHandOver(archive.path(), manifest.executable);
+    co_await stageAndHandOver(archive.path(), manifest.executable);
     co_return true;
 }
 
-void LauncherUpdater::stageAndHandOver(const QString& archivePath, const QString& executable) {
+QCoro::Task<void> LauncherUpdater::stageAndHandOver(QString archivePath, QString executable) {
     const QString staging = freshName(QStringLiteral("launcher-staging-"));
     files_.createDirectory(staging);
-    checkArchiveListing(runTar({QStringLiteral("-tzf"), archivePath}));
-    runTar({QStringLiteral("-xzf"), archivePath, QStringLiteral("-C"), staging});
+    checkArchiveListing(co_await runTarWithoutBlocking(listArguments(archivePath)));
+    co_await runTarWithoutBlocking(extractArguments(archivePath, staging));
 
     const QString staged = staging + QLatin1Char('/') + executable;
     if (!files_.isExecutableFile(staged + QLatin1Char('/') + kBundleExecutable))
         throw LauncherError::missingLauncherExecutable();
 
+    // The bundle that is checked must be the bundle that is moved into place: a link would be
+    // followed by the check, yet moved as a link, installing whatever it points at unchecked.
+    if (!files_.isRealFolderInside(staging, staged))
+        throw LauncherError::invalidLauncherSignature(
+            executable + QStringLiteral(": not a folder inside the update"));
+
     // The verifier of the launcher that is running now decides, with the key it was built
     // with: a downloaded bundle can never vouch for itself.
-    const QString target = platform_.bundlePath();
-    const CapturedProcessResult verdict = ProcessCapture::run(
-        QFile::encodeName(verifierPath(target)).toStdString(),
-        {"--verify", "--deep", "--strict", QFile::encodeName(staged).toStdString()});
+    const std::vector<std::string> verify = verifierCommand(files_, platform_, staged);
+    const CapturedProcessResult verdict = co_await runWithoutBlocking(
+        verify.front(), std::vector<std::string>(verify.begin() + 1, verify.end()));
     if (verdict.status != 0)
         throw LauncherError::invalidLauncherSignature(QString::fromStdString(verdict.errors));
 
+    const QString target = platform_.bundlePath();
     checkTargetLocation(files_, target);
 
     const QString script = freshName(QStringLiteral("finish-launcher-update-"), QStringLiteral(".sh"));

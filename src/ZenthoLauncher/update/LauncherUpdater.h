@@ -6,6 +6,8 @@
 #include <QCoroTask>
 
 #include <functional>
+#include <string>
+#include <vector>
 
 class FileManager;
 class Platform;
@@ -35,6 +37,12 @@ public:
     // The bundle verifier that ships beside the launcher executable: Contents/MacOS of an ".app"
     // bundle, or the executable's own folder when the launcher runs from outside a bundle.
     static QString verifierPath(const QString& bundlePath);
+    // The command that checks the seal of `staged`: the verifier beside the executable when it is
+    // there, else the running launcher executable in its own verifier mode, so a launcher moved
+    // out of its bundle still gets as far as the check of its own location.
+    static std::vector<std::string> verifierCommand(const FileManager& files,
+                                                    const Platform& platform,
+                                                    const QString& staged);
 
     static QString launcherPlatform() { return QStringLiteral("macos-launcher-arm64"); }
     static QString downloadingStatus() { return QStringLiteral("Downloading launcher update..."); }
@@ -42,7 +50,7 @@ public:
 
 private:
     // Steps after the digest matched: stage, verify, check the target, start the swap.
-    void stageAndHandOver(const QString& archivePath, const QString& executable);
+    QCoro::Task<void> stageAndHandOver(QString archivePath, QString executable);
     QString freshName(const QString& prefix, const QString& suffix = {}) const;
 
     const FileManager& files_;
