@@ -47,6 +47,9 @@ private slots:
         QTest::newRow("differ only beyond 64 bits, zero-padded")
             << "1.0018446744073709551616" << "1.18446744073709551617" << -1;
         QTest::newRow("equal beyond 64 bits") << "1.36893488147419103232" << "1.036893488147419103232" << 0;
+        // Runs that a 64-bit conversion would wrap or clamp into the wrong order or into a tie.
+        QTest::newRow("2^64 > 2^64-1") << "1.18446744073709551616" << "1.18446744073709551615" << 1;
+        QTest::newRow("2^65 > 2^64") << "1.36893488147419103232" << "1.18446744073709551616" << 1;
         QTest::newRow("non-ASCII by code point") << "1.0é" << "1.0z" << 1;
         QTest::newRow("astral by code point") << "1.0🎮" << "1.0\uffff" << 1;
         QTest::newRow("empty") << "" << "0" << -1;
