@@ -347,6 +347,26 @@ private slots:
         QCOMPARE(LauncherUpdater::verifierPath(QStringLiteral("/A/bin")), QStringLiteral("/A/bin/zentho-codesign"));
     }
 
+    // A bundle that is a link (here to the running, validly sealed bundle) would pass the seal
+    // check on its target and then be moved into place as the link: it is refused first.
+    void linkedBundleIsRefusedBeforeTheSealCheck() {
+        const QString source = f().path(QStringLiteral("linked-source"));
+        QVERIFY(QDir().mkpath(source));
+        QVERIFY(QFile::link(f().runningBundle(), source + QStringLiteral("/ZenthoLauncher.app")));
+        const std::optional<LauncherError> error = f().updateError(
+            f().publish(TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")})));
+        QVERIFY(error);
+        QCOMPARE(error->errorCase(), LauncherError::Case::invalidLauncherSignature);
+        QCOMPARE(error->errorDescription(),
+                 QStringLiteral("ZenthoLauncher.app: not a folder inside the update"));
+        QVERIFY(f().nothingStarted());
+    }
+    // The twin: the same bundle as a real folder passes and is handed over.
+    void realBundleFolderIsHandedOver() {
+        QVERIFY(f().update(f().publishBundle(f().makeNewBundle())));
+        QVERIFY(f().swapDone());
+    }
+
     // Without its verifier beside it the launcher checks the seal itself, with its own
     // executable in verifier mode, and that verdict decides.
     void missingVerifierFallsBackToTheLauncherItself() {

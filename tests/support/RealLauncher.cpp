@@ -5,6 +5,7 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QTest>
 
 #include <csignal>
@@ -36,7 +37,10 @@ void RealLauncher::recordGameStartIn(const QString& recordPath) {
 }
 
 void RealLauncher::start(const TestServer& server, const QString& invite) {
-    const QStringList command = server.commandTrustingCa(executableOf(bundle_), {invite});
+    const QStringList launcher{executableOf(bundle_), invite};
+    const QStringList command =
+        wrapper_.isEmpty() ? server.commandTrustingCa(launcher.first(), launcher.mid(1))
+                           : server.commandTrustingCa(wrapper_.first(), wrapper_.mid(1) + launcher);
     process_.setProcessEnvironment(env_);
     process_.setStandardOutputFile(QProcess::nullDevice());
     process_.setProgram(command.first());
@@ -55,6 +59,18 @@ std::optional<int> RealLauncher::waitForExit(int timeoutMs) {
     if (process_.exitStatus() != QProcess::NormalExit)
         return std::nullopt;
     return process_.exitCode();
+}
+
+qint64 RealLauncher::launcherPid(int timeoutMs) const {
+    const QString executable = QFileInfo(executableOf(bundle_)).canonicalFilePath();
+    QDeadlineTimer deadline(timeoutMs);
+    do {
+        const QList<qint64> running = processesRunning(executable);
+        if (!running.isEmpty())
+            return running.first();
+        QTest::qWait(20);
+    } while (!deadline.hasExpired());
+    return 0;
 }
 
 QString RealLauncher::executableOf(const QString& bundle) {

@@ -23,7 +23,13 @@ public:
     void useManifests(const QString& gameManifest, const QString& launcherManifest);
     void recordGameStartIn(const QString& recordPath);
 
+    // Runs the launcher through `program` `arguments`... (for example setpriv with fewer
+    // privileges), which must end by executing the launcher with what follows them.
+    void runThrough(const QStringList& programAndArguments) { wrapper_ = programAndArguments; }
+
     void start(const TestServer& server, const QString& invite);
+    // The running launcher's process identifier, once it runs as itself (0 until then).
+    qint64 launcherPid(int timeoutMs = 10000) const;
     // Waits for the launcher to end by itself; its exit code, or none when it did not end in
     // time (it is then killed) or crashed.
     std::optional<int> waitForExit(int timeoutMs = 60000);
@@ -51,4 +57,5 @@ private:
     QProcessEnvironment env_;
     QProcess process_;
     QByteArray errors_;
+    QStringList wrapper_;
 };

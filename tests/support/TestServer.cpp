@@ -309,6 +309,13 @@ QStringList TestServer::commandTrustingCa(const QString& program,
     return command + arguments;
 }
 
+QString TestServer::accessLog() const {
+    QFile file(prefix_.filePath(QStringLiteral("logs/access.log")));
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromLocal8Bit(file.readAll());
+}
+
 QString TestServer::errorLog() const {
     QFile file(prefix_.filePath(QStringLiteral("logs/error.log")));
     if (!file.open(QIODevice::ReadOnly))

@@ -72,6 +72,8 @@ public:
 
     // nginx's error log so far, for failure messages.
     QString errorLog() const;
+    // nginx's access log so far: one line per request, with its request line.
+    QString accessLog() const;
 
     // A loopback port on which nothing listened a moment ago: connecting is refused.
     static quint16 unusedLocalPort();
