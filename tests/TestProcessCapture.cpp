@@ -176,6 +176,7 @@ private slots:
     // run had not started, so there is nothing of a run to clean up yet.
     void secondCaptureFileFailureIsAFileWriteErrorAndKeepsTheFirst() {
         bool threw = false;
+        DescriptorLimit::seen<FileWriteError>();
         {
             const DescriptorLimit limit(1); // room for the first capture file only
             QVERIFY(limit.active());

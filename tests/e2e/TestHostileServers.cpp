@@ -138,8 +138,6 @@ class TestHostileServers : public QObject {
         launcher.environment().insert(QStringLiteral("ASAN_OPTIONS"),
                                       (sanitizer.isEmpty() ? QString() : sanitizer + QLatin1Char(':')) +
                                           QStringLiteral("quarantine_size_mb=16"));
-        const QString executable = QFileInfo(RealLauncher::executableOf(LauncherBundles::builtBundle()))
-                                       .canonicalFilePath();
 
         Observed seen;
         QElapsedTimer clock;
@@ -147,10 +145,8 @@ class TestHostileServers : public QObject {
         launcher.start(*server_, kInvite);
         qint64 pid = 0;
         while (clock.elapsed() < timeoutMs) {
-            if (pid == 0) {
-                const QList<qint64> running = RealLauncher::processesRunning(executable);
-                pid = running.size() == 1 ? running.first() : 0;
-            }
+            if (pid == 0) // this launcher, not another test's launcher of the same bundle
+                pid = launcher.launcherPid(0);
             if (pid != 0) {
                 const long peak = peakMemoryKiB(pid);
                 if (peak > seen.peakKiB)
