@@ -1,4 +1,6 @@
 #include "BlackHole.h"
+#include "TaskOutcome.h"
+#include "TestFiles.h"
 #include "TestServer.h"
 
 #include "update/HttpClient.h"
@@ -25,45 +27,12 @@
 
 namespace {
 
-QByteArray randomBytes(qsizetype size) {
-    QByteArray bytes(size, Qt::Uninitialized);
-    QRandomGenerator generator(42);
-    for (qsizetype i = 0; i < size; ++i)
-        bytes[i] = char(generator.generate() & 0xff);
-    return bytes;
-}
-
-QByteArray readWhole(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-// QCoro::waitFor never returns when the task throws; this hands the exception back instead.
-template <typename T>
-QCoro::Task<void> settle(QCoro::Task<T> task, std::optional<T>* value, std::exception_ptr* error) {
-    try {
-        value->emplace(co_await std::move(task));
-    } catch (...) {
-        *error = std::current_exception();
-    }
-}
-
-template <typename T>
-T await(QCoro::Task<T> task) {
-    std::optional<T> value;
-    std::exception_ptr error;
-    QCoro::waitFor(settle(std::move(task), &value, &error));
-    if (error)
-        std::rethrow_exception(error);
-    return std::move(*value);
-}
-
 HttpResponse fetch(const QUrl& url) {
-    return await(HttpClient::shared().data(url));
+    return awaitResult(HttpClient::shared().data(url));
 }
 
 DownloadedFile download(const QUrl& url) {
-    return await(HttpClient::shared().download(url));
+    return awaitResult(HttpClient::shared().download(url));
 }
 
 // Runs `operation` and returns the NetworkError's text, or a null string when none was thrown.
@@ -98,7 +67,7 @@ private slots:
         QCOMPARE(QDir::tempPath(), temp.path());
         server = std::make_unique<TestServer>();
         server->writeFile(QStringLiteral("m.json"), manifest);
-        server->writeFile(QStringLiteral("big.bin"), randomBytes(1024 * 1024));
+        server->writeFile(QStringLiteral("big.bin"), TestFiles::randomBytes(1024 * 1024, 42));
     }
 
     // Runs before the test CA is trusted. Its own server: Qt keeps a connection per host and
@@ -250,7 +219,7 @@ private slots:
 
         const DownloadedFile file = download(QUrl::fromLocalFile(path));
         QCOMPARE(file.statusCode(), std::nullopt);
-        QCOMPARE(readWhole(file.path()), manifest);
+        QCOMPARE(TestFiles::readFile(file.path()), manifest);
     }
 
     void missingFileURLIsATransportError() {
@@ -261,11 +230,11 @@ private slots:
     }
 
     void downloadHashEqualsHashOfFinishedFile() {
-        const QByteArray body = randomBytes(3 * 1024 * 1024 + 17);
+        const QByteArray body = TestFiles::randomBytes(3 * 1024 * 1024 + 17, 42);
         server->writeFile(QStringLiteral("archive.tar.gz"), body);
         const DownloadedFile file = download(server->url("/archive.tar.gz"));
         QCOMPARE(file.statusCode(), std::optional<int>(200));
-        const QByteArray onDisk = readWhole(file.path());
+        const QByteArray onDisk = TestFiles::readFile(file.path());
         QCOMPARE(onDisk, body);
         QCOMPARE(file.sha256Hex(),
                  QString::fromLatin1(
@@ -279,7 +248,7 @@ private slots:
     void downloadOfErrorStatusKeepsBodyAndStatus() {
         const DownloadedFile file = download(server->url("/status/404/m.json"));
         QCOMPARE(file.statusCode(), std::optional<int>(404));
-        QCOMPARE(readWhole(file.path()), manifest);
+        QCOMPARE(TestFiles::readFile(file.path()), manifest);
     }
 
     void temporaryFileLivesExactlyAsLongAsItsOwner() {

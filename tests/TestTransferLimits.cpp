@@ -6,6 +6,7 @@
 #include "FaultServer.h"
 #include "ResidentMemory.h"
 #include "TaskOutcome.h"
+#include "TestFiles.h"
 #include "TestServer.h"
 
 #include "update/HttpClient.h"
@@ -25,37 +26,15 @@
 
 namespace {
 
-QByteArray randomBytes(qsizetype size) {
-    QByteArray bytes(size, Qt::Uninitialized);
-    QRandomGenerator generator(7);
-    for (qsizetype i = 0; i < size; ++i)
-        bytes[i] = char(generator.generate() & 0xff);
-    return bytes;
-}
-
-QByteArray readWhole(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-template <typename T>
-QCoro::Task<void> into(QCoro::Task<T> task, std::optional<T>* value) {
-    value->emplace(co_await std::move(task));
-}
-
 // Runs one transfer to its end; the result, or the NetworkError's text in `error`.
 template <typename T>
 std::optional<T> settle(QCoro::Task<T> task, QString* error) {
-    std::optional<T> value;
-    const std::exception_ptr thrown = waitForOutcome(into(std::move(task), &value));
-    if (thrown) {
-        try {
-            std::rethrow_exception(thrown);
-        } catch (const NetworkError& e) {
-            *error = QString::fromStdString(e.what());
-        }
+    try {
+        return awaitResult(std::move(task));
+    } catch (const NetworkError& e) {
+        *error = QString::fromStdString(e.what());
     }
-    return value;
+    return std::nullopt;
 }
 
 QString fetchError(const TransferLimits& limits, const QUrl& url) {
@@ -124,13 +103,13 @@ private slots:
         server = std::make_unique<TestServer>();
         TestServer::trustInThisProcess();
         server->writeFile(QStringLiteral("m.json"), manifest);
-        server->writeFile(QStringLiteral("big.bin"), randomBytes(1024 * 1024));
+        server->writeFile(QStringLiteral("big.bin"), TestFiles::randomBytes(1024 * 1024, 7));
     }
 
     void manifestAtTheCapArrivesWhole() {
         TransferLimits limits;
         limits.maximumManifestBytes = 64 * 1024;
-        const QByteArray body = randomBytes(64 * 1024);
+        const QByteArray body = TestFiles::randomBytes(64 * 1024, 7);
         server->writeFile(QStringLiteral("cap.bin"), body);
         const HttpResponse response = fetch(limits, server->url("/cap.bin"));
         QCOMPARE(response.statusCode, std::optional<int>(200));
@@ -143,7 +122,7 @@ private slots:
     void manifestOverTheCapIsATransportError() {
         TransferLimits limits;
         limits.maximumManifestBytes = 64 * 1024;
-        server->writeFile(QStringLiteral("cap-plus-one.bin"), randomBytes(64 * 1024 + 1));
+        server->writeFile(QStringLiteral("cap-plus-one.bin"), TestFiles::randomBytes(64 * 1024 + 1, 7));
         // Announced by its Content-Length, or only found out while a chunked body streams.
         for (const QUrl& url : {server->url("/cap-plus-one.bin"), fault(QStringLiteral("chunked/65537"))}) {
             const QString error = fetchError(limits, url);
@@ -192,14 +171,14 @@ private slots:
     void archiveDownloadHasNoOverallDeadline() {
         TransferLimits limits;
         limits.manifest.deadline = std::chrono::seconds(2);
-        const QByteArray body = randomBytes(16 * 1024);
+        const QByteArray body = TestFiles::randomBytes(16 * 1024, 7);
         server->writeFile(QStringLiteral("slow.tar.gz"), body);
         QElapsedTimer clock;
         clock.start();
         const DownloadedFile file = download(limits, server->url("/trickle/slow.tar.gz"));
         QVERIFY(clock.elapsed() > 2500);
         QCOMPARE(file.statusCode(), std::optional<int>(200));
-        QCOMPARE(readWhole(file.path()), body);
+        QCOMPARE(TestFiles::readFile(file.path()), body);
     }
 
     void archiveStopsAtTheFreeSpaceReserve() {

@@ -7,7 +7,9 @@
 namespace TestFiles {
 
 void writeFile(const QString& path, const QByteArray& bytes, int mode = 0644);
-QByteArray readFile(const QString& path);
+QByteArray readFile(const QString& path); // empty when it cannot be read
+// `size` bytes that do not compress, the same for the same `seed`.
+QByteArray randomBytes(qsizetype size, quint32 seed);
 void makeFolder(const QString& path);
 // A shell script that stands in for a game build's executable.
 void writeScript(const QString& path, const QByteArray& body);
