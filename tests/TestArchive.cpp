@@ -2,7 +2,7 @@
 #include "TestArchives.h"
 #include "TestFiles.h"
 
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 #include "update/Archive.h"
 
 #include <ProcessCapture.h>

@@ -4,7 +4,7 @@
 #include "LauncherBundles.h"
 #include "TestFiles.h"
 
-#include "platform/FileError.h"
+#include "errors/FileError.h"
 #include "platform/FileManager.h"
 #include "update/FinishScript.h"
 

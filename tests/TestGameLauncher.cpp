@@ -4,7 +4,7 @@
 
 #include "launch/ChildReaper.h"
 #include "launch/GameLauncher.h"
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 
 #include <ProcessCapture.h>
 

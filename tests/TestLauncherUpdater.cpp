@@ -8,7 +8,7 @@
 #include "TestServer.h"
 
 #include "LauncherVersion.h"
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 #include "platform/FileManager.h"
 #include "update/FinishScript.h"
 #include "update/HttpClient.h"

@@ -3,7 +3,7 @@
 #include "update/Archive.h"
 #include "update/ProcessTask.h"
 
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 
 #include <QCoroTask>
 #include <QDir>

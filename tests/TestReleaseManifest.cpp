@@ -1,4 +1,4 @@
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 #include "update/ReleaseManifest.h"
 
 #include <QJsonDocument>

@@ -10,7 +10,7 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 #include "model/LauncherModel.h"
 #include "platform/FileManager.h"
 #include "update/LauncherUpdater.h"

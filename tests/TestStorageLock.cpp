@@ -1,6 +1,6 @@
 #include "TaskOutcome.h"
 
-#include "platform/FileError.h"
+#include "errors/FileError.h"
 #include "storage/StorageLock.h"
 
 #include <QCoroTask>

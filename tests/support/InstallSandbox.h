@@ -8,9 +8,9 @@
 #include "TaskOutcome.h"
 #include "TestServer.h"
 
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 #include "model/LauncherModel.h"
-#include "platform/FileError.h"
+#include "errors/FileError.h"
 #include "storage/InstalledState.h"
 #include "update/HttpClient.h"
 

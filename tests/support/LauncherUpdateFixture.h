@@ -2,7 +2,7 @@
 
 #include "RecordingPlatform.h"
 
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 
 #include <QByteArray>
 #include <QStringList>

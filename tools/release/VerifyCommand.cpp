@@ -4,7 +4,7 @@
 #include "ReleaseCommand.h"
 #include "ReleaseFiles.h"
 
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 #include "update/Archive.h"
 #include "update/BundleSignature.h"
 #include "update/ReleaseManifest.h"

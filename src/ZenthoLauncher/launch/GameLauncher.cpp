@@ -1,7 +1,7 @@
 #include "GameLauncher.h"
 
 #include "GameProcess.h"
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 
 #include <QTimer>
 

@@ -3,7 +3,7 @@
 
 #include "LauncherModel.h"
 
-#include "LauncherError.h"
+#include "errors/LauncherError.h"
 #include "platform/FileManager.h"
 #include "platform/Platform.h"
 #include "update/HttpClient.h"

@@ -3,7 +3,7 @@
 
 #include "LauncherModel.h"
 
-#include "LauncherError.h"
+#include "errors/LauncherError.h"
 #include "launch/GameLauncher.h"
 #include "platform/Platform.h"
 

@@ -1,6 +1,6 @@
 #include "FileManager.h"
 
-#include "FileError.h"
+#include "errors/FileError.h"
 
 #include <TemporaryFolder.h>
 #include <Uuid.h>

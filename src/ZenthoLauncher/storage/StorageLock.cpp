@@ -1,6 +1,6 @@
 #include "storage/StorageLock.h"
 
-#include "platform/FileError.h"
+#include "errors/FileError.h"
 
 #include <QFile>
 

@@ -1,6 +1,6 @@
 #include "Archive.h"
 
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 #include "update/ProcessTask.h"
 #include "update/Sha256.h"
 

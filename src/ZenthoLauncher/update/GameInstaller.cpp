@@ -1,6 +1,6 @@
 #include "GameInstaller.h"
 
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 #include "platform/FileManager.h"
 #include "storage/InstalledState.h"
 #include "storage/StaleWork.h"

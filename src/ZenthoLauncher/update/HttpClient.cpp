@@ -1,6 +1,6 @@
 #include "update/HttpClient.h"
 
-#include "platform/FileError.h"
+#include "errors/FileError.h"
 #include "platform/FileManager.h"
 #include "update/Sha256.h"
 #include "update/TransferWatchdog.h"

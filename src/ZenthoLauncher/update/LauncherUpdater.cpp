@@ -1,7 +1,7 @@
 #include "LauncherUpdater.h"
 
 #include "LauncherVersion.h"
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 #include "platform/FileManager.h"
 #include "platform/Platform.h"
 #include "storage/StaleWork.h"

@@ -1,6 +1,6 @@
 #include "update/VerifiedDownload.h"
 
-#include "model/LauncherError.h"
+#include "errors/LauncherError.h"
 
 #include <optional>
 
