@@ -1,24 +1,34 @@
-# Bundle sealing: the verifier that ships in the bundle, the key it trusts, and the seal the
-# build puts on the bundle it lays out.
+# Bundle sealing and manifest signing: the verifier that ships in the bundle, the keys launchers
+# trust, and the seal the build puts on the bundle it lays out.
 #
-# ZENTHO_SIGNING_PUBLIC_KEY  PEM public key compiled into the bundle's verifier: the launcher
-#                            accepts only updates sealed with its private half. Empty: a
-#                            development key pair is made in <build>/signing/ on first configure.
-# ZENTHO_SIGNING_KEY         PEM private key the build seals its own bundle with. Empty: the
-#                            development key when that is the trusted one; with a release public
-#                            key and no private key the built bundle is left unsealed and the
-#                            release is sealed later with `zentho-release sign-bundle`.
+# ZENTHO_SIGNING_PUBLIC_KEY    PEM public key(s) compiled into the bundle's verifier, separated by
+#                              ";": the launcher accepts only updates sealed with one of their
+#                              private halves (list the current key and the next one to rotate).
+#                              Empty: a development key pair is made in <build>/signing/.
+# ZENTHO_SIGNING_KEY           PEM private key the build seals its own bundle with. Empty: the
+#                              development key when that is the trusted one; with a release public
+#                              key and no private key the built bundle is left unsealed and the
+#                              release is sealed later with `zentho-release sign-bundle`.
+# ZENTHO_MANIFEST_PUBLIC_KEYS  PEM public key(s) that sign release manifests, separated by ";".
+#                              Set: the launcher fetches "<manifest URL>.sig" and refuses a
+#                              manifest that none of them signed, or whose "expires" has passed.
+#                              Empty (the default): manifests are not signed and no signature is
+#                              ever fetched.
 #
-# A second verifier, <build>/signing/test-verifier/zentho-codesign, trusts a test key made in
-# <build>/signing/test.key; the tests seal their bundles with it and never need the real key.
+# Test keys, made in <build>/signing/ and never trusted by the launcher that players get:
+# test.key and test-next.key seal the tests' bundles (the verifier
+# <build>/signing/test-verifier/zentho-codesign trusts both); manifest-test.key and
+# manifest-test-next.key sign the manifests of the tests' signed-manifest launcher.
 
-set(ZENTHO_SIGNING_PUBLIC_KEY "" CACHE FILEPATH
-    "PEM public key the launcher trusts for its own updates (empty: a development key)")
+set(ZENTHO_SIGNING_PUBLIC_KEY "" CACHE STRING
+    "PEM public key(s) the launcher trusts for its own updates, separated by ';' (empty: a development key)")
 set(ZENTHO_SIGNING_KEY "" CACHE FILEPATH
     "PEM private key that seals the built bundle (empty: the development key, when trusted)")
+set(ZENTHO_MANIFEST_PUBLIC_KEYS "" CACHE STRING
+    "PEM public key(s) that sign release manifests, separated by ';' (empty: manifests are not signed)")
 
 find_program(ZENTHO_OPENSSL openssl REQUIRED)
-set(ZENTHO_SIGNING_DIR "${CMAKE_BINARY_DIR}/signing")
+set(ZENTHO_SIGNING_DIR "${CMAKE_BINARY_DIR}/signing" CACHE INTERNAL "Folder of the build's keys")
 file(MAKE_DIRECTORY "${ZENTHO_SIGNING_DIR}")
 
 # Makes <private> and <private>.pub with the openssl command line, once.
@@ -40,14 +50,38 @@ function(zentho_make_key_pair private)
     endif()
 endfunction()
 
-zentho_make_key_pair("${ZENTHO_SIGNING_DIR}/development.key")
-zentho_make_key_pair("${ZENTHO_SIGNING_DIR}/test.key")
+foreach(key development test test-next manifest-test manifest-test-next)
+    zentho_make_key_pair("${ZENTHO_SIGNING_DIR}/${key}.key")
+endforeach()
+
+# Writes `header`, declaring `name` as one C string holding the PEM public keys `keys` one after
+# the other. Each must be an Ed25519 public key: a wrong file fails the configure, not a player.
+function(zentho_key_ring_header header name option)
+    set(pem "")
+    foreach(key ${ARGN})
+        if(NOT EXISTS "${key}")
+            message(FATAL_ERROR "${option}: ${key} does not exist")
+        endif()
+        execute_process(COMMAND "${ZENTHO_OPENSSL}" pkey -pubin -in "${key}" -noout -text
+                        RESULT_VARIABLE rc OUTPUT_VARIABLE text ERROR_QUIET)
+        if(NOT rc EQUAL 0 OR NOT text MATCHES "^ED25519 Public-Key")
+            message(FATAL_ERROR "${option}: ${key} is not an Ed25519 public key in PEM form")
+        endif()
+        file(READ "${key}" one)
+        string(STRIP "${one}" one)
+        string(APPEND pem "${one}\n")
+        set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${key}")
+    endforeach()
+    string(REPLACE "\n" "\\n" pem "${pem}")
+    file(CONFIGURE OUTPUT "${header}" CONTENT
+         "#pragma once\n// Generated by the build from ${option}.\ninline constexpr const char ${name}[] = \"${pem}\";\n")
+endfunction()
 
 if(ZENTHO_SIGNING_PUBLIC_KEY)
-    set(ZENTHO_TRUSTED_PUBLIC_KEY "${ZENTHO_SIGNING_PUBLIC_KEY}")
+    set(ZENTHO_TRUSTED_PUBLIC_KEYS "${ZENTHO_SIGNING_PUBLIC_KEY}")
     set(ZENTHO_BUNDLE_SIGNING_KEY "${ZENTHO_SIGNING_KEY}")
 else()
-    set(ZENTHO_TRUSTED_PUBLIC_KEY "${ZENTHO_SIGNING_DIR}/development.key.pub")
+    set(ZENTHO_TRUSTED_PUBLIC_KEYS "${ZENTHO_SIGNING_DIR}/development.key.pub")
     set(ZENTHO_BUNDLE_SIGNING_KEY "${ZENTHO_SIGNING_DIR}/development.key")
     if(ZENTHO_SIGNING_KEY)
         set(ZENTHO_BUNDLE_SIGNING_KEY "${ZENTHO_SIGNING_KEY}")
@@ -61,20 +95,17 @@ add_library(zentho_bundle_signature STATIC
     "${ZENTHO_UPDATE_DIR}/BundleListing.cpp"
     "${ZENTHO_UPDATE_DIR}/BundleSignature.cpp"
     "${ZENTHO_UPDATE_DIR}/BundleVerifierCommand.cpp"
-    "${ZENTHO_UPDATE_DIR}/Ed25519Key.cpp")
+    "${ZENTHO_UPDATE_DIR}/Ed25519Key.cpp"
+    "${ZENTHO_UPDATE_DIR}/TrustedKeys.cpp")
 target_include_directories(zentho_bundle_signature PUBLIC "${PROJECT_SOURCE_DIR}/src/ZenthoLauncher")
 target_link_libraries(zentho_bundle_signature PUBLIC OpenSSL::Crypto)
 set_target_properties(zentho_bundle_signature PROPERTIES AUTOMOC OFF)
 
-# A verifier program that trusts the public key in `public_key`, built into `output_dir`.
-function(zentho_codesign_verifier target public_key output_dir)
-    file(READ "${public_key}" pem)
-    string(STRIP "${pem}" pem)
-    string(REPLACE "\n" "\\n" pem "${pem}")
+# A verifier program that trusts the public keys `keys` (a list), built into `output_dir`.
+function(zentho_codesign_verifier target keys output_dir)
     set(header_dir "${CMAKE_CURRENT_BINARY_DIR}/${target}-key")
-    file(CONFIGURE OUTPUT "${header_dir}/TrustedSigningKey.h" CONTENT
-         "#pragma once\n// Generated from ${public_key} by the build.\ninline constexpr const char kTrustedPublicKeyPem[] = \"${pem}\\n\";\n")
-    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${public_key}")
+    zentho_key_ring_header("${header_dir}/TrustedSigningKey.h" kTrustedPublicKeyPem
+                           ZENTHO_SIGNING_PUBLIC_KEY ${keys})
     add_executable(${target} "${PROJECT_SOURCE_DIR}/tools/codesign/ZenthoCodesign.cpp")
     target_include_directories(${target} PRIVATE "${header_dir}")
     target_link_libraries(${target} PRIVATE zentho_bundle_signature)
@@ -84,13 +115,33 @@ function(zentho_codesign_verifier target public_key output_dir)
         RUNTIME_OUTPUT_DIRECTORY "${output_dir}")
 endfunction()
 
-zentho_codesign_verifier(zentho-codesign "${ZENTHO_TRUSTED_PUBLIC_KEY}" "${ZENTHO_BUNDLE_DIR}/Contents/MacOS")
-# The launcher executable verifies with the same key when no verifier sits beside it.
+zentho_codesign_verifier(zentho-codesign "${ZENTHO_TRUSTED_PUBLIC_KEYS}" "${ZENTHO_BUNDLE_DIR}/Contents/MacOS")
+# The launcher executable verifies with the same keys when no verifier sits beside it, and
+# zentho-release checks seals against them unless it is given others.
 set(ZENTHO_TRUSTED_KEY_HEADER_DIR "${CMAKE_CURRENT_BINARY_DIR}/zentho-codesign-key"
     CACHE INTERNAL "Folder of the generated TrustedSigningKey.h")
 target_include_directories(ZenthoLauncher PRIVATE "${ZENTHO_TRUSTED_KEY_HEADER_DIR}")
-zentho_codesign_verifier(zentho-codesign-testkey "${ZENTHO_SIGNING_DIR}/test.key.pub"
+zentho_codesign_verifier(zentho-codesign-testkey
+                         "${ZENTHO_SIGNING_DIR}/test.key.pub;${ZENTHO_SIGNING_DIR}/test-next.key.pub"
                          "${ZENTHO_SIGNING_DIR}/test-verifier")
+
+# The manifest keys a launcher trusts live in one tiny object, like its version, so that a test
+# launcher requiring signed manifests links the same core as the one players get.
+function(zentho_manifest_keys_object name)
+    set(header_dir "${CMAKE_CURRENT_BINARY_DIR}/${name}-keys")
+    zentho_key_ring_header("${header_dir}/TrustedManifestKeysPem.h" kTrustedManifestKeysPem
+                           ZENTHO_MANIFEST_PUBLIC_KEYS ${ARGN})
+    add_library(${name} OBJECT ${PROJECT_SOURCE_DIR}/src/ZenthoLauncher/TrustedManifestKeys.cpp)
+    target_include_directories(${name} PRIVATE "${header_dir}" ${PROJECT_SOURCE_DIR}/src/ZenthoLauncher)
+    target_link_libraries(${name} PRIVATE OpenSSL::Crypto)
+    set_target_properties(${name} PROPERTIES AUTOMOC OFF)
+endfunction()
+
+zentho_manifest_keys_object(zentho_manifest_keys_default ${ZENTHO_MANIFEST_PUBLIC_KEYS})
+target_link_libraries(ZenthoLauncher PRIVATE zentho_manifest_keys_default)
+
+# The bundle says its own version in Contents/Info.json, written from the value compiled in.
+zentho_bundle_info(ZenthoLauncher "${ZENTHO_BUNDLE_DIR}" "${ZENTHO_LAUNCHER_VERSION}")
 
 # The bundle is sealed last, after the launcher links. Whatever else lands in the bundle must be
 # built before it and named in LINK_DEPENDS, so that a change to it relinks the launcher and the
@@ -110,10 +161,14 @@ endif()
 # The tests run the signing tools and the sealed bundle, so they are built first. The tests are
 # defined after this file is read, hence the deferred call.
 function(zentho_signing_tests_depend)
-    foreach(test TestBundleSignature TestFinishScript TestLauncherUpdater TestSelfUpdateModel)
+    foreach(test TestBundleSignature TestFinishScript TestLauncherUpdater TestSelfUpdateModel
+                 TestBundleInfo)
         if(TARGET ${test})
             add_dependencies(${test} ZenthoLauncher zentho-release zentho-codesign-testkey)
         endif()
     endforeach()
+    if(TARGET TestBundleInfo)
+        add_dependencies(TestBundleInfo ZenthoLauncher-0.2.0)
+    endif()
 endfunction()
 cmake_language(DEFER DIRECTORY "${PROJECT_SOURCE_DIR}" CALL zentho_signing_tests_depend)

@@ -153,7 +153,7 @@ private slots:
     void wrongKeyFails() {
         const Ed25519Key other = Ed25519Key::generate();
         QCOMPARE(BundleSignature::verify(native(bundle_), other),
-                 std::string("Contents/_CodeSignature/Signature: not signed by the trusted key"));
+                 std::string("Contents/_CodeSignature/Signature: not signed by a trusted key"));
         // The same bundle sealed again with that key verifies with it, and no longer with ours.
         BundleSignature::sign(native(bundle_), other);
         QCOMPARE(BundleSignature::verify(native(bundle_), other), std::string());
@@ -169,7 +169,7 @@ private slots:
         QVERIFY(line > 64);
         seal.replace(line - 64, 64, QByteArray::fromStdString(goodHash));
         TestFiles::writeFile(at(BundleSignature::kSealPath), seal, 0644);
-        QCOMPARE(verify(), std::string("Contents/_CodeSignature/Signature: not signed by the trusted key"));
+        QCOMPARE(verify(), std::string("Contents/_CodeSignature/Signature: not signed by a trusted key"));
     }
 
     void missingSealFails() {
@@ -280,7 +280,7 @@ private slots:
         QVERIFY(LauncherBundles::seal(bundle_, key));
         run = verifyWith(LauncherBundles::testVerifier(), bundle_);
         QCOMPARE(run.exitCode, 1);
-        QCOMPARE(run.err, QByteArray("Contents/_CodeSignature/Signature: not signed by the trusted key\n"));
+        QCOMPARE(run.err, QByteArray("Contents/_CodeSignature/Signature: not signed by a trusted key\n"));
     }
 
     void verifierProgramTakesExactlyItsCommandLine() {

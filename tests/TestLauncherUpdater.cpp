@@ -285,7 +285,7 @@ private slots:
         QVERIFY(keygen.waitForFinished() && keygen.exitCode() == 0);
         expectError(f().publishBundle(f().makeNewBundle(QStringLiteral("ZenthoLauncher.app"), key)),
                     LauncherError::invalidLauncherSignature(
-                        QStringLiteral("Contents/_CodeSignature/Signature: not signed by the trusted key\n")));
+                        QStringLiteral("Contents/_CodeSignature/Signature: not signed by a trusted key\n")));
     }
 
     void bundleChangedAfterSealingIsRefused() {

@@ -48,7 +48,7 @@ QString standinGame020() {
 }
 
 QString launcherBundle020() {
-    return LauncherBundles::buildDir() + QStringLiteral("/e2e-bundles/0.2.0/ZenthoLauncher.app");
+    return LauncherBundles::buildDir() + QStringLiteral("/launcher-0.2.0/ZenthoLauncher.app");
 }
 
 QString sealedCopy(const QString& from, const QString& bundle) {

@@ -116,7 +116,7 @@ void sign(const std::filesystem::path& bundle, const Ed25519Key& key) {
               kFormatLine + "\n" + kSignaturePrefix + toHex(signature) + "\n" + listing);
 }
 
-std::string verify(const std::filesystem::path& bundle, const Ed25519Key& trustedKey) {
+std::string verify(const std::filesystem::path& bundle, const TrustedKeys& trusted) {
     if (!isFolder(bundle))
         return bundle.string() + ": not a bundle folder";
     const std::string sealPath = bundle.string() + "/" + kSealPath;
@@ -141,8 +141,8 @@ std::string verify(const std::filesystem::path& bundle, const Ed25519Key& truste
     if (!fromHex(seal.substr(hexStart, secondEnd - hexStart), signature))
         return std::string(kSealPath) + ": malformed";
     const std::string listing = seal.substr(secondEnd + 1);
-    if (!trustedKey.verify(kFormatLine + "\n" + listing, signature))
-        return std::string(kSealPath) + ": not signed by the trusted key";
+    if (!trusted.verify(kFormatLine + "\n" + listing, signature))
+        return std::string(kSealPath) + ": not signed by a trusted key";
 
     try {
         return firstDifference(parseListing(listing), listBundle(bundle, kSealPath));

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Ed25519Key.h"
+#include "TrustedKeys.h"
 
 #include <filesystem>
 #include <string>
@@ -21,8 +22,8 @@ inline constexpr const char* kSealPath = "Contents/_CodeSignature/Signature";
 // Throws BundleListingError or KeyError with a one-line reason.
 void sign(const std::filesystem::path& bundle, const Ed25519Key& key);
 
-// Empty when `bundle` carries a seal by `trustedKey` that matches every entry; otherwise a
+// Empty when `bundle` carries a seal by one of `trusted` that matches every entry; otherwise a
 // one-line reason such as "Contents/MacOS/ZenthoLauncher: content changed".
-std::string verify(const std::filesystem::path& bundle, const Ed25519Key& trustedKey);
+std::string verify(const std::filesystem::path& bundle, const TrustedKeys& trusted);
 
 } // namespace BundleSignature

@@ -41,6 +41,17 @@ void Ed25519Key::Free::operator()(EVP_PKEY* key) const {
 
 Ed25519Key::Ed25519Key(EVP_PKEY* key, bool hasPrivate) : key_(key), hasPrivate_(hasPrivate) {}
 
+Ed25519Key::Ed25519Key(const Ed25519Key& other) : hasPrivate_(other.hasPrivate_) {
+    if (other.key_ && EVP_PKEY_up_ref(other.key_.get()) == 1)
+        key_.reset(other.key_.get());
+}
+
+Ed25519Key& Ed25519Key::operator=(const Ed25519Key& other) {
+    if (this != &other)
+        *this = Ed25519Key(other);
+    return *this;
+}
+
 Ed25519Key Ed25519Key::generate() {
     EVP_PKEY* key = nullptr;
     std::unique_ptr<EVP_PKEY_CTX, decltype(&EVP_PKEY_CTX_free)> context(

@@ -23,6 +23,13 @@ public:
     // Reads a PEM file holding either half; `path` names the file in error texts.
     static Ed25519Key fromFile(const std::string& path);
 
+    // Copies share the one key held by libcrypto.
+    Ed25519Key(const Ed25519Key& other);
+    Ed25519Key& operator=(const Ed25519Key& other);
+    Ed25519Key(Ed25519Key&&) noexcept = default;
+    Ed25519Key& operator=(Ed25519Key&&) noexcept = default;
+    ~Ed25519Key() = default;
+
     bool hasPrivateKey() const { return hasPrivate_; }
     std::string privatePem() const; // throws KeyError for a public-only key
     std::string publicPem() const;
