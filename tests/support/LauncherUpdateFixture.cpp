@@ -50,9 +50,13 @@ void LauncherUpdateFixture::replaceVerifier(const QByteArray& scriptBody) {
     TestFiles::writeScript(verifier, scriptBody);
 }
 
-QString LauncherUpdateFixture::makeNewBundle(const QString& name, const QString& key) {
+QString LauncherUpdateFixture::makeNewBundle(const QString& name, const QString& key,
+                                             const QString& version) {
     const QString source = path(QStringLiteral("source-%1").arg(++serial_));
     LauncherBundles::makeFake(source + QLatin1Char('/') + name, "new", record_);
+    if (!version.isEmpty())
+        TestFiles::writeFile(source + QLatin1Char('/') + name + QStringLiteral("/Contents/Info.json"),
+                             "{\"version\":\"" + version.toUtf8() + "\"}\n");
     if (!key.isEmpty() && !LauncherBundles::seal(source + QLatin1Char('/') + name, key))
         qWarning("could not seal %s", qPrintable(source));
     return source;

@@ -46,10 +46,11 @@ public:
     // Replaces the running launcher's verifier with a shell script body.
     void replaceVerifier(const QByteArray& scriptBody);
 
-    // A new bundle `name` with the fake launcher, in a fresh source folder; sealed with `key`
-    // unless it is empty. Returns the source folder.
+    // A new bundle `name` with the fake launcher, in a fresh source folder, whose Contents/Info.json
+    // says `version` unless that is empty; sealed with `key` unless it is empty. Returns the
+    // source folder.
     QString makeNewBundle(const QString& name = QStringLiteral("ZenthoLauncher.app"),
-                          const QString& key = defaultKey());
+                          const QString& key = defaultKey(), const QString& version = {});
     static QString defaultKey();
 
     // Serves `archive` and a manifest naming it; returns the manifest's URL.

@@ -7,6 +7,7 @@
 #include "storage/StaleWork.h"
 #include "storage/StorageLock.h"
 #include "update/Archive.h"
+#include "update/BundleInfo.h"
 #include "update/FinishScript.h"
 #include "update/ProcessTask.h"
 #include "update/VerifiedDownload.h"
@@ -96,11 +97,12 @@ QCoro::Task<bool> LauncherUpdater::updateIfNeeded(QUrl manifestURL) {
     const DownloadedFile archive = co_await downloadVerifiedArchive(manifest.url, manifest.sha256);
 
     reportStatus_(verifyingStatus());
-    co_await stageAndHandOver(archive.path(), manifest.executable);
+    co_await stageAndHandOver(archive.path(), manifest.executable, manifest.version);
     co_return true;
 }
 
-QCoro::Task<void> LauncherUpdater::stageAndHandOver(QString archivePath, QString executable) {
+QCoro::Task<void> LauncherUpdater::stageAndHandOver(QString archivePath, QString executable,
+                                                    QString version) {
     const QString staging = freshName(QStringLiteral("launcher-staging-"));
     files_.createDirectory(staging);
     checkArchiveListing(co_await runTarWithoutBlocking(listArguments(archivePath)));
@@ -123,6 +125,9 @@ QCoro::Task<void> LauncherUpdater::stageAndHandOver(QString archivePath, QString
         verify.front(), std::vector<std::string>(verify.begin() + 1, verify.end()));
     if (verdict.status != 0)
         throw LauncherError::invalidLauncherSignature(QString::fromStdString(verdict.errors));
+    // Read only now that the seal vouches for it. A release that packs the running launcher under
+    // a new version would otherwise be handed over, restart, and be found again on every start.
+    BundleInfo::refuseRunningVersion(staged, launcherVersion(), version);
 
     const QString target = platform_.bundlePath();
     checkTargetLocation(files_, target);

@@ -15,9 +15,10 @@ class Platform;
 // The launcher's update of itself. It reads the launcher's own release manifest and, when that
 // names any other version than the running one, downloads the archive, checks its digest, vets
 // and unpacks it into a staging folder, has the bundle verifier that ships with the running
-// launcher check the staged bundle's seal, and starts the finish script that swaps the bundles
-// once this process has gone. The running bundle is never touched while the launcher runs, and
-// nothing is cleaned up afterwards: every run uses fresh UUID names, so leftovers never collide.
+// launcher check the staged bundle's seal, refuses a bundle that is the running version under
+// another name, and starts the finish script that swaps the bundles once this process has gone.
+// The running bundle is never touched while the launcher runs, and nothing is cleaned up
+// afterwards: every run uses fresh UUID names, so leftovers never collide.
 class LauncherUpdater {
 public:
     using StatusReporter = std::function<void(const QString&)>;
@@ -50,7 +51,8 @@ public:
 
 private:
     // Steps after the digest matched: stage, verify, check the target, start the swap.
-    QCoro::Task<void> stageAndHandOver(QString archivePath, QString executable);
+    // `version` is the one the manifest names.
+    QCoro::Task<void> stageAndHandOver(QString archivePath, QString executable, QString version);
     QString freshName(const QString& prefix, const QString& suffix = {}) const;
 
     const FileManager& files_;
