@@ -3,14 +3,14 @@
 
 #include "LauncherModel.h"
 
+#include "TrustedManifestKeys.h"
 #include "errors/LauncherError.h"
 #include "platform/FileManager.h"
 #include "platform/Platform.h"
-#include "update/HttpClient.h"
+#include "update/ManifestFetch.h"
 #include "update/UpdateEndpoints.h"
 
 namespace {
-const QString kGamePlatform = QStringLiteral("macos-arm64");
 const QString kFallbackExecutable = QStringLiteral("zentho");
 } // namespace
 
@@ -71,14 +71,8 @@ QCoro::Task<void> LauncherModel::runUpdateAndPlay() {
 }
 
 QCoro::Task<void> LauncherModel::updateGameAndLaunch(InstalledState current) {
-    const QUrl url = manifestURL();
-    const HttpResponse response = co_await HttpClient::shared().data(url);
-    // A manifest read from a local file has no HTTP status to check.
-    if (!url.isLocalFile() && response.statusCode != 200)
-        throw LauncherError::badManifest();
-    const ReleaseManifest manifest = ReleaseManifest::decode(response.body);
-    if (manifest.platform != kGamePlatform)
-        throw LauncherError::wrongPlatform();
+    const ReleaseManifest manifest =
+        co_await fetchReleaseManifest(manifestURL(), ManifestKind::game(), trustedManifestKeys());
 
     QUrl runtime;
     // Any difference in the version text is a release to install, a lower one included: the

@@ -1,6 +1,7 @@
 #include "LauncherUpdater.h"
 
 #include "LauncherVersion.h"
+#include "TrustedManifestKeys.h"
 #include "errors/LauncherError.h"
 #include "platform/FileManager.h"
 #include "platform/Platform.h"
@@ -9,6 +10,7 @@
 #include "update/Archive.h"
 #include "update/BundleInfo.h"
 #include "update/FinishScript.h"
+#include "update/ManifestFetch.h"
 #include "update/ProcessTask.h"
 #include "update/VerifiedDownload.h"
 #include "update/ReleaseManifest.h"
@@ -19,8 +21,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-
-#include <optional>
 
 namespace {
 
@@ -73,13 +73,8 @@ QString LauncherUpdater::freshName(const QString& prefix, const QString& suffix)
 }
 
 QCoro::Task<bool> LauncherUpdater::updateIfNeeded(QUrl manifestURL) {
-    const HttpResponse response = co_await HttpClient::shared().data(manifestURL);
-    // A local manifest file has no HTTP status to check.
-    if (!manifestURL.isLocalFile() && response.statusCode != std::optional<int>(200))
-        throw LauncherError::badLauncherManifest();
-    const ReleaseManifest manifest = ReleaseManifest::decode(response.body);
-    if (manifest.platform != launcherPlatform())
-        throw LauncherError::wrongLauncherPlatform();
+    const ReleaseManifest manifest = co_await fetchReleaseManifest(
+        manifestURL, ManifestKind::launcher(), trustedManifestKeys());
     // Any other version text is an update, a lower one included: the server decides which
     // launcher everyone runs, and that is also how a bad release is rolled back.
     if (manifest.version == launcherVersion())

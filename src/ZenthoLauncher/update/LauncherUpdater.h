@@ -45,7 +45,6 @@ public:
                                                     const Platform& platform,
                                                     const QString& staged);
 
-    static QString launcherPlatform() { return QStringLiteral("macos-launcher-arm64"); }
     static QString downloadingStatus() { return QStringLiteral("Downloading launcher update..."); }
     static QString verifyingStatus() { return QStringLiteral("Verifying launcher update..."); }
 
