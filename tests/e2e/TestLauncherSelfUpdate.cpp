@@ -1,7 +1,9 @@
 // The launcher's update of itself, end to end with real processes: a copy of the built 0.1.190
 // bundle is started for an invite link against a launcher release 0.2.0 that zentho-release
 // sealed and packed and nginx serves over HTTPS. The old launcher quits, the finish script swaps
-// the bundles once it has gone, and the new launcher starts from the old path.
+// the bundles once it has gone, and the new launcher starts from the old path. Releases that are
+// broken (a bundle changed after its seal, the running version under another name) are refused
+// and the game starts instead.
 
 #include "LauncherBundles.h"
 #include "RealLauncher.h"
@@ -45,23 +47,28 @@ class TestLauncherSelfUpdate : public QObject {
         QCOMPARE(RealLauncher::versionOf(installedBundle()), QStringLiteral("0.1.190"));
     }
 
-    // Seals the 0.2.0 bundle (after `tamper` has run on it, when given) and packs it into the
-    // server's /release folder; returns the launcher manifest's URL.
-    QString publishLauncher020(TestServer& server, const std::function<void(const QString&)>& tamper = {}) {
+    // Seals a copy of `bundle` (the 0.2.0 one unless given) and packs it as `version` into the
+    // server's /release folder; `tamper`, when given, then changes the bundle and the release is
+    // put together again by hand, past pack's checks. Returns the launcher manifest's URL.
+    QString publishLauncher(TestServer& server, const std::function<void(const QString&)>& tamper = {},
+                            const QString& from = ReleaseTool::launcherBundle020(),
+                            const QString& version = QStringLiteral("0.2.0")) {
         TestFiles::makeFolder(path(QStringLiteral("src")));
         const QString bundle = path(QStringLiteral("src/ZenthoLauncher.app"));
-        ReleaseTool::copyTree(ReleaseTool::launcherBundle020(), bundle);
+        ReleaseTool::copyTree(from, bundle);
         const Run sealed = ReleaseTool::run({QStringLiteral("sign-bundle"), QStringLiteral("--key"),
                                              LauncherBundles::testKey(), bundle});
         if (!sealed.ok())
             qWarning("sign-bundle: %s", sealed.errors.constData());
-        if (tamper)
-            tamper(bundle);
         const QString release = server.documentRoot() + QStringLiteral("/release");
-        const Run packed = ReleaseTool::packLauncher(bundle, QStringLiteral("0.2.0"),
+        const Run packed = ReleaseTool::packLauncher(bundle, version,
                                                      server.url(QStringLiteral("/release")).toString(), release);
         if (!packed.ok())
             qWarning("pack: %s", packed.errors.constData());
+        if (tamper) {
+            tamper(bundle);
+            ReleaseTool::repackByHand(packed.line(QStringLiteral("manifest")), packed.line(QStringLiteral("archive")), bundle);
+        }
         return server.url(QStringLiteral("/release/macos-launcher-arm64-manifest.json")).toString();
     }
 
@@ -109,7 +116,7 @@ private slots:
     void theOldLauncherIsReplacedByTheNewOneAndTheNewOneStarts() {
         TestServer server;
         installOldLauncher();
-        const QString manifest = publishLauncher020(server);
+        const QString manifest = publishLauncher(server);
         const Run checked = ReleaseTool::run({QStringLiteral("verify"), QStringLiteral("--key"),
                                               LauncherBundles::testKey() + QStringLiteral(".pub"),
                                               server.documentRoot() + QStringLiteral("/release/macos-launcher-arm64-manifest.json"),
@@ -140,7 +147,7 @@ private slots:
     void aNewLauncherChangedAfterItsSealIsRefusedAndTheOldOneStartsTheGame() {
         TestServer server;
         installOldLauncher();
-        const QString manifest = publishLauncher020(server, [](const QString& bundle) {
+        const QString manifest = publishLauncher(server, [](const QString& bundle) {
             TestFiles::writeFile(bundle + QStringLiteral("/Contents/Resources/extra.txt"), "added after sealing\n");
         });
         // Published as it is; the check a publisher would run names what is wrong.
@@ -149,7 +156,7 @@ private slots:
                                               server.documentRoot() + QStringLiteral("/release/macos-launcher-arm64-manifest.json"),
                                               server.documentRoot() + QStringLiteral("/release/zentho-0.2.0-macos-launcher-arm64.tar.gz")});
         QCOMPARE(checked.exitCode, 1);
-        QVERIFY2(checked.errors.contains("signature: Contents/Resources/extra.txt"), checked.errors.constData());
+        QVERIFY2(checked.errors.contains("seal: Contents/Resources/extra.txt: not signed"), checked.errors.constData());
 
         RealLauncher old(installedBundle(), dataHome());
         // No game release is published: the launcher falls back to its seed runtime.
@@ -165,6 +172,41 @@ private slots:
         QCOMPARE(RealLauncher::versionOf(installedBundle()), QStringLiteral("0.1.190"));
         QVERIFY(QDir(launcherRoot()).entryList({QStringLiteral("launcher-backup-*")}, QDir::Dirs).isEmpty());
         QVERIFY(RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle())).isEmpty());
+    }
+
+    // The release that made players' launchers update themselves on every start: the 0.1.190
+    // bundle under a manifest that names 0.2.0, published by hand past pack's version check. The
+    // real launcher downloads it and refuses it after the seal check, once per press, starts the
+    // game each time, and never moves its bundle aside.
+    void aReleaseOfTheRunningVersionUnderAnotherNameIsRefusedOnEveryPress() {
+        TestServer server;
+        installOldLauncher();
+        const QString manifest = publishLauncher(server, {}, LauncherBundles::builtBundle(), QStringLiteral("0.1.190"));
+        const QString release = server.documentRoot() + QStringLiteral("/release");
+        ReleaseTool::repackByHand(release + QStringLiteral("/macos-launcher-arm64-manifest.json"),
+                                  release + QStringLiteral("/zentho-0.1.190-macos-launcher-arm64.tar.gz"),
+                                  path(QStringLiteral("src/ZenthoLauncher.app")), QStringLiteral("0.2.0"));
+
+        for (const QString& room : {QStringLiteral("first"), QStringLiteral("second")}) {
+            RealLauncher old(installedBundle(), dataHome());
+            // No game release is published: the launcher falls back to its seed runtime.
+            old.useManifests(server.url(QStringLiteral("/release/macos-arm64-manifest.json")).toString(), manifest);
+            const QString record = path(QStringLiteral("record-") + room);
+            old.recordGameStartIn(record);
+            old.start(server, QStringLiteral("zentho://invite/") + room);
+            QCOMPARE(old.waitForExit(), std::optional<int>(0));
+
+            const QByteArray recorded = RealLauncher::waitForGameRecord(record);
+            QVERIFY2(recorded.startsWith("version=0.1.190\n"), (recorded + old.errors()).constData());
+            QVERIFY(recorded.contains("arg=zentho://invite/" + room.toUtf8() + "\n"));
+            leftovers_ << RealLauncher::recordedPid(recorded);
+            QCOMPARE(RealLauncher::versionOf(installedBundle()), QStringLiteral("0.1.190"));
+            QVERIFY(QDir(launcherRoot()).entryList({QStringLiteral("launcher-backup-*")}, QDir::Dirs).isEmpty());
+            QVERIFY(QDir(launcherRoot()).entryList({QStringLiteral("finish-launcher-update-*")}, QDir::Files).isEmpty());
+            QVERIFY(RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle())).isEmpty());
+        }
+        // Each press fetched the bundle and refused it, once.
+        QCOMPARE(server.accessLog().count(QStringLiteral("GET /release/zentho-0.1.190-macos-launcher-arm64.tar.gz ")), 2);
     }
 };
 

@@ -1,9 +1,13 @@
 #include "ReleaseTool.h"
 
 #include "LauncherBundles.h"
+#include "TestArchives.h"
+#include "TestFiles.h"
 
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QTest>
 
@@ -25,6 +29,31 @@ Run run(const QStringList& arguments) {
     return result;
 }
 
+QString Run::line(const QString& key) const {
+    const QByteArray prefix = key.toUtf8() + ": ";
+    for (const QByteArray& text : output.split('\n')) {
+        if (text.startsWith(prefix))
+            return QString::fromUtf8(text.mid(prefix.size()));
+    }
+    return {};
+}
+
+QString testSealKey() {
+    return LauncherBundles::testKey() + QStringLiteral(".pub");
+}
+
+QString testSealKeyNext() {
+    return LauncherBundles::buildDir() + QStringLiteral("/signing/test-next.key.pub");
+}
+
+QString testManifestKey() {
+    return LauncherBundles::buildDir() + QStringLiteral("/signing/manifest-test.key");
+}
+
+QString testManifestKeyNext() {
+    return LauncherBundles::buildDir() + QStringLiteral("/signing/manifest-test-next.key");
+}
+
 Run packGame(const QString& source, const QString& version, const QString& urlBase,
              const QString& out, const QStringList& extra) {
     return run(QStringList{QStringLiteral("pack"), QStringLiteral("--platform"),
@@ -39,7 +68,8 @@ Run packLauncher(const QString& bundle, const QString& version, const QString& u
     return run(QStringList{QStringLiteral("pack"), QStringLiteral("--platform"),
                            QStringLiteral("macos-launcher-arm64"), QStringLiteral("--version"),
                            version, QStringLiteral("--executable"), QFileInfo(bundle).fileName(),
-                           QStringLiteral("--url-base"), urlBase, QStringLiteral("--out"), out} +
+                           QStringLiteral("--url-base"), urlBase, QStringLiteral("--out"), out,
+                           QStringLiteral("--key"), testSealKey()} +
                extra + QStringList{bundle});
 }
 
@@ -63,6 +93,17 @@ QString sealedCopy(const QString& from, const QString& bundle) {
 
 QString seedRuntimeOf(const QString& bundle) {
     return bundle + QStringLiteral("/Contents/Resources/SeedRuntime/zentho");
+}
+
+void repackByHand(const QString& manifest, const QString& archive, const QString& bundle,
+                  const QString& version) {
+    QFile::remove(archive);
+    TestArchives::create(archive, QFileInfo(bundle).absolutePath(), {QFileInfo(bundle).fileName()});
+    QJsonObject json = QJsonDocument::fromJson(TestFiles::readFile(manifest)).object();
+    json[QStringLiteral("sha256")] = TestArchives::sha256sum(archive);
+    if (!version.isEmpty())
+        json[QStringLiteral("version")] = version;
+    TestFiles::writeFile(manifest, QJsonDocument(json).toJson());
 }
 
 void flipOneByte(const QString& path) {

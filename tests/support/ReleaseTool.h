@@ -16,17 +16,26 @@ struct Run {
     bool ok() const { return exitCode == 0; }
     // A failure reported the way every subcommand must: exactly one line on standard error.
     bool failedWithOneLine() const { return exitCode > 0 && errors.count('\n') == 1 && errors.endsWith('\n'); }
+    // The text after "`key`: " on the output line that starts so; empty when there is none.
+    QString line(const QString& key) const;
 };
 
 Run run(const QStringList& arguments);
 
-// pack --platform macos-arm64 for a game build folder; returns the run (its output is the
-// manifest's path and a line feed).
+// pack --platform macos-arm64 for a game build folder; returns the run (run.line("manifest") is
+// the manifest's path).
 Run packGame(const QString& source, const QString& version, const QString& urlBase,
              const QString& out, const QStringList& extra = {});
-// pack --platform macos-launcher-arm64 for a bundle folder, whose name is the executable.
+// pack --platform macos-launcher-arm64 for a bundle folder, whose name is the executable, with its
+// seal checked against the test keys.
 Run packLauncher(const QString& bundle, const QString& version, const QString& urlBase,
                  const QString& out, const QStringList& extra = {});
+
+// The public test keys that seal bundles, and those that sign manifests.
+QString testSealKey();
+QString testSealKeyNext();
+QString testManifestKey();     // private; ".pub" beside it
+QString testManifestKeyNext(); // private; ".pub" beside it
 
 // The stand-in game built as version 0.2.0, and the launcher bundle built as 0.2.0.
 QString standinGame020();
@@ -35,6 +44,12 @@ QString launcherBundle020();
 // A copy of the bundle `from` at `bundle`, sealed with the test key by sign-bundle.
 QString sealedCopy(const QString& from, const QString& bundle);
 QString seedRuntimeOf(const QString& bundle);
+// A launcher release put together by hand, past pack's checks: the archive at `archive` is made
+// again from `bundle` as it is now, and the manifest at `manifest` gets its digest and, when
+// `version` is given, that version.
+void repackByHand(const QString& manifest, const QString& archive, const QString& bundle,
+                  const QString& version = {});
+
 // Changes one byte in the middle of a file, keeping its size and mode.
 void flipOneByte(const QString& path);
 

@@ -1,30 +1,37 @@
 // zentho-release pack: turns a game build folder or a sealed launcher bundle into a release: the
-// gzip tar archive and the manifest that names it, ready to be served side by side.
+// gzip tar archive, the manifest that names it and, with a key, the manifest's signature, ready
+// to be published side by side.
 
+#include "PackedArchive.h"
+#include "ReleaseCheck.h"
 #include "ReleaseCommand.h"
 #include "ReleaseFiles.h"
+#include "ReleaseKeys.h"
+#include "ReleaseOptions.h"
 #include "ReleaseTree.h"
 
 #include "update/Archive.h"
-#include "update/BundleSignature.h"
+#include "update/ManifestSignature.h"
 #include "update/ReleaseManifest.h"
 
 #include <Uuid.h>
 
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QTemporaryFile>
 #include <QUrl>
 
 #include <cstdio>
+#include <optional>
 #include <string>
 
 namespace {
 
 const char kUsage[] =
     "usage: zentho-release pack --platform P --version V --executable E --url-base URL\n"
-    "                           [--out DIR] [--force] SRC\n"
+    "                           [--out DIR] [--force] [--dry-run] [--key PUBLIC_KEY]...\n"
+    "                           [--sign-key KEY [--expires-in DAYS]] SRC\n"
     "\n"
     "Packs a release and writes its manifest. Two kinds of release:\n"
     "  game      --platform macos-arm64: SRC is the build folder; its content becomes the top\n"
@@ -32,19 +39,31 @@ const char kUsage[] =
     "            (normally \"zentho\"; it must be an executable file).\n"
     "  launcher  --platform macos-launcher-arm64: SRC is the sealed X.app bundle folder, which\n"
     "            becomes the archive's one top-level entry, and E is its name, X.app. The bundle\n"
-    "            must hold an executable Contents/MacOS/ZenthoLauncher and a seal made by\n"
-    "            \"zentho-release sign-bundle\" (sign first, then pack).\n"
+    "            must hold an executable Contents/MacOS/ZenthoLauncher, a seal made by\n"
+    "            \"zentho-release sign-bundle\" (sign first, then pack) that verifies with a\n"
+    "            --key file or else with a key this build's launcher trusts, and a\n"
+    "            Contents/Info.json that says version V (the build writes it).\n"
     "\n"
     "Writes into DIR (default: the current folder, created if missing):\n"
-    "  zentho-V-P.tar.gz    the archive (gzip tar, names sorted, owner and group 0)\n"
-    "  P-manifest.json      {version, platform, url, sha256, executable}, where url is\n"
-    "                       URL/zentho-V-P.tar.gz and sha256 the archive's lower-case digest\n"
-    "and prints the manifest's path. Serve the manifest as /release/P-manifest.json and the\n"
-    "archive at the url. Existing files are kept unless --force is given.\n"
+    "  zentho-V-P.tar.gz      the archive (gzip tar, names sorted, owner and group 0)\n"
+    "  P-manifest.json        {version, platform, url, sha256, executable}, where url is\n"
+    "                         URL/zentho-V-P.tar.gz and sha256 the archive's lower-case digest\n"
+    "  P-manifest.json.sig    with --sign-key: the Ed25519 signature of the manifest's exact\n"
+    "                         bytes by the private key KEY; --expires-in DAYS adds the member\n"
+    "                         \"expires\" (UTC), after which launchers refuse the manifest\n"
+    "and prints one line each: archive:, size: (bytes), sha256:, manifest:, and signature: and\n"
+    "expires: when signed. Existing files are kept unless --force is given (a stale signature\n"
+    "is then removed). --dry-run makes every check and prints the same lines, the manifest's\n"
+    "text after \"content: \", and writes nothing. Publish the result with\n"
+    "\"zentho-release publish\".\n"
     "\n"
     "Refused: a version other than letters, digits and . _ + - (it names folders and files), a\n"
     "URL that is not http or https, names with control characters or that are not UTF-8,\n"
     "symlinks that point outside SRC, devices, pipes and sockets, and DIR inside SRC.\n";
+
+// A signed manifest may be valid for at most ten years: long enough for anyone, short enough to
+// catch a number typed in the wrong unit.
+constexpr int kMostDays = 3650;
 
 struct PackOptions {
     QString platform;
@@ -54,50 +73,56 @@ struct PackOptions {
     QString out = QStringLiteral(".");
     QString source;
     bool force = false;
+    bool dryRun = false;
+    std::vector<std::string> sealKeys;
+    std::optional<std::string> signKey;
+    std::optional<int> expiresInDays;
 };
 
-PackOptions parse(const std::vector<std::string>& arguments) {
-    PackOptions options;
-    const std::pair<const char*, QString*> valued[] = {
-        {"--platform", &options.platform},     {"--version", &options.version},
-        {"--executable", &options.executable}, {"--url-base", &options.urlBase},
-        {"--out", &options.out},
-    };
-    bool haveSource = false;
-    for (std::size_t i = 0; i < arguments.size(); ++i) {
-        const std::string& argument = arguments[i];
-        bool matched = false;
-        for (const auto& [name, target] : valued) {
-            if (argument != name)
-                continue;
-            if (i + 1 >= arguments.size())
-                throw UsageError(argument + " needs a value");
-            *target = QString::fromStdString(arguments[++i]);
-            matched = true;
-        }
-        if (matched)
-            continue;
-        if (argument == "--force")
-            options.force = true;
-        else if (!argument.empty() && argument[0] == '-')
-            throw UsageError("unknown option " + argument);
-        else if (haveSource)
-            throw UsageError("more than one SRC given");
-        else {
-            options.source = QString::fromStdString(argument);
-            haveSource = true;
-        }
+QString text(const std::string& value) {
+    return QString::fromStdString(value);
+}
+
+int parseDays(const std::string& value) {
+    std::size_t used = 0;
+    int days = 0;
+    try {
+        days = std::stoi(value, &used);
+    } catch (const std::exception&) {
+        used = 0;
     }
-    if (options.platform.isEmpty())
-        throw UsageError("--platform P is missing");
-    if (options.version.isEmpty())
-        throw UsageError("--version V is missing");
-    if (options.executable.isEmpty())
-        throw UsageError("--executable E is missing");
-    if (options.urlBase.isEmpty())
-        throw UsageError("--url-base URL is missing");
-    if (!haveSource || options.source.isEmpty())
+    if (used != value.size() || value.empty() || value[0] == '+' || days < 1 || days > kMostDays)
+        throw UsageError("--expires-in must be a whole number of days from 1 to " +
+                         std::to_string(kMostDays) + ", not \"" + value + "\"");
+    return days;
+}
+
+PackOptions parse(const std::vector<std::string>& arguments) {
+    const ReleaseOptions given(arguments,
+                               {"--platform", "--version", "--executable", "--url-base", "--out",
+                                "--key", "--sign-key", "--expires-in"},
+                               {"--force", "--dry-run"});
+    PackOptions options;
+    options.platform = text(given.required("--platform", "P"));
+    options.version = text(given.required("--version", "V"));
+    options.executable = text(given.required("--executable", "E"));
+    options.urlBase = text(given.required("--url-base", "URL"));
+    options.out = text(given.one("--out").value_or("."));
+    options.force = given.has("--force");
+    options.dryRun = given.has("--dry-run");
+    options.sealKeys = given.all("--key");
+    options.signKey = given.one("--sign-key");
+    if (const std::optional<std::string> days = given.one("--expires-in")) {
+        if (!options.signKey)
+            throw UsageError("--expires-in needs --sign-key: only a signed manifest can expire");
+        options.expiresInDays = parseDays(*days);
+    }
+    if (given.operands().size() > 1)
+        throw UsageError("more than one SRC given");
+    if (given.operands().empty() || given.operands().front().empty())
         throw UsageError("SRC is missing");
+    options.source = text(given.operands().front());
+
     if (!ReleaseFiles::isKnownPlatform(options.platform))
         throw UsageError("--platform must be macos-arm64 or macos-launcher-arm64, not \"" +
                          options.platform.toStdString() + "\"");
@@ -117,8 +142,8 @@ PackOptions parse(const std::vector<std::string>& arguments) {
     return options;
 }
 
-std::runtime_error failure(const QString& text) {
-    return std::runtime_error(text.toStdString());
+std::runtime_error failure(const QString& message) {
+    return std::runtime_error(message.toStdString());
 }
 
 // The game's executable must be there and runnable; the launcher would otherwise install a build
@@ -144,33 +169,44 @@ void checkLauncherBundle(const PackOptions& options, const QString& source) {
     if (!name.endsWith(QLatin1String(".app")) || options.executable.contains(QLatin1Char('/')))
         throw UsageError("a launcher release is an X.app bundle folder, not \"" +
                          name.toStdString() + "\"");
-    const QString executable = source + QLatin1Char('/') + QLatin1String(ReleaseFiles::kBundleExecutable);
-    if (!ReleaseFiles::isExecutableFile(executable))
-        throw failure(executable + QStringLiteral(": missing or not an executable file"));
-    if (!QFileInfo::exists(source + QLatin1Char('/') + QLatin1String(BundleSignature::kSealPath)))
-        throw failure(source + QStringLiteral(": the bundle is not sealed; run \"zentho-release "
-                                              "sign-bundle --key KEY\" on it first"));
+    // A launcher that sealed or named itself wrongly would be refused by every player's launcher,
+    // or installed again on every start: both are caught here, before anything is written.
+    ReleaseCheck::checkLauncherBundle(
+        source, options.version, QStringLiteral("--version"),
+        ReleaseKeys::chosen(options.sealKeys, ReleaseKeys::builtInSealKeys()));
 }
 
-// Creates the archive under a hidden name beside its final one and renames it into place only
-// once tar has succeeded and the listing passes the launcher's own rule.
-void writeArchive(const QString& archive, const QString& folder, const QStringList& members) {
-    QTemporaryFile names;
-    if (!names.open())
-        throw failure(QStringLiteral("cannot make a temporary file: ") + names.errorString());
-    for (const QString& member : members)
-        names.write(QFile::encodeName(member) + '\0');
-    names.flush();
+// The output folder, made unless this is a dry run; refused inside the source, also once
+// symlinks in its path are resolved.
+QString outputFolder(const PackOptions& options, const QString& source) {
+    const auto inside = [&source](const QString& folder) {
+        return folder == source || folder.startsWith(source + QLatin1Char('/'));
+    };
+    const QString absolute = QDir::cleanPath(QFileInfo(options.out).absoluteFilePath());
+    if (inside(absolute))
+        throw UsageError("--out must not be inside SRC");
+    if (options.dryRun && !QFileInfo(absolute).isDir())
+        return absolute;
+    if (!QDir().mkpath(options.out))
+        throw failure(options.out + QStringLiteral(": cannot be created"));
+    const QString out = QFileInfo(options.out).canonicalFilePath();
+    if (inside(out))
+        throw UsageError("--out must not be inside SRC");
+    return out;
+}
 
+// Packs into a hidden name beside the final one and renames it into place only once tar has
+// succeeded and the listing passes the launcher's own rule. A dry run only measures.
+PackedArchive packArchive(const QString& archive, const QString& folder, const QStringList& members,
+                          bool dryRun) {
+    if (dryRun)
+        return PackedArchive::make(folder, members, {});
     const QFileInfo target(archive);
     const QString partial = target.absolutePath() + QStringLiteral("/.") + target.fileName() +
                             QStringLiteral(".partial-") + QString::fromStdString(makeUpperUuid());
+    PackedArchive packed;
     try {
-        runTar({QStringLiteral("-czf"), partial, QStringLiteral("--sort=name"),
-                QStringLiteral("--owner=0"), QStringLiteral("--group=0"),
-                QStringLiteral("--numeric-owner"), QStringLiteral("-C"), folder,
-                QStringLiteral("--null"), QStringLiteral("--verbatim-files-from"),
-                QStringLiteral("-T"), names.fileName()});
+        packed = PackedArchive::make(folder, members, partial);
         checkArchiveListing(runTar({QStringLiteral("-tzf"), partial}));
     } catch (...) {
         QFile::remove(partial);
@@ -181,11 +217,18 @@ void writeArchive(const QString& archive, const QString& folder, const QStringLi
         QFile::remove(partial);
         throw failure(archive + QStringLiteral(": cannot be written"));
     }
+    return packed;
 }
 
 int runPack(const std::vector<std::string>& arguments) {
     const PackOptions options = parse(arguments);
     const bool launcher = options.platform == QLatin1String(ReleaseFiles::kLauncherPlatform);
+    std::optional<Ed25519Key> signingKey;
+    if (options.signKey) {
+        signingKey = Ed25519Key::fromFile(*options.signKey);
+        if (!signingKey->hasPrivateKey())
+            throw std::runtime_error(*options.signKey + ": is a public key; signing needs the private key");
+    }
 
     const QFileInfo sourceInfo(options.source);
     if (!sourceInfo.isDir())
@@ -199,45 +242,60 @@ int runPack(const std::vector<std::string>& arguments) {
         !problem.empty())
         throw std::runtime_error(problem);
 
-    // Checked before the folder is made, and again once symlinks in its path are resolved.
-    const auto inside = [&source](const QString& folder) {
-        return folder == source || folder.startsWith(source + QLatin1Char('/'));
-    };
-    if (inside(QDir::cleanPath(QFileInfo(options.out).absoluteFilePath())))
-        throw UsageError("--out must not be inside SRC");
-    if (!QDir().mkpath(options.out))
-        throw failure(options.out + QStringLiteral(": cannot be created"));
-    const QString out = QFileInfo(options.out).canonicalFilePath();
-    if (inside(out))
-        throw UsageError("--out must not be inside SRC");
-
+    const QString out = outputFolder(options, source);
     const QString archiveName = QStringLiteral("zentho-%1-%2.tar.gz").arg(options.version, options.platform);
     const QString archive = out + QLatin1Char('/') + archiveName;
     const QString manifestPath = out + QLatin1Char('/') + options.platform + QStringLiteral("-manifest.json");
-    for (const QString& path : {archive, manifestPath}) {
+    const QString signaturePath = manifestPath + QStringLiteral(".sig");
+    for (const QString& path : {archive, manifestPath, signaturePath}) {
         if (!options.force && QFileInfo(path).exists())
             throw failure(path + QStringLiteral(" already exists; use --force to replace it"));
     }
 
-    if (launcher)
-        writeArchive(archive, sourceInfo.dir().canonicalPath(), {options.executable});
-    else
-        writeArchive(archive, source,
-                     QDir(source).entryList(QDir::AllEntries | QDir::Hidden | QDir::System |
-                                                QDir::NoDotAndDotDot,
-                                            QDir::Name));
+    const PackedArchive packed =
+        launcher ? packArchive(archive, sourceInfo.dir().canonicalPath(), {options.executable}, options.dryRun)
+                 : packArchive(archive, source,
+                               QDir(source).entryList(QDir::AllEntries | QDir::Hidden | QDir::System |
+                                                          QDir::NoDotAndDotDot,
+                                                      QDir::Name),
+                               options.dryRun);
 
     ReleaseManifest manifest;
     manifest.version = options.version;
     manifest.platform = options.platform;
     manifest.url = QUrl(options.urlBase + QLatin1Char('/') + archiveName, QUrl::StrictMode);
-    manifest.sha256 = ReleaseFiles::sha256OfFile(archive);
+    manifest.sha256 = packed.sha256;
     manifest.executable = options.executable;
-    const QByteArray json = manifest.encode() + '\n';
+    QByteArray json = manifest.encode();
+    std::optional<QString> expires;
+    if (options.expiresInDays) {
+        expires = ManifestSignature::expiryText(
+            QDateTime::currentDateTimeUtc().addDays(*options.expiresInDays));
+        json.chop(1); // the closing brace; the extra member is read only by launchers that check
+        json += ",\"expires\":\"" + expires->toUtf8() + "\"}";
+    }
+    json += '\n';
     if (!(ReleaseManifest::decode(json) == manifest))
         throw failure(QStringLiteral("the manifest does not read back as written"));
-    ReleaseFiles::writeFileAtomically(manifestPath, json);
-    std::printf("%s\n", qPrintable(manifestPath));
+    const QByteArray signature =
+        signingKey ? QByteArray::fromStdString(signingKey->sign(json.toStdString())) : QByteArray();
+
+    // The signature goes down before the manifest it belongs to, and a stale one goes away.
+    if (!options.dryRun) {
+        if (signingKey)
+            ReleaseFiles::writeFileAtomically(signaturePath, signature);
+        else if (QFileInfo::exists(signaturePath) && !QFile::remove(signaturePath))
+            throw failure(signaturePath + QStringLiteral(": cannot be removed"));
+        ReleaseFiles::writeFileAtomically(manifestPath, json);
+    }
+    std::printf("archive: %s\nsize: %lld\nsha256: %s\nmanifest: %s\n", qPrintable(archive),
+                static_cast<long long>(packed.size), qPrintable(packed.sha256), qPrintable(manifestPath));
+    if (signingKey)
+        std::printf("signature: %s\n", qPrintable(signaturePath));
+    if (expires)
+        std::printf("expires: %s\n", qPrintable(*expires));
+    if (options.dryRun)
+        std::printf("content: %s" "dry run: nothing was written\n", json.constData());
     return 0;
 }
 

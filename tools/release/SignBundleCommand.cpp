@@ -1,8 +1,11 @@
 // zentho-release sign-bundle: seals a launcher bundle with a private key.
 
 #include "ReleaseCommand.h"
+#include "ReleaseFiles.h"
 
 #include "update/BundleSignature.h"
+
+#include <QFile>
 
 #include <string>
 
@@ -14,7 +17,8 @@ const char kUsage[] =
     "Seals every entry of BUNDLE.app (files with their contents, folders, symlinks with their\n"
     "targets, permission modes) with the Ed25519 private key in KEY (PEM) and writes the seal to\n"
     "BUNDLE.app/Contents/_CodeSignature/Signature, replacing an earlier one. Sign last: any\n"
-    "change to the bundle afterwards breaks the seal.\n";
+    "change to the bundle afterwards breaks the seal. BUNDLE.app must be a launcher bundle,\n"
+    "with an executable Contents/MacOS/ZenthoLauncher.\n";
 
 int runSignBundle(const std::vector<std::string>& arguments) {
     std::string key;
@@ -40,6 +44,11 @@ int runSignBundle(const std::vector<std::string>& arguments) {
     const Ed25519Key signingKey = Ed25519Key::fromFile(key);
     if (!signingKey.hasPrivateKey())
         throw std::runtime_error(key + ": is a public key; signing needs the private key");
+    // A seal written into a game folder or any other folder by mistake would change it, and
+    // could be packed as a launcher later.
+    if (!ReleaseFiles::isExecutableFile(QFile::decodeName(QByteArray::fromStdString(bundle + "/" + ReleaseFiles::kBundleExecutable))))
+        throw std::runtime_error(bundle + ": not a launcher bundle (no executable " +
+                                 ReleaseFiles::kBundleExecutable + ")");
     BundleSignature::sign(bundle, signingKey);
     return 0;
 }
