@@ -38,19 +38,19 @@ private slots:
     void helpNamesEveryCommand() {
         const Run help = ReleaseTool::run({QStringLiteral("--help")});
         QCOMPARE(help.exitCode, 0);
-        for (const char* command : {"keygen", "sign-bundle", "pack", "verify"})
+        for (const char* command : {"keygen", "sign-bundle", "pack", "verify", "publish"})
             QVERIFY2(help.output.contains(QByteArray("  ") + command + ' '), help.output.constData());
-        for (const QString& command : {QStringLiteral("pack"), QStringLiteral("verify")}) {
+        for (const QString& command : {QStringLiteral("pack"), QStringLiteral("verify"), QStringLiteral("publish")}) {
             const Run usage = ReleaseTool::run({command, QStringLiteral("--help")});
             QCOMPARE(usage.exitCode, 0);
             QVERIFY(usage.output.startsWith("usage: zentho-release " + command.toUtf8()));
         }
     }
     void anUnknownCommandFailsWithOneLine() {
-        const Run unknown = ReleaseTool::run({QStringLiteral("publish")});
+        const Run unknown = ReleaseTool::run({QStringLiteral("unpublish")});
         QCOMPARE(unknown.exitCode, 2);
         QVERIFY(unknown.failedWithOneLine());
-        QVERIFY(unknown.errors.contains("unknown command \"publish\""));
+        QVERIFY(unknown.errors.contains("unknown command \"unpublish\""));
         QCOMPARE(ReleaseTool::run({}).exitCode, 2);
     }
 
@@ -128,6 +128,46 @@ private slots:
                                               LauncherBundles::testKey(), path(QStringLiteral("none.app"))});
         QCOMPARE(missing.exitCode, 1);
         QVERIFY(missing.failedWithOneLine());
+    }
+
+    // A seal in a folder that is no launcher bundle would change it and could be packed later.
+    void signBundleRefusesAFolderThatIsNoLauncherBundle() {
+        const QString game = path(QStringLiteral("game"));
+        TestFiles::makeBuild(game);
+        const Run refused = ReleaseTool::run({QStringLiteral("sign-bundle"), QStringLiteral("--key"),
+                                              LauncherBundles::testKey(), game});
+        QCOMPARE(refused.exitCode, 1);
+        QCOMPARE(refused.errors, "zentho-release sign-bundle: " + QFile::encodeName(game) +
+                                     ": not a launcher bundle (no executable Contents/MacOS/ZenthoLauncher)\n");
+        QVERIFY(!QFileInfo::exists(game + QStringLiteral("/Contents")));
+
+        // Its twin: the same folder with a launcher executable is sealed.
+        TestFiles::writeScript(game + QStringLiteral("/Contents/MacOS/ZenthoLauncher"), "exit 0\n");
+        const Run sealed = ReleaseTool::run({QStringLiteral("sign-bundle"), QStringLiteral("--key"),
+                                             LauncherBundles::testKey(), game});
+        QVERIFY2(sealed.ok(), sealed.errors.constData());
+        QVERIFY(QFileInfo::exists(game + QStringLiteral("/Contents/_CodeSignature/Signature")));
+    }
+
+    // Rotation: a verifier built to trust the current and the next key accepts a seal by either,
+    // and by nothing else.
+    void aVerifierTrustingTwoKeysAcceptsASealByEither() {
+        const QString nextKey = LauncherBundles::buildDir() + QStringLiteral("/signing/test-next.key");
+        for (const QString& key : {LauncherBundles::testKey(), nextKey,
+                                   LauncherBundles::buildDir() + QStringLiteral("/signing/development.key")}) {
+            const QString bundle = path(QFileInfo(key).baseName() + QStringLiteral("/ZenthoLauncher.app"));
+            TestFiles::makeFolder(QFileInfo(bundle).absolutePath());
+            ReleaseTool::copyTree(LauncherBundles::builtBundle(), bundle);
+            QVERIFY(LauncherBundles::seal(bundle, key));
+            QProcess verifier;
+            verifier.start(LauncherBundles::testVerifier(),
+                           {QStringLiteral("--verify"), QStringLiteral("--deep"), QStringLiteral("--strict"), bundle});
+            QVERIFY(verifier.waitForFinished(60000));
+            const bool trusted = !key.endsWith(QLatin1String("development.key"));
+            QCOMPARE(verifier.exitCode(), trusted ? 0 : 1);
+            QCOMPARE(verifier.readAllStandardError(),
+                     trusted ? QByteArray() : QByteArray("Contents/_CodeSignature/Signature: not signed by a trusted key\n"));
+        }
     }
 };
 

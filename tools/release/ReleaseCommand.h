@@ -25,3 +25,4 @@ extern const ReleaseCommand keygenCommand;
 extern const ReleaseCommand signBundleCommand;
 extern const ReleaseCommand packCommand;
 extern const ReleaseCommand verifyCommand;
+extern const ReleaseCommand publishCommand;

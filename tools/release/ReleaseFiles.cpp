@@ -3,12 +3,18 @@
 #include "update/Archive.h"
 #include "update/Sha256.h"
 
+#include <Uuid.h>
+
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
 
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,6 +50,79 @@ void writeFileAtomically(const QString& path, const QByteArray& bytes) {
                                  file.errorString().toStdString());
     // QSaveFile creates the file 0600; what is published must be readable by the web server.
     ::chmod(QFile::encodeName(path).constData(), 0644);
+}
+
+QByteArray readFile(const QString& path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw std::runtime_error(path.toStdString() + ": cannot be read: " +
+                                 file.errorString().toStdString());
+    return file.readAll();
+}
+
+namespace {
+
+std::runtime_error cannotWrite(const QString& path, int err) {
+    return std::runtime_error(path.toStdString() + ": cannot be written: " + std::strerror(err));
+}
+
+// Makes the folder entry of a rename in `folder` reach the disk.
+void syncFolder(const QString& folder) {
+    const int fd = ::open(QFile::encodeName(folder).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        ::fsync(fd);
+        ::close(fd);
+    }
+}
+
+} // namespace
+
+void copyFileDurably(const QString& from, const QString& to) {
+    const QFileInfo target(to);
+    const QString folder = target.absolutePath();
+    if (!QDir().mkpath(folder))
+        throw std::runtime_error(folder.toStdString() + ": cannot be created");
+    const QString partial = folder + QStringLiteral("/.") + target.fileName() +
+                            QStringLiteral(".partial-") + QString::fromStdString(makeUpperUuid());
+    QFile source(from);
+    if (!source.open(QIODevice::ReadOnly))
+        throw std::runtime_error(from.toStdString() + ": cannot be read: " +
+                                 source.errorString().toStdString());
+    const int fd = ::open(QFile::encodeName(partial).constData(),
+                          O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0)
+        throw cannotWrite(to, errno);
+    int err = ::fchmod(fd, 0644) == 0 ? 0 : errno;
+    QByteArray buffer(1 << 20, Qt::Uninitialized);
+    while (err == 0) {
+        const qint64 got = source.read(buffer.data(), buffer.size());
+        if (got < 0) {
+            ::close(fd);
+            ::unlink(QFile::encodeName(partial).constData());
+            throw std::runtime_error(from.toStdString() + ": cannot be read: " +
+                                     source.errorString().toStdString());
+        }
+        if (got == 0)
+            break;
+        for (qint64 done = 0; done < got && err == 0;) {
+            const ssize_t wrote = ::write(fd, buffer.constData() + done, std::size_t(got - done));
+            if (wrote < 0 && errno != EINTR)
+                err = errno;
+            else if (wrote > 0)
+                done += wrote;
+        }
+    }
+    if (err == 0 && ::fsync(fd) != 0)
+        err = errno;
+    if (::close(fd) != 0 && err == 0)
+        err = errno;
+    if (err == 0 && ::rename(QFile::encodeName(partial).constData(), QFile::encodeName(to).constData()) != 0)
+        err = errno;
+    if (err != 0) {
+        ::unlink(QFile::encodeName(partial).constData());
+        throw cannotWrite(to, err);
+    }
+    syncFolder(folder);
 }
 
 bool isExecutableFile(const QString& path) {

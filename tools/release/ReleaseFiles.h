@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 
 // File helpers shared by the packing and checking subcommands.
@@ -20,6 +21,14 @@ QString sha256OfFile(const QString& path);
 // Writes `bytes` to a hidden sibling of `path` and renames it into place, so a reader (or a web
 // server) never sees half a file. Throws std::runtime_error naming `path`.
 void writeFileAtomically(const QString& path, const QByteArray& bytes);
+
+// The whole file at `path`. Throws std::runtime_error naming the file when it cannot be read.
+QByteArray readFile(const QString& path);
+
+// Copies `from` to `to` as a publisher needs it: folders up to `to` are made (0755), the bytes go
+// to a hidden sibling created new (0644), reach the disk, and only then take the name `to` by
+// one rename, which a reader sees happen at once. Throws std::runtime_error naming the file.
+void copyFileDurably(const QString& from, const QString& to);
 
 // True for an existing regular file (symlinks followed) that this process may execute.
 bool isExecutableFile(const QString& path);

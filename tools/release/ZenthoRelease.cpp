@@ -1,4 +1,4 @@
-// zentho-release: the release engineer's tool for launcher builds. Each subcommand is one
+// zentho-release: the release engineer's tool for launcher and game releases. Each subcommand is one
 // ReleaseCommand in its own file; errors are one line on standard error and a non-zero status
 // (2 for a bad command line, 1 for anything else).
 
@@ -13,7 +13,8 @@ namespace {
 
 const std::vector<const ReleaseCommand*>& commands() {
     static const std::vector<const ReleaseCommand*> all{&keygenCommand, &signBundleCommand,
-                                                        &packCommand, &verifyCommand};
+                                                        &packCommand, &verifyCommand,
+                                                        &publishCommand};
     return all;
 }
 
