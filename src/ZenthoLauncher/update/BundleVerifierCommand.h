@@ -8,7 +8,7 @@
 //
 // `argv[0]` is the program's name. Exit status 0: the bundle is sealed by one of the keys in
 // `trustedPublicKeysPem` (one or more PEM public keys, one after the other) and nothing in it
-// differs from the seal. 1: it is not, with the reason on one line of standard
-// error. 2: the command line is not the one above. Every check is deep and strict; the options
-// are there so the command reads the same as the platform tool it stands in for.
+// differs from the seal. 1: it is not, with the reason on one line of standard error. 2: the
+// command line is not the one above. Every check is deep and strict; the options are there so
+// the command reads the same as the platform tool it stands in for.
 int runBundleVerifier(int argc, char** argv, const char* trustedPublicKeysPem);
