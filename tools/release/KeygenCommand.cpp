@@ -1,4 +1,4 @@
-// zentho-release keygen: makes the Ed25519 key pair that seals launcher bundles.
+// zentho-release keygen: makes an Ed25519 key pair that seals launcher bundles or signs manifests.
 
 #include "ReleaseCommand.h"
 
@@ -20,7 +20,8 @@ const char kUsage[] =
     "Makes a new Ed25519 key pair: the private key goes to KEY (PEM, mode 0600), the public key\n"
     "to KEY.pub (PEM, mode 0644). Existing files are kept unless --force is given.\n"
     "Configure the launcher build with -DZENTHO_SIGNING_PUBLIC_KEY=KEY.pub to make it trust\n"
-    "bundles sealed with KEY.\n";
+    "bundles sealed with KEY, or with -DZENTHO_MANIFEST_PUBLIC_KEYS=KEY.pub to make it require\n"
+    "manifests signed with KEY (each takes several keys separated by \";\").\n";
 
 bool exists(const std::string& path) {
     struct stat info {};
@@ -78,5 +79,5 @@ int runKeygen(const std::vector<std::string>& arguments) {
 
 } // namespace
 
-const ReleaseCommand keygenCommand{"keygen", "make an Ed25519 key pair for sealing bundles",
+const ReleaseCommand keygenCommand{"keygen", "make an Ed25519 key pair for seals or manifests",
                                    kUsage, &runKeygen};
