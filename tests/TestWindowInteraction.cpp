@@ -34,7 +34,7 @@ private slots:
         QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("copyDataFolderButton").center());
         QCOMPARE(f.platform.clipboardWrites.size(), 1);
         QCOMPARE(f.platform.clipboardWrites.first(), f.home.path() + QStringLiteral("/Zentho"));
-        QCOMPARE(f.property("statusText", "text").toString(), f.model->status());
+        QCOMPARE(f.property("statusText", "fullText").toString(), f.model->status());
         QVERIFY(f.model->status() != QStringLiteral("Ready"));
     }
 
@@ -77,7 +77,7 @@ private slots:
         // No manifest and no seed build at this made-up bundle: the flow ends in a failure.
         QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 10000);
         QVERIFY(f.model->status().startsWith(QStringLiteral("Update failed: ")));
-        QCOMPARE(f.property("statusText", "text").toString(), f.model->status());
+        QCOMPARE(f.property("statusText", "fullText").toString(), f.model->status());
         auto* label = f.item("updateAndPlayButton")->findChild<QQuickItem*>(QStringLiteral("prominentButtonLabel"));
         QCOMPARE(label->property("text").toString(), kMainLabel);
     }
@@ -113,7 +113,7 @@ private slots:
         ScopedDataHome home;
         RecordingPlatform platform(WindowFixture::kBundleExe, {WindowFixture::kBundleExe});
         LauncherModel model(platform);
-        MainWindow window(model);
+        MainWindow window(model, platform);
         QVERIFY(QGuiApplication::focusWindow() != window.window());
         window.show();
         QTRY_COMPARE(QGuiApplication::focusWindow(), window.window());

@@ -60,7 +60,7 @@ int main(int argc, char** argv) {
     LinuxPlatform platform;
     LauncherModel model(platform);
     try {
-        MainWindow window(model);
+        MainWindow window(model, platform);
         QObject::connect(&channel, &InviteChannel::inviteReceived, window.window(),
                          [&](const QString& forwarded) {
                              window.bringToFront();

@@ -15,7 +15,7 @@ WindowFixture::WindowFixture(const QStringList& savedVersions) {
     for (const QString& version : savedVersions)
         TestFiles::makeBuild(home.versionsRoot() + QLatin1Char('/') + version);
     model = std::make_unique<LauncherModel>(platform);
-    window = std::make_unique<MainWindow>(*model);
+    window = std::make_unique<MainWindow>(*model, platform);
     window->show();
     QVERIFY(QTest::qWaitForWindowExposed(window->window()));
 }

@@ -12,7 +12,7 @@
 
 const char* const MainWindow::kSource = "qrc:/ZenthoLauncher/Main.qml";
 
-MainWindow::MainWindow(LauncherModel& model) {
+MainWindow::MainWindow(LauncherModel& model, Platform& platform) : clipboard_(platform) {
     // The window's colours are its own; the Basic style is the one that draws controls with the
     // colours it is given instead of the desktop's theme. It must be chosen before any control is
     // loaded.
@@ -20,7 +20,8 @@ MainWindow::MainWindow(LauncherModel& model) {
 
     QQmlComponent component(&engine_, QUrl(QString::fromLatin1(kSource)));
     std::unique_ptr<QObject> root(component.createWithInitialProperties(
-        {{QStringLiteral("launcher"), QVariant::fromValue(static_cast<QObject*>(&model))}}));
+        {{QStringLiteral("launcher"), QVariant::fromValue(static_cast<QObject*>(&model))},
+         {QStringLiteral("clipboard"), QVariant::fromValue(static_cast<QObject*>(&clipboard_))}}));
     auto* window = qobject_cast<QQuickWindow*>(root.get());
     if (!window) {
         QStringList messages;
