@@ -114,6 +114,24 @@ private slots:
         QCOMPARE(f().runningLabel(), QByteArray("new\n"));
     }
 
+    void aPendingInviteGoesToTheNewLauncher() {
+        ScopedDataHome home;
+        const QString source = f().makeNewBundle();
+        const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")});
+        TestFiles::writeFile(modelManifest_, LauncherUpdateFixture::manifestJson(
+                                                 QStringLiteral("0.2.0"), QStringLiteral("macos-launcher-arm64"),
+                                                 f().archiveUrl(archive), LauncherUpdateFixture::hexDigest(archive),
+                                                 QStringLiteral("ZenthoLauncher.app")));
+        LauncherModel model(f().platform());
+        LauncherModelProbe::setPendingInvite(model, QStringLiteral("zentho://join/first"));
+        QCoro::Task<bool> update = LauncherModelProbe::updateLauncherIfNeeded(model);
+        // The invite that is pending when the swap is handed over is the one that goes.
+        LauncherModelProbe::setPendingInvite(model, QStringLiteral("zentho://join/latest"));
+        QCOMPARE(LauncherUpdateFixture::wait(std::move(update)), true);
+        QVERIFY2(LauncherBundles::waitForRecorded(f().record(), "new\n--\nzentho://join/latest\n"),
+                 LauncherBundles::recorded(f().record()).constData());
+    }
+
     void readOnlyParentFolderIsRefused() {
         if (!qEnvironmentVariableIsSet(kInNamespace)) {
             // Root may write anywhere a mount allows, so the folder is made read-only by a mount,

@@ -1,7 +1,7 @@
 // The launcher's update of itself, end to end with real processes: a copy of the built 0.1.190
 // bundle is started for an invite link against a launcher release 0.2.0 that zentho-release
 // sealed and packed and nginx serves over HTTPS. The old launcher quits, the finish script swaps
-// the bundles once it has gone, and the new launcher starts from the old path.
+// the bundles once it has gone, and the new launcher starts from the old path with the invite.
 
 #include "LauncherBundles.h"
 #include "RealLauncher.h"
@@ -75,16 +75,6 @@ class TestLauncherSelfUpdate : public QObject {
         }
         return false;
     }
-    QList<qint64> waitForProcesses(const QString& executable, int timeoutMs = 20000) {
-        QDeadlineTimer deadline(timeoutMs);
-        while (!deadline.hasExpired()) {
-            const QList<qint64> found = RealLauncher::processesRunning(executable);
-            if (!found.isEmpty())
-                return found;
-            QTest::qWait(100);
-        }
-        return {};
-    }
 
 private slots:
     void initTestCase() {
@@ -131,10 +121,18 @@ private slots:
         QCOMPARE(RealLauncher::versionOf(launcherRoot() + QLatin1Char('/') + backups.first()),
                  QStringLiteral("0.1.190"));
 
-        // The new launcher runs from the old path; the update did not start a game.
-        leftovers_ = waitForProcesses(RealLauncher::executableOf(installedBundle()));
-        QCOMPARE(leftovers_.size(), 1);
-        QVERIFY(!QFileInfo::exists(path(QStringLiteral("record"))));
+        // The new launcher runs from the old path and follows the invite that led to the update:
+        // it finds no newer launcher, falls back to its own seed game and hands it the link.
+        const QByteArray recorded = RealLauncher::waitForGameRecord(path(QStringLiteral("record")));
+        QVERIFY2(recorded.startsWith("version=0.2.0\n"), (recorded + old.errors()).constData());
+        QVERIFY(recorded.contains("cwd=" + QFile::encodeName(installedBundle()) +
+                                  "/Contents/Resources/SeedRuntime\n"));
+        QVERIFY(recorded.contains("\narg=zentho://invite/after-update\npid="));
+        leftovers_ << RealLauncher::recordedPid(recorded);
+        // Having started the game, the new launcher quits.
+        QVERIFY(QTest::qWaitFor(
+            [&] { return RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle())).isEmpty(); },
+            20000));
     }
 
     void aNewLauncherChangedAfterItsSealIsRefusedAndTheOldOneStartsTheGame() {
