@@ -57,7 +57,11 @@ int main(int argc, char** argv) {
     static int qtArgc = 1;
     static char* qtArgv[] = {argv[0], nullptr};
     QGuiApplication app(qtArgc, qtArgv);
-    app.setApplicationName(QStringLiteral("ZENTHO Launcher"));
+    // The name is the window's class (WM_CLASS on X11), the same whatever path started the
+    // launcher, so desktops tie its window to the desktop entry (StartupWMClass) also after a
+    // self-update has started it from inside the bundle.
+    app.setApplicationName(QStringLiteral("zentho-launcher"));
+    app.setApplicationDisplayName(QStringLiteral("ZENTHO Launcher"));
     app.setApplicationVersion(launcherVersion());
     app.setDesktopFileName(QStringLiteral("zentho-launcher"));
 

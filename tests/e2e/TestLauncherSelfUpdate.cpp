@@ -8,6 +8,9 @@
 #include "ReleaseTool.h"
 #include "TestFiles.h"
 #include "TestServer.h"
+#include "WindowFixture.h"
+#include "WindowIdentity.h"
+#include "XvfbSession.h"
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -133,6 +136,49 @@ private slots:
         QVERIFY(QTest::qWaitFor(
             [&] { return RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle())).isEmpty(); },
             20000));
+    }
+
+    // The desktop ties a window to the desktop entry by its class, and shows the icon the
+    // window carries: the launcher the finish script starts from inside the bundle has both.
+    void theUpdatedLaunchersWindowHasTheEntrysClassAndIcon() {
+        QRect button;
+        {
+            // The same window, offscreen in this process, tells where the button is drawn.
+            WindowFixture window;
+            button = window.rectOf("updateAndPlayButton");
+        }
+        TestServer server;
+        installOldLauncher();
+        const QString manifest = publishLauncher020(server);
+        XvfbSession screen;
+        QVERIFY(!screen.display().isEmpty());
+        RealLauncher old(installedBundle(), dataHome());
+        old.useManifests(server.url(QStringLiteral("/release/macos-arm64-manifest.json")).toString(), manifest);
+        old.environment().insert(QStringLiteral("DISPLAY"), screen.display());
+        old.environment().insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
+        old.start(server, QString()); // no link: the player presses the button
+        const std::optional<QRect> window = screen.waitForWindow(QStringLiteral("ZENTHO Launcher"));
+        QVERIFY2(window, old.errors().constData());
+        // A click that lands before the window takes input is lost; the first that counts ends
+        // the old launcher.
+        std::optional<int> ended;
+        for (int attempt = 0; attempt < 6 && !ended; ++attempt) {
+            QVERIFY(screen.click(window->topLeft() + button.center()));
+            ended = old.waitForExit(3000);
+        }
+        QCOMPARE(ended, std::optional<int>(0));
+        QVERIFY2(waitForVersion(QStringLiteral("0.2.0")), old.errors().constData());
+
+        // Only the new launcher's window is left; it stays open, as no link came with it.
+        const std::optional<QString> shown = screen.waitForWindowId(QStringLiteral("ZENTHO Launcher"));
+        leftovers_ = RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle()));
+        QVERIFY(shown);
+        QCOMPARE(leftovers_.size(), 1);
+        QCOMPARE(screen.windowProperty(*shown, QStringLiteral("_NET_WM_PID")),
+                 QStringLiteral("_NET_WM_PID = %1").arg(leftovers_.first()));
+        QCOMPARE(WindowIdentity::windowClass(screen, *shown), WindowIdentity::entryWindowClass());
+        QString why;
+        QVERIFY2(WindowIdentity::carriesTheLauncherIcon(screen, *shown, &why), qPrintable(why));
     }
 
     void aNewLauncherChangedAfterItsSealIsRefusedAndTheOldOneStartsTheGame() {

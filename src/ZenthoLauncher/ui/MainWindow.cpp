@@ -2,6 +2,7 @@
 
 #include "model/LauncherModel.h"
 
+#include <QIcon>
 #include <QMetaObject>
 #include <QQmlComponent>
 #include <QQuickStyle>
@@ -11,6 +12,7 @@
 #include <stdexcept>
 
 const char* const MainWindow::kSource = "qrc:/ZenthoLauncher/Main.qml";
+const char* const MainWindow::kIcon = ":/ZenthoLauncher/zentho-launcher.png";
 
 MainWindow::MainWindow(LauncherModel& model, Platform& platform) : clipboard_(platform) {
     // The window's colours are its own; the Basic style is the one that draws controls with the
@@ -33,6 +35,8 @@ MainWindow::MainWindow(LauncherModel& model, Platform& platform) : clipboard_(pl
     }
     root.release();
     window_.reset(window);
+    // Without it a desktop that cannot tie the window to the desktop entry shows a generic icon.
+    window_->setIcon(QIcon(QString::fromLatin1(kIcon)));
 }
 
 MainWindow::~MainWindow() = default;

@@ -17,6 +17,8 @@ class MainWindow {
 public:
     // Where the window's QML lives in the resources.
     static const char* const kSource;
+    // The window's icon in the resources: the picture the desktop entry's icon shows.
+    static const char* const kIcon;
 
     // Throws std::runtime_error with the QML engine's messages when the window cannot be built.
     MainWindow(LauncherModel& model, Platform& platform);
