@@ -60,6 +60,16 @@ private:
 
     LauncherUpdateFixture& f() { return *f_; }
 
+    // A sealed 0.2.0 launcher served by nginx, named by the manifest the model reads.
+    void publishNewLauncherForTheModel() {
+        const QString source = f().makeNewBundle();
+        const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")});
+        TestFiles::writeFile(modelManifest_, LauncherUpdateFixture::manifestJson(
+                                                 QStringLiteral("0.2.0"), QStringLiteral("macos-launcher-arm64"),
+                                                 f().archiveUrl(archive), LauncherUpdateFixture::hexDigest(archive),
+                                                 QStringLiteral("ZenthoLauncher.app")));
+    }
+
 private slots:
     void initTestCase() {
         TestServer::trustInThisProcess();
@@ -93,12 +103,7 @@ private slots:
 
     void modelStagesIntoItsStorageAndStartsTheSwap() {
         ScopedDataHome home;
-        const QString source = f().makeNewBundle();
-        const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")});
-        TestFiles::writeFile(modelManifest_, LauncherUpdateFixture::manifestJson(
-                                                 QStringLiteral("0.2.0"), QStringLiteral("macos-launcher-arm64"),
-                                                 f().archiveUrl(archive), LauncherUpdateFixture::hexDigest(archive),
-                                                 QStringLiteral("ZenthoLauncher.app")));
+        publishNewLauncherForTheModel();
         LauncherModel model(f().platform());
         QStringList statuses;
         connect(&model, &LauncherModel::statusChanged, this, [&] { statuses.append(model.status()); });
@@ -116,12 +121,7 @@ private slots:
 
     void aPendingInviteGoesToTheNewLauncher() {
         ScopedDataHome home;
-        const QString source = f().makeNewBundle();
-        const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")});
-        TestFiles::writeFile(modelManifest_, LauncherUpdateFixture::manifestJson(
-                                                 QStringLiteral("0.2.0"), QStringLiteral("macos-launcher-arm64"),
-                                                 f().archiveUrl(archive), LauncherUpdateFixture::hexDigest(archive),
-                                                 QStringLiteral("ZenthoLauncher.app")));
+        publishNewLauncherForTheModel();
         LauncherModel model(f().platform());
         LauncherModelProbe::setPendingInvite(model, QStringLiteral("zentho://join/first"));
         QCoro::Task<bool> update = LauncherModelProbe::updateLauncherIfNeeded(model);

@@ -7,7 +7,6 @@
 #include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QUrl>
 
 namespace {
 const QString kMainLabel = QStringLiteral("CHECK FOR UPDATES & PLAY");
@@ -22,11 +21,7 @@ class TestWindowInteraction : public QObject {
 
 private slots:
     // The main button's flow runs offline here: its manifests are files that do not exist.
-    void initTestCase() {
-        qputenv("ZENTHO_UPDATE_MANIFEST", QUrl::fromLocalFile(nowhere_.filePath("game.json")).toEncoded());
-        qputenv("ZENTHO_LAUNCHER_UPDATE_MANIFEST",
-                QUrl::fromLocalFile(nowhere_.filePath("launcher.json")).toEncoded());
-    }
+    void initTestCase() { WindowFixture::useMissingManifestsIn(nowhere_.path()); }
 
     void clickingTheLinkCopiesTheDataFolder() {
         WindowFixture f;

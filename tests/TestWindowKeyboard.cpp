@@ -12,7 +12,6 @@
 #include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QUrl>
 
 namespace {
 
@@ -55,11 +54,7 @@ class TestWindowKeyboard : public QObject {
 
 private slots:
     // The main button's flow runs offline here: its manifests are files that do not exist.
-    void initTestCase() {
-        qputenv("ZENTHO_UPDATE_MANIFEST", QUrl::fromLocalFile(nowhere_.filePath("game.json")).toEncoded());
-        qputenv("ZENTHO_LAUNCHER_UPDATE_MANIFEST",
-                QUrl::fromLocalFile(nowhere_.filePath("launcher.json")).toEncoded());
-    }
+    void initTestCase() { WindowFixture::useMissingManifestsIn(nowhere_.path()); }
 
     void mainButtonHasTheFocusAndNoRingWhenTheWindowOpens() {
         WindowFixture f({QStringLiteral("0.2.0")});

@@ -7,9 +7,16 @@
 #include <QQuickItem>
 #include <QQuickWindow>
 #include <QTest>
+#include <QUrl>
 
 const QString WindowFixture::kBundleExe =
     QStringLiteral("/opt/games/ZenthoLauncher.app/Contents/MacOS/ZenthoLauncher");
+
+void WindowFixture::useMissingManifestsIn(const QString& folder) {
+    qputenv("ZENTHO_UPDATE_MANIFEST", QUrl::fromLocalFile(folder + QStringLiteral("/game.json")).toEncoded());
+    qputenv("ZENTHO_LAUNCHER_UPDATE_MANIFEST",
+            QUrl::fromLocalFile(folder + QStringLiteral("/launcher.json")).toEncoded());
+}
 
 WindowFixture::WindowFixture(const QStringList& savedVersions) {
     for (const QString& version : savedVersions)
