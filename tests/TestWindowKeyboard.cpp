@@ -109,8 +109,13 @@ private slots:
 
     void clickingGivesFocusWithoutARing() {
         WindowFixture f({QStringLiteral("0.2.0")});
+        QTRY_COMPARE(focusedName(f), QStringLiteral("updateAndPlayButton"));
+        // The status line is the keyboard's: a click on it leaves the focus where it was.
         QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("statusText").center());
-        QTRY_COMPARE(focusedName(f), QStringLiteral("statusText"));
+        QCOMPARE(focusedName(f), QStringLiteral("updateAndPlayButton"));
+        QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("copyDataFolderButton").center());
+        QTRY_COMPARE(focusedName(f), QStringLiteral("copyDataFolderButton"));
+        QCOMPARE(f.platform.clipboardWrites.size(), 1);
         QCOMPARE(limeOutsideTitle(f, f.grab()), 0);
     }
 

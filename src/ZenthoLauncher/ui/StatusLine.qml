@@ -19,7 +19,9 @@ Control {
     // Puts the exact status on the clipboard.
     signal copyRequested(string text)
 
-    focusPolicy: Qt.StrongFocus
+    // The keyboard's way to the whole text; the mouse has the hover and the context menu, and a
+    // click leaves the focus (and no tooltip) where it was.
+    focusPolicy: Qt.TabFocus
     hoverEnabled: true
     padding: 0
     Accessible.role: Accessible.StatusBar
@@ -71,11 +73,12 @@ Control {
     ToolTip {
         id: wholeText
         objectName: "statusToolTip"
-        // Below the line, as wide as the window allows, wrapped where it must be.
+        // Above the line, so the buttons below stay free, as wide as the window allows and
+        // wrapped where it must be.
         readonly property real widest: (statusLine.Window.width > 0 ? statusLine.Window.width
                                                                     : statusLine.width) - 24
         x: (statusLine.width - width) / 2
-        y: statusLine.height + 4
+        y: -height - 4
         width: Math.min(implicitWidth, widest)
         closePolicy: Popup.NoAutoClose
         visible: (statusLine.activeFocus || (statusLine.hovered && statusLine.truncated))
