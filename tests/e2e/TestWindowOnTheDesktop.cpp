@@ -30,6 +30,11 @@ class TestWindowOnTheDesktop : public QObject {
         QProcessEnvironment env;
         env.insert(QStringLiteral("PATH"), qEnvironmentVariable("PATH"));
         env.insert(QStringLiteral("HOME"), home());
+        // A sanitized build keeps the sanitizer settings the test run was given.
+        for (const char* name : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
+            if (qEnvironmentVariableIsSet(name))
+                env.insert(QString::fromLatin1(name), qEnvironmentVariable(name));
+        }
         env.insert(QStringLiteral("XDG_RUNTIME_DIR"), tmp_.filePath(QStringLiteral("runtime")));
         env.insert(QStringLiteral("DISPLAY"), screen.display());
         env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
