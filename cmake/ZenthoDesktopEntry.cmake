@@ -1,9 +1,12 @@
-# Runs at install time, after the bundle has been copied: puts `zentho-launcher` on the PATH,
-# writes the desktop entry that handles zentho: links and makes it the user's handler.
+# Runs at install time, after the bundle has been copied: puts `zentho-launcher` on the PATH and
+# writes the desktop entry that handles zentho: links, the AppStream data and the command that
+# uninstalls all of it.
 set(zentho_root "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}")
 set(zentho_command "${CMAKE_INSTALL_PREFIX}/bin/zentho-launcher")
 set(zentho_apps "${zentho_root}/share/applications")
 set(zentho_entry "${zentho_apps}/zentho-launcher.desktop")
+set(zentho_metainfo "${zentho_root}/share/metainfo/${ZENTHO_APPSTREAM_ID}.metainfo.xml")
+set(zentho_uninstall "${zentho_root}/bin/zentho-launcher-uninstall")
 
 # A relative link keeps the install movable; the launcher finds its bundle through the link.
 file(MAKE_DIRECTORY "${zentho_root}/bin")
@@ -12,89 +15,40 @@ file(CREATE_LINK "../${ZENTHO_INSTALL_BUNDLE}/Contents/MacOS/ZenthoLauncher"
     "${zentho_root}/bin/zentho-launcher" SYMBOLIC)
 message(STATUS "Installing: ${zentho_root}/bin/zentho-launcher")
 
-file(READ "${ZENTHO_DESKTOP_TEMPLATE}" zentho_template)
-# Exec takes a quoted argument (backslash, quote, backquote and dollar escaped, "%" doubled)
-# inside a string value (backslash escaped once more); TryExec is a plain string value.
-set(zentho_quoted "${zentho_command}")
-string(REPLACE "\\" "\\\\\\\\" zentho_quoted "${zentho_quoted}")
-foreach(zentho_char "\"" "`" "$")
-    string(REPLACE "${zentho_char}" "\\\\${zentho_char}" zentho_quoted "${zentho_quoted}")
-endforeach()
-string(REPLACE "%" "%%" zentho_quoted "${zentho_quoted}")
+# Exec names the command as it stands when nothing in its path needs quoting: the generic mode of
+# xdg-open (xdg-utils 1.1.3, used where no desktop environment is detected) cannot run a quoted
+# one. Any other path becomes a quoted argument (backslash, quote, backquote and dollar escaped,
+# "%" doubled) inside a string value (backslash escaped once more), which desktops that follow
+# the desktop-entry rules run. TryExec is a plain string value.
+if(zentho_command MATCHES "[] \t\r\n\"'\\\\><~|&;$*?#()`%[{}!^]")
+    set(zentho_quoted "${zentho_command}")
+    string(REPLACE "\\" "\\\\\\\\" zentho_quoted "${zentho_quoted}")
+    foreach(zentho_char "\"" "`" "$")
+        string(REPLACE "${zentho_char}" "\\\\${zentho_char}" zentho_quoted "${zentho_quoted}")
+    endforeach()
+    string(REPLACE "%" "%%" zentho_quoted "${zentho_quoted}")
+    set(ZENTHO_LAUNCHER_EXEC "\"${zentho_quoted}\"")
+else()
+    set(ZENTHO_LAUNCHER_EXEC "${zentho_command}")
+endif()
 string(REPLACE "\\" "\\\\" ZENTHO_LAUNCHER_COMMAND "${zentho_command}")
-set(ZENTHO_LAUNCHER_EXEC "\"${zentho_quoted}\"")
+file(READ "${ZENTHO_DATA_DIR}/zentho-launcher.desktop.in" zentho_template)
 string(CONFIGURE "${zentho_template}" zentho_desktop @ONLY)
 file(MAKE_DIRECTORY "${zentho_apps}")
 file(WRITE "${zentho_entry}" "${zentho_desktop}")
 message(STATUS "Installing: ${zentho_entry}")
-list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${zentho_root}/bin/zentho-launcher" "${zentho_entry}")
 
-# A staged install (DESTDIR) is somebody else's package: leave the desktop's settings alone.
-if(NOT ZENTHO_REGISTER_LINK_HANDLER OR NOT "$ENV{DESTDIR}" STREQUAL "")
-    return()
-endif()
+configure_file("${ZENTHO_DATA_DIR}/zentho-launcher.metainfo.xml.in" "${zentho_metainfo}" @ONLY)
+message(STATUS "Installing: ${zentho_metainfo}")
 
-find_program(zentho_update_desktop_database update-desktop-database)
-if(zentho_update_desktop_database)
-    execute_process(COMMAND "${zentho_update_desktop_database}" -q "${zentho_apps}")
-endif()
+# The uninstaller knows the prefix the install finally lands in (not a staging DESTDIR), written
+# as one single-quoted word for /bin/sh.
+string(REPLACE "'" "'\\''" ZENTHO_SH_PREFIX "${CMAKE_INSTALL_PREFIX}")
+set(ZENTHO_SH_PREFIX "'${ZENTHO_SH_PREFIX}'")
+configure_file("${ZENTHO_DATA_DIR}/zentho-launcher-uninstall.in" "${zentho_uninstall}" @ONLY)
+file(CHMOD "${zentho_uninstall}" PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE
+    GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+message(STATUS "Installing: ${zentho_uninstall}")
 
-find_program(zentho_xdg_mime xdg-mime)
-if(zentho_xdg_mime)
-    execute_process(COMMAND "${zentho_xdg_mime}" default zentho-launcher.desktop
-                            x-scheme-handler/zentho
-                    RESULT_VARIABLE zentho_mime_result)
-    if(zentho_mime_result EQUAL 0)
-        message(STATUS "Registered zentho: links with xdg-mime")
-        return()
-    endif()
-endif()
-
-# Without xdg-mime, record the choice where the desktop looks for it: the user's mimeapps.list,
-# keeping every other line as it is.
-if(NOT "$ENV{XDG_CONFIG_HOME}" STREQUAL "")
-    set(zentho_config "$ENV{XDG_CONFIG_HOME}")
-else()
-    set(zentho_config "$ENV{HOME}/.config")
-endif()
-set(zentho_mimeapps "${zentho_config}/mimeapps.list")
-set(zentho_handler "x-scheme-handler/zentho=zentho-launcher.desktop")
-# Lines go through a CMake list: the characters that lists treat specially are masked meanwhile.
-set(zentho_lines "")
-if(EXISTS "${zentho_mimeapps}")
-    file(READ "${zentho_mimeapps}" zentho_text)
-    string(REGEX REPLACE "\n+$" "" zentho_text "${zentho_text}")
-    string(REPLACE ";" "@S@" zentho_text "${zentho_text}")
-    string(REPLACE "[" "@L@" zentho_text "${zentho_text}")
-    string(REPLACE "]" "@R@" zentho_text "${zentho_text}")
-    string(REPLACE "\n" ";" zentho_lines "${zentho_text}")
-endif()
-set(zentho_defaults "@L@Default Applications@R@")
-set(zentho_out "")
-set(zentho_section "")
-set(zentho_written OFF)
-foreach(zentho_line IN LISTS zentho_lines)
-    if(zentho_line MATCHES "^@L@.*@R@$")
-        if(zentho_section STREQUAL zentho_defaults AND NOT zentho_written)
-            string(APPEND zentho_out "${zentho_handler}\n")
-            set(zentho_written ON)
-        endif()
-        set(zentho_section "${zentho_line}")
-    elseif(zentho_section STREQUAL zentho_defaults
-           AND zentho_line MATCHES "^x-scheme-handler/zentho=")
-        continue()
-    endif()
-    string(APPEND zentho_out "${zentho_line}\n")
-endforeach()
-if(NOT zentho_written)
-    if(NOT zentho_section STREQUAL zentho_defaults)
-        string(APPEND zentho_out "${zentho_defaults}\n")
-    endif()
-    string(APPEND zentho_out "${zentho_handler}\n")
-endif()
-string(REPLACE "@S@" ";" zentho_out "${zentho_out}")
-string(REPLACE "@L@" "[" zentho_out "${zentho_out}")
-string(REPLACE "@R@" "]" zentho_out "${zentho_out}")
-file(MAKE_DIRECTORY "${zentho_config}")
-file(WRITE "${zentho_mimeapps}" "${zentho_out}")
-message(STATUS "Registered zentho: links in ${zentho_mimeapps}")
+list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${zentho_root}/bin/zentho-launcher" "${zentho_entry}"
+    "${zentho_metainfo}" "${zentho_uninstall}")

@@ -54,10 +54,11 @@ struct SwapFixture {
     }
 
     // Runs the script to its end; returns its exit code, or -1 when it did not finish in time.
-    int run(qint64 pid, const QString& stagedPath, const QString& backupPath, int timeoutMs = 10000) {
+    int run(qint64 pid, const QString& stagedPath, const QString& backupPath, int timeoutMs = 10000,
+            const QStringList& more = {}) {
         QProcess sh;
         sh.start(QStringLiteral("/bin/sh"),
-                 {script, QString::number(pid), stagedPath, target, backupPath});
+                 QStringList{script, QString::number(pid), stagedPath, target, backupPath} + more);
         if (!sh.waitForFinished(timeoutMs) || sh.exitStatus() != QProcess::NormalExit)
             return -1;
         return sh.exitCode();
@@ -95,7 +96,8 @@ private slots:
         const QList<QByteArray> mac = kMacScript.split('\n');
         const QList<QByteArray> linux = FinishScript::text(FinishScript::Opener::linuxDesktop).split('\n');
         QCOMPARE(linux.size(), 14);
-        const QByteArray start = "/usr/bin/setsid -f \"$target/Contents/MacOS/ZenthoLauncher\" >/dev/null 2>&1";
+        const QByteArray start = "/usr/bin/setsid -f \"$target/Contents/MacOS/ZenthoLauncher\""
+                                 " ${5:+--} ${5:+\"$5\"} >/dev/null 2>&1";
         for (int i = 0; i < 14; ++i) {
             if (i == 8) {
                 QCOMPARE(linux[i], "  " + start);
@@ -203,6 +205,45 @@ private slots:
         QCOMPARE(f.labelAt(f.target), QByteArray("new\n"));
         QVERIFY(QTest::qWaitFor([&] { return !QFileInfo::exists(QStringLiteral("/proc/%1").arg(pid)); },
                                 5000));
+    }
+
+    void theNewLauncherFollowsTheInviteWhateverItBeginsWith() {
+        SwapFixture f;
+        const QString invite = QStringLiteral("-zentho://join/a b *  $HOME");
+        QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), f.staged, f.backup, 10000, {invite}), 0);
+        QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n--\n" + invite.toUtf8() + "\n"));
+    }
+
+    void theRestoredLauncherFollowsTheInviteToo() {
+        SwapFixture f;
+        const QString missing = f.dir.path() + QStringLiteral("/launcher-staging-Y/ZenthoLauncher.app");
+        const QString invite = QStringLiteral("zentho://join/abc");
+        QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), missing, f.backup, 10000, {invite}), 1);
+        QVERIFY(LauncherBundles::waitForRecorded(f.record, "old\n--\n" + invite.toUtf8() + "\n"));
+    }
+
+    void withoutAnInviteTheLauncherGetsNoArguments() {
+        for (const QStringList& more : {QStringList{}, QStringList{QString()}}) {
+            SwapFixture f;
+                QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), f.staged, f.backup, 10000, more), 0);
+            QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n"));
+        }
+    }
+
+    void writeAndStartHandsOverTheInvite() {
+        SwapFixture f;
+        const QString script = f.dir.path() + QStringLiteral("/finish-launcher-update-X.sh");
+        const QString invite = QStringLiteral("zentho://join/after-update");
+        const pid_t pid = FinishScript::writeAndStart(FileManager::defaultManager(), script,
+                                                      LauncherBundles::endedProcessIdentifier(),
+                                                      f.staged, f.target, f.backup, invite);
+        QVERIFY(pid > 0);
+        QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n--\n" + invite.toUtf8() + "\n"));
+        // An empty invite is no invite.
+        SwapFixture g;
+        FinishScript::writeAndStart(FileManager::defaultManager(), script, LauncherBundles::endedProcessIdentifier(),
+                                    g.staged, g.target, g.backup, QString());
+        QVERIFY(LauncherBundles::waitForRecorded(g.record, "new\n"));
     }
 
     void writeAndStartFailsWithoutStartingWhenTheScriptCannotBeWritten() {

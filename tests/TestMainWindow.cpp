@@ -100,32 +100,9 @@ private slots:
         QCOMPARE(f.property("installedText", "text").toString(), QStringLiteral("Installed: 0.1.190"));
         TestFiles::writeFile(f.home.statePath(), "{\"version\":\"0.2.0\",\"path\":\"/x\"}");
         LauncherModel other(f.platform);
-        MainWindow second(other);
+        MainWindow second(other, f.platform);
         auto* text = second.window()->findChild<QQuickItem*>(QStringLiteral("installedText"));
         QCOMPARE(text->property("text").toString(), QStringLiteral("Installed: 0.2.0"));
-    }
-
-    void statusLineShowsTheModelsStatus() {
-        WindowFixture f;
-        QCOMPARE(f.property("statusText", "text").toString(), QStringLiteral("Ready"));
-        LauncherModelProbe::setStatus(*f.model, QStringLiteral("Checking for updates..."));
-        QCOMPARE(f.property("statusText", "text").toString(), QStringLiteral("Checking for updates..."));
-        QVERIFY(WindowPixels::countBright(f.grab(), f.rectOf("statusText")) > 20);
-        LauncherModelProbe::setStatus(*f.model, QString());
-        QCOMPARE(WindowPixels::countBright(f.grab(), f.rectOf("statusText")), 0);
-    }
-
-    void longStatusStaysOneLineHigh() {
-        WindowFixture f;
-        LauncherModelProbe::setStatus(*f.model, QStringLiteral("Update failed: short"));
-        QCOMPARE(f.item("statusText")->height(), 24.0);
-        QVERIFY(!f.property("statusText", "truncated").toBool());
-        const QString longText = QStringLiteral("Could not launch 0.4.2: ") + QString(200, QLatin1Char('x'));
-        LauncherModelProbe::setStatus(*f.model, longText);
-        QCOMPARE(f.item("statusText")->height(), 24.0);
-        QVERIFY(f.property("statusText", "truncated").toBool());
-        QCOMPARE(f.property("statusText", "text").toString(), longText);
-        QCOMPARE(f.property("statusText", "lineCount").toInt(), 1);
     }
 
     void mainButtonShowsTheAmpersand() {
@@ -214,6 +191,18 @@ private slots:
         QCOMPARE(picker->property("count").toInt(), 1);
         QCOMPARE(picker->property("displayText").toString(), QStringLiteral("0.3.0"));
         QVERIFY(f.property("playInstalledButton", "enabled").toBool());
+    }
+
+    void aRescanKeepsTheChosenEntryShown() {
+        WindowFixture f({QStringLiteral("0.1.190"), QStringLiteral("0.2.0")});
+        f.model->setSelectedInstalledPath(f.home.versionsRoot() + QStringLiteral("/0.1.190"));
+        TestFiles::makeBuild(f.home.versionsRoot() + QStringLiteral("/0.3.0"));
+        LauncherModelProbe::refreshInstalledBuilds(*f.model);
+        QQuickItem* picker = f.item("versionPicker");
+        QCOMPARE(picker->property("count").toInt(), 3);
+        QCOMPARE(f.model->selectedInstalledPath(), f.home.versionsRoot() + QStringLiteral("/0.1.190"));
+        QCOMPARE(picker->property("currentIndex").toInt(), 2);
+        QCOMPARE(picker->property("displayText").toString(), QStringLiteral("0.1.190"));
     }
 
     void choosingAnEntryWritesTheSelection() {

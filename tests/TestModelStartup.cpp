@@ -89,9 +89,13 @@ private slots:
         LauncherModel model(platform);
         QCOMPARE(model.installedBuilds().size(), 2);
         QCOMPARE(model.selectedInstalledPath(), home.versionsRoot() + "/0.2.0");
-        const QVariantMap first = model.installedBuildsForView().first().toMap();
-        QCOMPARE(first.value("version").toString(), QStringLiteral("0.2.0"));
-        QCOMPARE(first.value("path").toString(), home.versionsRoot() + "/0.2.0");
+        // The window reads the same builds through the list model's roles.
+        const InstalledBuildList* list = model.installedBuildList();
+        QCOMPARE(list->rowCount(), 2);
+        QCOMPARE(list->data(list->index(0), InstalledBuildList::VersionRole).toString(),
+                 QStringLiteral("0.2.0"));
+        QCOMPARE(list->data(list->index(0), InstalledBuildList::PathRole).toString(),
+                 home.versionsRoot() + "/0.2.0");
     }
 
     void startupCreatesNothingOnDisk() {

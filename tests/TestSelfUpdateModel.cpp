@@ -60,6 +60,16 @@ private:
 
     LauncherUpdateFixture& f() { return *f_; }
 
+    // A sealed 0.2.0 launcher served by nginx, named by the manifest the model reads.
+    void publishNewLauncherForTheModel() {
+        const QString source = f().makeNewBundle();
+        const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")});
+        TestFiles::writeFile(modelManifest_, LauncherUpdateFixture::manifestJson(
+                                                 QStringLiteral("0.2.0"), QStringLiteral("macos-launcher-arm64"),
+                                                 f().archiveUrl(archive), LauncherUpdateFixture::hexDigest(archive),
+                                                 QStringLiteral("ZenthoLauncher.app")));
+    }
+
 private slots:
     void initTestCase() {
         TestServer::trustInThisProcess();
@@ -93,12 +103,7 @@ private slots:
 
     void modelStagesIntoItsStorageAndStartsTheSwap() {
         ScopedDataHome home;
-        const QString source = f().makeNewBundle();
-        const QByteArray archive = TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")});
-        TestFiles::writeFile(modelManifest_, LauncherUpdateFixture::manifestJson(
-                                                 QStringLiteral("0.2.0"), QStringLiteral("macos-launcher-arm64"),
-                                                 f().archiveUrl(archive), LauncherUpdateFixture::hexDigest(archive),
-                                                 QStringLiteral("ZenthoLauncher.app")));
+        publishNewLauncherForTheModel();
         LauncherModel model(f().platform());
         QStringList statuses;
         connect(&model, &LauncherModel::statusChanged, this, [&] { statuses.append(model.status()); });
@@ -112,6 +117,19 @@ private slots:
         QCOMPARE(names.filter(QRegularExpression(QStringLiteral("^finish-launcher-update-") + kUuid + QStringLiteral("\\.sh$"))).size(), 1);
         QCOMPARE(names.filter(QRegularExpression(QStringLiteral("^launcher-backup-0\\.1\\.190-") + kUuid + QStringLiteral("\\.app$"))).size(), 1);
         QCOMPARE(f().runningLabel(), QByteArray("new\n"));
+    }
+
+    void aPendingInviteGoesToTheNewLauncher() {
+        ScopedDataHome home;
+        publishNewLauncherForTheModel();
+        LauncherModel model(f().platform());
+        LauncherModelProbe::setPendingInvite(model, QStringLiteral("zentho://join/first"));
+        QCoro::Task<bool> update = LauncherModelProbe::updateLauncherIfNeeded(model);
+        // The invite that is pending when the swap is handed over is the one that goes.
+        LauncherModelProbe::setPendingInvite(model, QStringLiteral("zentho://join/latest"));
+        QCOMPARE(LauncherUpdateFixture::wait(std::move(update)), true);
+        QVERIFY2(LauncherBundles::waitForRecorded(f().record(), "new\n--\nzentho://join/latest\n"),
+                 LauncherBundles::recorded(f().record()).constData());
     }
 
     void readOnlyParentFolderIsRefused() {

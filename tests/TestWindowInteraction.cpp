@@ -7,7 +7,6 @@
 #include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QUrl>
 
 namespace {
 const QString kMainLabel = QStringLiteral("CHECK FOR UPDATES & PLAY");
@@ -22,11 +21,7 @@ class TestWindowInteraction : public QObject {
 
 private slots:
     // The main button's flow runs offline here: its manifests are files that do not exist.
-    void initTestCase() {
-        qputenv("ZENTHO_UPDATE_MANIFEST", QUrl::fromLocalFile(nowhere_.filePath("game.json")).toEncoded());
-        qputenv("ZENTHO_LAUNCHER_UPDATE_MANIFEST",
-                QUrl::fromLocalFile(nowhere_.filePath("launcher.json")).toEncoded());
-    }
+    void initTestCase() { WindowFixture::useMissingManifestsIn(nowhere_.path()); }
 
     void clickingTheLinkCopiesTheDataFolder() {
         WindowFixture f;
@@ -34,7 +29,7 @@ private slots:
         QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("copyDataFolderButton").center());
         QCOMPARE(f.platform.clipboardWrites.size(), 1);
         QCOMPARE(f.platform.clipboardWrites.first(), f.home.path() + QStringLiteral("/Zentho"));
-        QCOMPARE(f.property("statusText", "text").toString(), f.model->status());
+        QCOMPARE(f.property("statusText", "fullText").toString(), f.model->status());
         QVERIFY(f.model->status() != QStringLiteral("Ready"));
     }
 
@@ -77,7 +72,7 @@ private slots:
         // No manifest and no seed build at this made-up bundle: the flow ends in a failure.
         QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 10000);
         QVERIFY(f.model->status().startsWith(QStringLiteral("Update failed: ")));
-        QCOMPARE(f.property("statusText", "text").toString(), f.model->status());
+        QCOMPARE(f.property("statusText", "fullText").toString(), f.model->status());
         auto* label = f.item("updateAndPlayButton")->findChild<QQuickItem*>(QStringLiteral("prominentButtonLabel"));
         QCOMPARE(label->property("text").toString(), kMainLabel);
     }
@@ -113,7 +108,7 @@ private slots:
         ScopedDataHome home;
         RecordingPlatform platform(WindowFixture::kBundleExe, {WindowFixture::kBundleExe});
         LauncherModel model(platform);
-        MainWindow window(model);
+        MainWindow window(model, platform);
         QVERIFY(QGuiApplication::focusWindow() != window.window());
         window.show();
         QTRY_COMPARE(QGuiApplication::focusWindow(), window.window());

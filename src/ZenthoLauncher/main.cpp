@@ -4,10 +4,13 @@
 #include "platform/FileManager.h"
 #include "platform/LinuxPlatform.h"
 #include "storage/StorageLayout.h"
+#include "ui/CommandLine.h"
 #include "ui/InviteChannel.h"
 #include "ui/MainWindow.h"
 #include "update/BundleVerifierCommand.h"
 
+#include <QFile>
+#include <QFileInfo>
 #include <QGuiApplication>
 #include <QQuickWindow>
 
@@ -17,20 +20,11 @@
 
 namespace {
 
-// The link the desktop asked the launcher to open: the first argument that is not an option
-// (anything after "--" counts as a plain argument). Empty when there is none.
-QString inviteFromArguments(const QStringList& arguments) {
-    bool optionsEnded = false;
-    for (qsizetype i = 1; i < arguments.size(); ++i) {
-        const QString& argument = arguments.at(i);
-        if (!optionsEnded && argument == QLatin1String("--")) {
-            optionsEnded = true;
-            continue;
-        }
-        if (optionsEnded || !argument.startsWith(QLatin1Char('-')))
-            return argument;
-    }
-    return {};
+QStringList argumentsOf(int argc, char** argv) {
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments.append(QFile::decodeName(argv[i]));
+    return arguments;
 }
 
 } // namespace
@@ -40,18 +34,40 @@ int main(int argc, char** argv) {
     // decided before any Qt object exists, so it needs no display and opens no window.
     if (argc >= 2 && std::strcmp(argv[1], "--codesign") == 0)
         return runBundleVerifier(argc - 1, argv + 1, kTrustedPublicKeyPem);
-    if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+    // The command line is read here, whole, before Qt sees any of it: --help and --version need
+    // no display, and a link is never taken for one of Qt's own options.
+    const QStringList arguments = argumentsOf(argc, argv);
+    const CommandLine command = CommandLine::parse(arguments);
+    const QString program = QFileInfo(arguments.value(0)).fileName();
+    switch (command.action) {
+    case CommandLine::Action::Help:
+        std::fputs(qPrintable(CommandLine::usage(program)), stdout);
+        return 0;
+    case CommandLine::Action::Version:
         std::printf("%s\n", qPrintable(launcherVersion()));
         return 0;
+    case CommandLine::Action::Invalid:
+        std::fprintf(stderr, "%s: %s\n", qPrintable(program), qPrintable(command.problem));
+        return 2;
+    case CommandLine::Action::Run:
+        break;
     }
-    QGuiApplication app(argc, argv);
-    app.setApplicationName(QStringLiteral("ZENTHO Launcher"));
+
+    // Qt is given the program's name only; what followed it has been read above.
+    static int qtArgc = 1;
+    static char* qtArgv[] = {argv[0], nullptr};
+    QGuiApplication app(qtArgc, qtArgv);
+    // The name is the window's class (WM_CLASS on X11), the same whatever path started the
+    // launcher, so desktops tie its window to the desktop entry (StartupWMClass) also after a
+    // self-update has started it from inside the bundle.
+    app.setApplicationName(QStringLiteral("zentho-launcher"));
+    app.setApplicationDisplayName(QStringLiteral("ZENTHO Launcher"));
     app.setApplicationVersion(launcherVersion());
     app.setDesktopFileName(QStringLiteral("zentho-launcher"));
 
     // One launcher per user (per storage): a later start hands its link (or just a wish to be
     // seen) to the launcher that already runs, and ends.
-    const QString invite = inviteFromArguments(app.arguments());
+    const QString invite = command.invite;
     StorageLayout storage(FileManager::defaultManager());
     InviteChannel channel(InviteChannel::defaultAddress(storage.launcherRoot()));
     if (channel.startOrForward(invite) == InviteChannel::Role::Forwarded)
@@ -60,7 +76,7 @@ int main(int argc, char** argv) {
     LinuxPlatform platform;
     LauncherModel model(platform);
     try {
-        MainWindow window(model);
+        MainWindow window(model, platform);
         QObject::connect(&channel, &InviteChannel::inviteReceived, window.window(),
                          [&](const QString& forwarded) {
                              window.bringToFront();

@@ -95,12 +95,36 @@ private slots:
             TestFiles::readFile(prefix + QStringLiteral("/share/applications/zentho-launcher.desktop")));
         QVERIFY(entry.startsWith(QStringLiteral("[Desktop Entry]\n")));
         QCOMPARE(countLines(entry, QStringLiteral("MimeType=x-scheme-handler/zentho;")), 1);
-        QCOMPARE(countLines(entry, QStringLiteral("Exec=\"%1/bin/zentho-launcher\" %u").arg(prefix)), 1);
+        // A path that needs no quoting stands as it is: xdg-open's generic mode cannot run a
+        // quoted one.
+        QCOMPARE(countLines(entry, QStringLiteral("Exec=%1/bin/zentho-launcher %u").arg(prefix)), 1);
         QCOMPARE(countLines(entry, QStringLiteral("Name=ZENTHO Launcher")), 1);
         QCOMPARE(countLines(entry, QStringLiteral("Icon=zentho-launcher")), 1);
+        QCOMPARE(countLines(entry, QStringLiteral("StartupWMClass=zentho-launcher")), 1);
         const QByteArray icon =
             TestFiles::readFile(prefix + QStringLiteral("/share/icons/hicolor/scalable/apps/zentho-launcher.svg"));
         QVERIFY(icon.contains("<svg"));
+    }
+
+    void desktopEntryAndAppStreamDataPassTheirValidators() {
+        const QString prefix = dir_.filePath(QStringLiteral("validated"));
+        QVERIFY2(install(prefix).exitCode == 0, "install");
+        const QString entry = prefix + QStringLiteral("/share/applications/zentho-launcher.desktop");
+        const Run desktop = run(QStringLiteral("/usr/bin/desktop-file-validate"), {entry});
+        QCOMPARE(desktop.exitCode, 0);
+        QCOMPARE(desktop.output, QString());
+        const QString metainfo = prefix + QStringLiteral("/share/metainfo/invalid.zentho.launcher.metainfo.xml");
+        const Run appstream = run(QStringLiteral("/usr/bin/appstreamcli"),
+                                  {QStringLiteral("validate"), QStringLiteral("--no-net"), metainfo});
+        QVERIFY2(appstream.exitCode == 0, qPrintable(appstream.output));
+        QVERIFY(appstream.output.contains(QStringLiteral("Validation was successful")));
+        QVERIFY2(!appstream.output.contains(QLatin1String("\nW:")) && !appstream.output.contains(QLatin1String("\nE:")),
+                 qPrintable(appstream.output));
+        // The same validators refuse what Debian 12 does not know.
+        QString old = QString::fromUtf8(TestFiles::readFile(entry));
+        old.replace(QStringLiteral("Version=1.4"), QStringLiteral("Version=1.5"));
+        TestFiles::writeFile(dir_.filePath(QStringLiteral("old.desktop")), old.toUtf8() + "SingleMainWindow=true\n");
+        QVERIFY(run(QStringLiteral("/usr/bin/desktop-file-validate"), {dir_.filePath(QStringLiteral("old.desktop"))}).exitCode != 0);
     }
 
     void unusualPrefixIsQuotedForTheDesktop() {
@@ -113,6 +137,10 @@ private slots:
         const QString escaped = dir_.filePath(QStringLiteral("odd place \\\\$HOME"));
         QCOMPARE(countLines(entry, QStringLiteral("Exec=\"%1/bin/zentho-launcher\" %u").arg(escaped)), 1);
         QCOMPARE(countLines(entry, QStringLiteral("TryExec=%1/bin/zentho-launcher").arg(prefix)), 1);
+        const Run valid = run(QStringLiteral("/usr/bin/desktop-file-validate"),
+                              {prefix + QStringLiteral("/share/applications/zentho-launcher.desktop")});
+        QCOMPARE(valid.exitCode, 0);
+        QCOMPARE(valid.output, QString());
     }
 
     void installRegistersTheHandlerAndKeepsOtherChoices() {
@@ -146,8 +174,12 @@ private slots:
         const QString entry = QString::fromUtf8(
             TestFiles::readFile(stage + prefix + QStringLiteral("/share/applications/zentho-launcher.desktop")));
         // The entry names where the package will live, not the staging folder.
-        QCOMPARE(countLines(entry, QStringLiteral("Exec=\"/usr/local/bin/zentho-launcher\" %u")), 1);
+        QCOMPARE(countLines(entry, QStringLiteral("Exec=/usr/local/bin/zentho-launcher %u")), 1);
         QVERIFY(QFileInfo(stage + prefix + QStringLiteral("/bin/zentho-launcher")).isSymLink());
+        // So does the uninstaller.
+        const QByteArray uninstall = TestFiles::readFile(stage + prefix + QStringLiteral("/bin/zentho-launcher-uninstall"));
+        QVERIFY(uninstall.contains("\nprefix='/usr/local'\n"));
+        QVERIFY(!uninstall.contains(QFile::encodeName(stage)));
     }
 
     void withoutAPrefixTheUsersHomeIsTheDefault() {

@@ -1,15 +1,18 @@
 // The launcher's update of itself, end to end with real processes: a copy of the built 0.1.190
 // bundle is started for an invite link against a launcher release 0.2.0 that zentho-release
 // sealed and packed and nginx serves over HTTPS. The old launcher quits, the finish script swaps
-// the bundles once it has gone, and the new launcher starts from the old path. Releases that are
-// broken (a bundle changed after its seal, the running version under another name) are refused
-// and the game starts instead.
+// the bundles once it has gone, and the new launcher starts from the old path with the invite.
+// Releases that are broken (a bundle changed after its seal, the running version under another
+// name) are refused and the game starts instead.
 
 #include "LauncherBundles.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "TestFiles.h"
 #include "TestServer.h"
+#include "WindowFixture.h"
+#include "WindowIdentity.h"
+#include "XvfbSession.h"
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -82,16 +85,6 @@ class TestLauncherSelfUpdate : public QObject {
         }
         return false;
     }
-    QList<qint64> waitForProcesses(const QString& executable, int timeoutMs = 20000) {
-        QDeadlineTimer deadline(timeoutMs);
-        while (!deadline.hasExpired()) {
-            const QList<qint64> found = RealLauncher::processesRunning(executable);
-            if (!found.isEmpty())
-                return found;
-            QTest::qWait(100);
-        }
-        return {};
-    }
 
 private slots:
     void initTestCase() {
@@ -138,10 +131,61 @@ private slots:
         QCOMPARE(RealLauncher::versionOf(launcherRoot() + QLatin1Char('/') + backups.first()),
                  QStringLiteral("0.1.190"));
 
-        // The new launcher runs from the old path; the update did not start a game.
-        leftovers_ = waitForProcesses(RealLauncher::executableOf(installedBundle()));
+        // The new launcher runs from the old path and follows the invite that led to the update:
+        // it finds no newer launcher, falls back to its own seed game and hands it the link.
+        const QByteArray recorded = RealLauncher::waitForGameRecord(path(QStringLiteral("record")));
+        QVERIFY2(recorded.startsWith("version=0.2.0\n"), (recorded + old.errors()).constData());
+        QVERIFY(recorded.contains("cwd=" + QFile::encodeName(installedBundle()) +
+                                  "/Contents/Resources/SeedRuntime\n"));
+        QVERIFY(recorded.contains("\narg=zentho://invite/after-update\npid="));
+        leftovers_ << RealLauncher::recordedPid(recorded);
+        // Having started the game, the new launcher quits.
+        QVERIFY(QTest::qWaitFor(
+            [&] { return RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle())).isEmpty(); },
+            20000));
+    }
+
+    // The desktop ties a window to the desktop entry by its class, and shows the icon the
+    // window carries: the launcher the finish script starts from inside the bundle has both.
+    void theUpdatedLaunchersWindowHasTheEntrysClassAndIcon() {
+        QRect button;
+        {
+            // The same window, offscreen in this process, tells where the button is drawn.
+            WindowFixture window;
+            button = window.rectOf("updateAndPlayButton");
+        }
+        TestServer server;
+        installOldLauncher();
+        const QString manifest = publishLauncher(server);
+        XvfbSession screen;
+        QVERIFY(!screen.display().isEmpty());
+        RealLauncher old(installedBundle(), dataHome());
+        old.useManifests(server.url(QStringLiteral("/release/macos-arm64-manifest.json")).toString(), manifest);
+        old.environment().insert(QStringLiteral("DISPLAY"), screen.display());
+        old.environment().insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
+        old.start(server, QString()); // no link: the player presses the button
+        const std::optional<QRect> window = screen.waitForWindow(QStringLiteral("ZENTHO Launcher"));
+        QVERIFY2(window, old.errors().constData());
+        // A click that lands before the window takes input is lost; the first that counts ends
+        // the old launcher.
+        std::optional<int> ended;
+        for (int attempt = 0; attempt < 6 && !ended; ++attempt) {
+            QVERIFY(screen.click(window->topLeft() + button.center()));
+            ended = old.waitForExit(3000);
+        }
+        QCOMPARE(ended, std::optional<int>(0));
+        QVERIFY2(waitForVersion(QStringLiteral("0.2.0")), old.errors().constData());
+
+        // Only the new launcher's window is left; it stays open, as no link came with it.
+        const std::optional<QString> shown = screen.waitForWindowId(QStringLiteral("ZENTHO Launcher"));
+        leftovers_ = RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle()));
+        QVERIFY(shown);
         QCOMPARE(leftovers_.size(), 1);
-        QVERIFY(!QFileInfo::exists(path(QStringLiteral("record"))));
+        QCOMPARE(screen.windowProperty(*shown, QStringLiteral("_NET_WM_PID")),
+                 QStringLiteral("_NET_WM_PID = %1").arg(leftovers_.first()));
+        QCOMPARE(WindowIdentity::windowClass(screen, *shown), WindowIdentity::entryWindowClass());
+        QString why;
+        QVERIFY2(WindowIdentity::carriesTheLauncherIcon(screen, *shown, &why), qPrintable(why));
     }
 
     void aNewLauncherChangedAfterItsSealIsRefusedAndTheOldOneStartsTheGame() {

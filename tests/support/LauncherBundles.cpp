@@ -12,7 +12,8 @@ namespace LauncherBundles {
 
 void makeFake(const QString& bundle, const QByteArray& label, const QString& recordPath) {
     TestFiles::writeScript(bundle + QStringLiteral("/Contents/MacOS/ZenthoLauncher"),
-                           "echo '" + label + "' >> '" + QFile::encodeName(recordPath) + "'\n");
+                           "printf '%s\\n' '" + label + "' \"$@\" >> '" + QFile::encodeName(recordPath) +
+                               "'\n");
     TestFiles::writeFile(bundle + QStringLiteral("/Contents/Resources/label.txt"), label + "\n");
 }
 

@@ -7,8 +7,8 @@
 // Small launcher bundles for the self-update tests, and the tools that seal them.
 namespace LauncherBundles {
 
-// A bundle folder whose Contents/MacOS/ZenthoLauncher is a shell script that appends `label` and
-// a line feed to `recordPath` when it runs, plus one resource file.
+// A bundle folder whose Contents/MacOS/ZenthoLauncher is a shell script that appends `label`, then
+// each argument it was given, one per line, to `recordPath` when it runs, plus one resource file.
 void makeFake(const QString& bundle, const QByteArray& label, const QString& recordPath);
 
 // The labels recorded so far, one per start, in order.

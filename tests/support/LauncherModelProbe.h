@@ -22,7 +22,7 @@ struct LauncherModelProbe {
         return m.launch(runtime, executable);
     }
     static void setInstalledBuilds(LauncherModel& m, const QList<InstalledBuild>& builds) {
-        m.installedBuilds_ = builds;
+        m.installedBuilds_.setBuilds(builds);
     }
     static QCoro::Task<QUrl> install(LauncherModel& m, const ReleaseManifest& manifest) {
         return m.install(manifest);

@@ -7,15 +7,22 @@
 #include <QQuickItem>
 #include <QQuickWindow>
 #include <QTest>
+#include <QUrl>
 
 const QString WindowFixture::kBundleExe =
     QStringLiteral("/opt/games/ZenthoLauncher.app/Contents/MacOS/ZenthoLauncher");
+
+void WindowFixture::useMissingManifestsIn(const QString& folder) {
+    qputenv("ZENTHO_UPDATE_MANIFEST", QUrl::fromLocalFile(folder + QStringLiteral("/game.json")).toEncoded());
+    qputenv("ZENTHO_LAUNCHER_UPDATE_MANIFEST",
+            QUrl::fromLocalFile(folder + QStringLiteral("/launcher.json")).toEncoded());
+}
 
 WindowFixture::WindowFixture(const QStringList& savedVersions) {
     for (const QString& version : savedVersions)
         TestFiles::makeBuild(home.versionsRoot() + QLatin1Char('/') + version);
     model = std::make_unique<LauncherModel>(platform);
-    window = std::make_unique<MainWindow>(*model);
+    window = std::make_unique<MainWindow>(*model, platform);
     window->show();
     QVERIFY(QTest::qWaitForWindowExposed(window->window()));
 }

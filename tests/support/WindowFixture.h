@@ -19,6 +19,10 @@ class QQuickItem;
 struct WindowFixture {
     static const QString kBundleExe;
 
+    // Points both manifest variables of this process at files in `folder` that do not exist, so
+    // the main button's flow runs offline and ends at once.
+    static void useMissingManifestsIn(const QString& folder);
+
     explicit WindowFixture(const QStringList& savedVersions = {});
 
     // The window's item with this objectName; the test stops if there is none.

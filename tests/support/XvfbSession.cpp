@@ -33,10 +33,10 @@ XvfbSession::~XvfbSession() {
     }
 }
 
-std::optional<QRect> XvfbSession::waitForWindow(const QString& title, int timeoutMs) const {
+std::optional<XvfbSession::Found> XvfbSession::waitForMatch(const QString& title, int timeoutMs) const {
     // xwininfo -tree lines look like:  0x20000c "T": ("class" "T")  620x510+0+0  +0+0
     // The last pair is the position on the screen; a window without WM_CLASS shows "()".
-    const QRegularExpression line(QStringLiteral("\"%1\": \\(\"[^)]+\\)\\s+(\\d+)x(\\d+)\\S*\\s+\\+(-?\\d+)\\+(-?\\d+)")
+    const QRegularExpression line(QStringLiteral("(0x[0-9a-f]+) \"%1\": \\(\"[^)]+\\)\\s+(\\d+)x(\\d+)\\S*\\s+\\+(-?\\d+)\\+(-?\\d+)")
                                       .arg(QRegularExpression::escape(title)));
     QDeadlineTimer deadline(timeoutMs);
     while (!deadline.hasExpired()) {
@@ -46,12 +46,40 @@ std::optional<QRect> XvfbSession::waitForWindow(const QString& title, int timeou
         if (info.waitForFinished(5000)) {
             const QRegularExpressionMatch found = line.match(QString::fromUtf8(info.readAllStandardOutput()));
             if (found.hasMatch())
-                return QRect(found.captured(3).toInt(), found.captured(4).toInt(),
-                             found.captured(1).toInt(), found.captured(2).toInt());
+                return Found{found.captured(1),
+                             QRect(found.captured(4).toInt(), found.captured(5).toInt(),
+                                   found.captured(2).toInt(), found.captured(3).toInt())};
         }
         QTest::qWait(100);
     }
     return std::nullopt;
+}
+
+std::optional<QRect> XvfbSession::waitForWindow(const QString& title, int timeoutMs) const {
+    if (const auto found = waitForMatch(title, timeoutMs))
+        return found->rect;
+    return std::nullopt;
+}
+
+std::optional<QString> XvfbSession::waitForWindowId(const QString& title, int timeoutMs) const {
+    if (const auto found = waitForMatch(title, timeoutMs))
+        return found->id;
+    return std::nullopt;
+}
+
+QString XvfbSession::windowProperty(const QString& window, const QString& property,
+                                    const QString& format) const {
+    // xprop shows at most 250,000 bytes of a property unless told otherwise; an icon is more.
+    QStringList arguments{QStringLiteral("-display"), display_, QStringLiteral("-id"), window,
+                          QStringLiteral("-notype"), QStringLiteral("-len"), QStringLiteral("16777216")};
+    if (!format.isEmpty())
+        arguments << QStringLiteral("-f") << property << format;
+    arguments << property;
+    QProcess xprop;
+    xprop.start(QStringLiteral("/usr/bin/xprop"), arguments);
+    if (!xprop.waitForFinished(10000))
+        return {};
+    return QString::fromUtf8(xprop.readAllStandardOutput()).trimmed();
 }
 
 bool XvfbSession::click(QPoint point) const {

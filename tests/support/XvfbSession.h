@@ -8,8 +8,9 @@
 #include <optional>
 
 // A private X server (Xvfb on a display it picks itself) for driving a real launcher window as a
-// player would: find the window, click into it through the XTEST extension. Only used by tests
-// that must press a button of the real binary; stopped when the object goes.
+// player would and seeing it as a desktop does: find the window, read its properties, click into
+// it through the XTEST extension. Only used by tests of the real binary; stopped when the object
+// goes.
 class XvfbSession {
 public:
     XvfbSession();
@@ -23,10 +24,23 @@ public:
     // Where the top-level window titled `title` that has a WM_CLASS lies on the screen, once it
     // is mapped; none when it did not appear within `timeoutMs`.
     std::optional<QRect> waitForWindow(const QString& title, int timeoutMs = 20000) const;
+    // The X id of that window once it is mapped; none when it did not appear within `timeoutMs`.
+    std::optional<QString> waitForWindowId(const QString& title, int timeoutMs = 20000) const;
+    // One property of the window with X id `window` as xprop prints it without its type
+    // ("WM_CLASS = \"a\", \"b\""); `format` is xprop's -f format for it, when given.
+    QString windowProperty(const QString& window, const QString& property,
+                           const QString& format = {}) const;
     // A left click at `point` in screen pixels. False when the display or XTEST is unavailable.
     bool click(QPoint point) const;
 
 private:
+    // The first match of `title`'s window line in the tree of windows: its id, size and position.
+    struct Found {
+        QString id;
+        QRect rect;
+    };
+    std::optional<Found> waitForMatch(const QString& title, int timeoutMs) const;
+
     QProcess server_;
     QString display_;
 };

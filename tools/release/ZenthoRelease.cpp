@@ -4,6 +4,8 @@
 
 #include "ReleaseCommand.h"
 
+#include "LauncherVersion.h"
+
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -22,7 +24,8 @@ void printOverview(std::FILE* stream) {
     std::fprintf(stream, "usage: zentho-release <command> [arguments]\n\ncommands:\n");
     for (const ReleaseCommand* command : commands())
         std::fprintf(stream, "  %-12s %s\n", command->name, command->summary);
-    std::fprintf(stream, "\nRun \"zentho-release <command> --help\" for a command's usage.\n");
+    std::fprintf(stream, "\nRun \"zentho-release <command> --help\" for a command's usage, and\n"
+                         "\"zentho-release --version\" for the launcher version it was built with.\n");
 }
 
 } // namespace
@@ -35,6 +38,12 @@ int main(int argc, char** argv) {
     }
     if (arguments[0] == "--help" || arguments[0] == "-h" || arguments[0] == "help") {
         printOverview(stdout);
+        return 0;
+    }
+    // The version compiled into the launcher built beside this tool, printed as the launcher
+    // prints it.
+    if (arguments[0] == "--version") {
+        std::printf("%s\n", launcherVersion().toUtf8().constData());
         return 0;
     }
     for (const ReleaseCommand* command : commands()) {

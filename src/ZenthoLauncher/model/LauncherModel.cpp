@@ -6,7 +6,6 @@
 
 #include <QDir>
 #include <QFileInfo>
-#include <QVariantMap>
 
 namespace {
 
@@ -38,14 +37,6 @@ LauncherModel::LauncherModel(Platform& platform, QObject* parent)
 }
 
 LauncherModel::~LauncherModel() = default;
-
-QVariantList LauncherModel::installedBuildsForView() const {
-    QVariantList builds;
-    for (const InstalledBuild& build : installedBuilds_)
-        builds.append(QVariantMap{{QStringLiteral("version"), build.version},
-                                  {QStringLiteral("path"), build.path}});
-    return builds;
-}
 
 void LauncherModel::setSelectedInstalledPath(const QString& path) {
     if (selectedInstalledPath_ == path)
@@ -86,14 +77,14 @@ InstalledState LauncherModel::readInstalledState() {
 void LauncherModel::refreshInstalledBuilds() {
     const QString previous = selectedInstalledPath_;
     QList<InstalledBuild> builds = scanInstalledBuilds(files, versionsRoot());
-    if (builds != installedBuilds_) {
-        installedBuilds_ = std::move(builds);
+    if (builds != installedBuilds()) {
+        installedBuilds_.setBuilds(std::move(builds));
         emit installedBuildsChanged();
     }
-    const bool keep = std::any_of(installedBuilds_.cbegin(), installedBuilds_.cend(),
+    const QList<InstalledBuild>& listed = installedBuilds();
+    const bool keep = std::any_of(listed.cbegin(), listed.cend(),
                                   [&](const InstalledBuild& b) { return b.path == previous; });
-    selectedInstalledPath_ =
-        keep ? previous : installedBuilds_.isEmpty() ? QString() : installedBuilds_.first().path;
+    selectedInstalledPath_ = keep ? previous : listed.isEmpty() ? QString() : listed.first().path;
     // The picker re-reads its selection after every rescan, even when the value stayed the same.
     emit selectedInstalledPathChanged();
 }

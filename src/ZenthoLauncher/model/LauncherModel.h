@@ -1,5 +1,6 @@
 #pragma once
 
+#include "model/InstalledBuildList.h"
 #include "storage/InstalledBuild.h"
 #include "storage/InstalledState.h"
 #include "storage/StorageLayout.h"
@@ -8,7 +9,6 @@
 #include <QObject>
 #include <QString>
 #include <QUrl>
-#include <QVariantList>
 
 #include <QCoroTask>
 
@@ -25,7 +25,8 @@ class LauncherModel : public QObject {
     Q_PROPERTY(QString status READ status NOTIFY statusChanged)
     Q_PROPERTY(bool busy READ busy NOTIFY busyChanged)
     Q_PROPERTY(QString installedVersion READ installedVersion NOTIFY installedVersionChanged)
-    Q_PROPERTY(QVariantList installedBuilds READ installedBuildsForView NOTIFY installedBuildsChanged)
+    // The saved builds for the picker: a list model with the roles "version" and "path".
+    Q_PROPERTY(InstalledBuildList* installedBuilds READ installedBuildList NOTIFY installedBuildsChanged)
     Q_PROPERTY(QString selectedInstalledPath READ selectedInstalledPath WRITE
                    setSelectedInstalledPath NOTIFY selectedInstalledPathChanged)
     // Fraction (0 to 1) of the game or launcher download that is running; -1 when none runs.
@@ -40,9 +41,9 @@ public:
     QString status() const { return status_; }
     bool busy() const { return busy_; }
     QString installedVersion() const { return installedVersion_; }
-    const QList<InstalledBuild>& installedBuilds() const { return installedBuilds_; }
-    // The builds as the picker reads them: a list of {version, path} maps, newest first.
-    QVariantList installedBuildsForView() const;
+    const QList<InstalledBuild>& installedBuilds() const { return installedBuilds_.builds(); }
+    // The same builds as a list model, for the window.
+    InstalledBuildList* installedBuildList() { return &installedBuilds_; }
     QString selectedInstalledPath() const { return selectedInstalledPath_; }
     void setSelectedInstalledPath(const QString& path);
 
@@ -116,7 +117,7 @@ private:
     QString status_;
     bool busy_ = false;
     QString installedVersion_;
-    QList<InstalledBuild> installedBuilds_;
+    InstalledBuildList installedBuilds_;
     QString selectedInstalledPath_;
     FileManager& files;
     Platform& platform_;

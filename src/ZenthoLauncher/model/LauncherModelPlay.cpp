@@ -23,9 +23,9 @@ void LauncherModel::playSelectedInstalledBuild() {
     if (busy_)
         return;
     const auto chosen =
-        std::find_if(installedBuilds_.cbegin(), installedBuilds_.cend(),
+        std::find_if(installedBuilds().cbegin(), installedBuilds().cend(),
                      [&](const InstalledBuild& build) { return build.path == selectedInstalledPath_; });
-    if (chosen == installedBuilds_.cend())
+    if (chosen == installedBuilds().cend())
         return;
     const InstalledBuild build = *chosen;
     setBusy(true);

@@ -5,7 +5,8 @@
 #include "update/UpdateEndpoints.h"
 
 QCoro::Task<bool> LauncherModel::updateLauncherIfNeeded() {
-    LauncherUpdater updater(files, platform_, launcherRoot(),
-                            [this](const QString& text) { setStatus(text); });
+    LauncherUpdater updater(
+        files, platform_, launcherRoot(), [this](const QString& text) { setStatus(text); },
+        [this] { return pendingInvite_; });
     co_return co_await updater.updateIfNeeded(launcherManifestURL());
 }

@@ -171,10 +171,15 @@ QList<FileManager::Entry> FileManager::contentsOfDirectory(const QString& path) 
         if (item->d_name[0] == '.')
             continue;
         Entry entry{QFile::decodeName(item->d_name), std::nullopt};
-        struct stat info {};
-        // The entry itself: a link to a folder is a link, not a folder.
-        if (::fstatat(dirFd, item->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0)
-            entry.isDirectory = S_ISDIR(info.st_mode);
+        // The entry itself: a link to a folder is a link, not a folder. Most file systems say
+        // which it is in the listing; the others are asked, one entry at a time.
+        if (item->d_type != DT_UNKNOWN) {
+            entry.isDirectory = item->d_type == DT_DIR;
+        } else {
+            struct stat info {};
+            if (::fstatat(dirFd, item->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0)
+                entry.isDirectory = S_ISDIR(info.st_mode);
+        }
         entries.append(entry);
     }
     ::closedir(dir);

@@ -34,8 +34,10 @@ int compareDigitRuns(const QList<uint>& a, qsizetype& i, const QList<uint>& b,
 } // namespace
 
 int compareVersionsNumerically(const QString& left, const QString& right) {
-    const QList<uint> a = left.toUcs4();
-    const QList<uint> b = right.toUcs4();
+    return compareVersionsNumerically(left.toUcs4(), right.toUcs4());
+}
+
+int compareVersionsNumerically(const QList<uint>& a, const QList<uint>& b) {
     qsizetype i = 0;
     qsizetype j = 0;
     while (i < a.size() && j < b.size()) {

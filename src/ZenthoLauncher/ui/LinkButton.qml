@@ -3,7 +3,7 @@ import QtQuick.Controls.Basic
 
 // A button drawn as a plain coloured text, like a link: no frame, a pointing hand on hover and
 // an underline while the pointer is over it.
-Button {
+KeyboardButton {
     id: link
 
     property color textColor: "white"

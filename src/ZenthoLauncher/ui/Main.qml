@@ -1,6 +1,7 @@
 import QtQuick
 import QtQuick.Window
 import QtQuick.Controls.Basic
+import QtQuick.Controls.impl
 import QtQuick.Layouts
 
 // The launcher's only window: one status line, the update-and-play button, a picker of saved
@@ -10,17 +11,11 @@ Window {
 
     // The one LauncherModel of this run; every text and enabled state below follows it.
     required property QtObject launcher
+    // Where the status line's "Copy" puts its text: an object with setText(string).
+    required property QtObject clipboard
 
     readonly property bool busy: launcher.busy
     readonly property color tint: Qt.rgba(0.25, 0.76, 0.15, 1)
-    readonly property string noSavedVersions: qsTr("No saved versions")
-    // The picker's entries: one per saved build, newest first, or a single empty-valued entry.
-    readonly property var pickerEntries: {
-        const builds = launcher.installedBuilds;
-        if (builds.length === 0)
-            return [{ text: noSavedVersions, value: "" }];
-        return builds.map(build => ({ text: build.version, value: build.path }));
-    }
     // A rounded face for the title where the system has one; the default face otherwise.
     readonly property string titleFamily: {
         const rounded = ["SF Pro Rounded", "Nunito", "Varela Round", "M PLUS Rounded 1c",
@@ -111,33 +106,19 @@ Window {
                 Accessible.name: text
             }
 
-            // One line by design; a longer message is cut with an ellipsis and shown whole in a
-            // tooltip.
-            Text {
-                id: statusText
+            StatusLine {
                 objectName: "statusText"
                 Layout.fillWidth: true
                 Layout.preferredHeight: 24
-                text: window.launcher.status
-                textFormat: Text.PlainText
+                fullText: window.launcher.status
                 font.pixelSize: 13
-                color: "white"
-                horizontalAlignment: Text.AlignHCenter
-                verticalAlignment: Text.AlignVCenter
-                elide: Text.ElideRight
-                maximumLineCount: 1
-                Accessible.role: Accessible.StatusBar
-                Accessible.name: text
-
-                HoverHandler {
-                    id: statusHover
-                }
-                ToolTip.visible: statusHover.hovered && statusText.truncated
-                ToolTip.text: statusText.text
+                onCopyRequested: (text) => window.clipboard.setText(text)
             }
 
             ProminentButton {
                 objectName: "updateAndPlayButton"
+                // Ready for Return or Space as soon as the window opens.
+                focus: true
                 Layout.alignment: Qt.AlignHCenter
                 label: window.busy ? qsTr("WORKING...") : qsTr("CHECK FOR UPDATES & PLAY")
                 widestLabel: qsTr("CHECK FOR UPDATES & PLAY")
@@ -168,36 +149,19 @@ Window {
                 Layout.alignment: Qt.AlignHCenter
                 spacing: 10
 
-                ComboBox {
-                    id: picker
+                VersionPicker {
                     objectName: "versionPicker"
                     Layout.preferredWidth: 210
                     Layout.alignment: Qt.AlignVCenter
                     implicitHeight: 32
                     font.pixelSize: 13
-                    model: window.pickerEntries
-                    textRole: "text"
-                    valueRole: "value"
+                    launcher: window.launcher
+                    placeholder: qsTr("No saved versions")
                     Accessible.name: qsTr("Version")
-
-                    // The selection lives in the model; the picker only mirrors it and writes
-                    // back what the user chooses.
-                    function showSelection() {
-                        currentIndex = indexOfValue(window.launcher.selectedInstalledPath);
-                    }
-                    onActivated: window.launcher.selectedInstalledPath = currentValue
-                    onModelChanged: showSelection()
-                    Component.onCompleted: showSelection()
-
-                    Connections {
-                        target: window.launcher
-                        function onSelectedInstalledPathChanged() {
-                            picker.showSelection();
-                        }
-                    }
                 }
 
-                Button {
+                KeyboardButton {
+                    id: playInstalledButton
                     objectName: "playInstalledButton"
                     Layout.alignment: Qt.AlignVCenter
                     implicitHeight: 32
@@ -206,6 +170,15 @@ Window {
                     enabled: !window.busy && window.launcher.selectedInstalledPath !== ""
                     Accessible.name: text
                     onClicked: window.launcher.playSelectedInstalledBuild()
+
+                    // The stock face without its focus border; the ring shows the focus.
+                    background: Rectangle {
+                        implicitWidth: 100
+                        implicitHeight: 40
+                        color: Color.blend(playInstalledButton.palette.button,
+                                           playInstalledButton.palette.mid,
+                                           playInstalledButton.down ? 0.5 : 0.0)
+                    }
                 }
             }
 

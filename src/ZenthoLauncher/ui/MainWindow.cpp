@@ -2,6 +2,7 @@
 
 #include "model/LauncherModel.h"
 
+#include <QIcon>
 #include <QMetaObject>
 #include <QQmlComponent>
 #include <QQuickStyle>
@@ -11,8 +12,9 @@
 #include <stdexcept>
 
 const char* const MainWindow::kSource = "qrc:/ZenthoLauncher/Main.qml";
+const char* const MainWindow::kIcon = ":/ZenthoLauncher/zentho-launcher.png";
 
-MainWindow::MainWindow(LauncherModel& model) {
+MainWindow::MainWindow(LauncherModel& model, Platform& platform) : clipboard_(platform) {
     // The window's colours are its own; the Basic style is the one that draws controls with the
     // colours it is given instead of the desktop's theme. It must be chosen before any control is
     // loaded.
@@ -20,7 +22,8 @@ MainWindow::MainWindow(LauncherModel& model) {
 
     QQmlComponent component(&engine_, QUrl(QString::fromLatin1(kSource)));
     std::unique_ptr<QObject> root(component.createWithInitialProperties(
-        {{QStringLiteral("launcher"), QVariant::fromValue(static_cast<QObject*>(&model))}}));
+        {{QStringLiteral("launcher"), QVariant::fromValue(static_cast<QObject*>(&model))},
+         {QStringLiteral("clipboard"), QVariant::fromValue(static_cast<QObject*>(&clipboard_))}}));
     auto* window = qobject_cast<QQuickWindow*>(root.get());
     if (!window) {
         QStringList messages;
@@ -32,6 +35,8 @@ MainWindow::MainWindow(LauncherModel& model) {
     }
     root.release();
     window_.reset(window);
+    // Without it a desktop that cannot tie the window to the desktop entry shows a generic icon.
+    window_->setIcon(QIcon(QString::fromLatin1(kIcon)));
 }
 
 MainWindow::~MainWindow() = default;

@@ -4,7 +4,7 @@ import QtQuick.Controls.Basic
 // A large filled button in a tint colour with white text. The caption is drawn by a plain Text
 // so that it shows exactly as given: Qt Quick Controls would read an "&" in `text` as a
 // keyboard mnemonic, hide it and bind Alt plus the next key to the button.
-Button {
+KeyboardButton {
     id: button
 
     // What the button shows and what assistive technology reads.
@@ -22,6 +22,7 @@ Button {
     leftPadding: 26
     rightPadding: 26
     implicitHeight: 36
+    focusRingRadius: 11
     implicitWidth: Math.ceil(Math.max(widest.advanceWidth, caption.implicitWidth))
                    + leftPadding + rightPadding
 

@@ -48,9 +48,11 @@ QByteArray FinishScript::text(Opener opener) {
         return scriptWithOpener(QByteArrayLiteral("/usr/bin/open \"$target\""));
     case Opener::linuxDesktop:
         // The new launcher gets a session of its own, so it is not tied to the script or to the
-        // terminal the old launcher was started from.
+        // terminal the old launcher was started from. An invite given as the fifth argument
+        // follows "--", so the launcher takes it as its link whatever its first character.
         return scriptWithOpener(QByteArrayLiteral(
-            "/usr/bin/setsid -f \"$target/Contents/MacOS/ZenthoLauncher\" >/dev/null 2>&1"));
+            "/usr/bin/setsid -f \"$target/Contents/MacOS/ZenthoLauncher\" ${5:+--} ${5:+\"$5\"}"
+            " >/dev/null 2>&1"));
     }
     return {};
 }
@@ -65,11 +67,12 @@ QByteArray FinishScript::textForThisPlatform() {
 
 pid_t FinishScript::writeAndStart(const FileManager& files, const QString& scriptPath,
                                   qint64 launcherPid, const QString& staged,
-                                  const QString& target, const QString& backup) {
+                                  const QString& target, const QString& backup,
+                                  const std::optional<QString>& invite) {
     files.writeAtomically(scriptPath, textForThisPlatform());
     files.setPosixPermissions(scriptPath, 0755);
 
-    const std::vector<std::string> arguments{
+    std::vector<std::string> arguments{
         "/bin/sh",
         QFile::encodeName(scriptPath).toStdString(),
         std::to_string(launcherPid),
@@ -77,6 +80,8 @@ pid_t FinishScript::writeAndStart(const FileManager& files, const QString& scrip
         QFile::encodeName(target).toStdString(),
         QFile::encodeName(backup).toStdString(),
     };
+    if (invite && !invite->isEmpty())
+        arguments.push_back(QFile::encodeName(*invite).toStdString());
     std::vector<char*> argv;
     for (const std::string& argument : arguments)
         argv.push_back(const_cast<char*>(argument.c_str()));

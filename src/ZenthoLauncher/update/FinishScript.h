@@ -3,6 +3,8 @@
 #include <QByteArray>
 #include <QString>
 
+#include <optional>
+
 #include <sys/types.h>
 
 class FileManager;
@@ -14,14 +16,16 @@ class FileManager;
 // own bundle while it runs.
 //
 // Arguments, in this order: the launcher's process identifier, the staged bundle, the target
-// (running) bundle and the backup location. Exit status 0 after a swap, 1 when nothing could be
-// swapped.
+// (running) bundle and the backup location; on Linux an optional fifth, the invite the launcher
+// it starts is to follow. Exit status 0 after a swap, 1 when nothing could be swapped.
 class FinishScript {
 public:
     // How the script starts the launcher it leaves in place.
     enum class Opener {
         macOS, // "/usr/bin/open" on the bundle
-        linuxDesktop, // the bundle's executable, in a session of its own, detached from the script
+        // the bundle's executable, in a session of its own, detached from the script, with
+        // "-- <invite>" when the fifth argument is given
+        linuxDesktop,
     };
 
     // The script's text: 14 lines joined by line feeds, no line feed after the last.
@@ -30,12 +34,14 @@ public:
     static QByteArray textForThisPlatform();
 
     // Writes textForThisPlatform() atomically to `scriptPath`, makes it 0755 and starts it as
-    // "/bin/sh scriptPath launcherPid staged target backup" with standard output and standard
-    // error on /dev/null, standard input, environment and working folder inherited. The child is
-    // not waited for: it outlives the launcher, and while the launcher still runs it is
+    // "/bin/sh scriptPath launcherPid staged target backup [invite]" (the invite only when there
+    // is a non-empty one: the launcher that starts next follows it) with standard output and
+    // standard error on /dev/null, standard input, environment and working folder inherited. The
+    // child is not waited for: it outlives the launcher, and while the launcher still runs it is
     // collected in the background once it ends. Returns its process identifier. Write,
     // permission and start errors pass through as the platform's errors.
     static pid_t writeAndStart(const FileManager& files, const QString& scriptPath, qint64 launcherPid,
                                const QString& staged, const QString& target,
-                               const QString& backup);
+                               const QString& backup,
+                               const std::optional<QString>& invite = std::nullopt);
 };

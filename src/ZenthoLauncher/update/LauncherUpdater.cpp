@@ -35,11 +35,13 @@ bool isAppBundlePath(const QString& path) {
 } // namespace
 
 LauncherUpdater::LauncherUpdater(const FileManager& files, const Platform& platform,
-                                 QString launcherRoot, StatusReporter reportStatus)
+                                 QString launcherRoot, StatusReporter reportStatus,
+                                 InviteSource pendingInvite)
     : files_(files),
       platform_(platform),
       launcherRoot_(std::move(launcherRoot)),
-      reportStatus_(std::move(reportStatus)) {}
+      reportStatus_(std::move(reportStatus)),
+      pendingInvite_(std::move(pendingInvite)) {}
 
 std::vector<std::string> LauncherUpdater::verifierCommand(const FileManager& files,
                                                           const Platform& platform,
@@ -131,6 +133,7 @@ QCoro::Task<void> LauncherUpdater::stageAndHandOver(QString archivePath, QString
     const QString backup = freshName(QStringLiteral("launcher-backup-") + launcherVersion() +
                                          QLatin1Char('-'),
                                      QStringLiteral(".app"));
+    // An invite that started this flow is not lost with this process: the new launcher follows it.
     FinishScript::writeAndStart(files_, script, platform_.processIdentifier(), staged, target,
-                                backup);
+                                backup, pendingInvite_ ? pendingInvite_() : std::nullopt);
 }

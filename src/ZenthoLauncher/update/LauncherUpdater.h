@@ -6,6 +6,7 @@
 #include <QCoroTask>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,9 +23,11 @@ class Platform;
 class LauncherUpdater {
 public:
     using StatusReporter = std::function<void(const QString&)>;
+    // The invite the updated launcher is to follow, read when the swap is handed over.
+    using InviteSource = std::function<std::optional<QString>()>;
 
     LauncherUpdater(const FileManager& files, const Platform& platform, QString launcherRoot,
-                    StatusReporter reportStatus);
+                    StatusReporter reportStatus, InviteSource pendingInvite = {});
 
     // False: the manifest names the running version, nothing was done. True: the finish script
     // runs and the caller must quit at once so it can swap the bundles. Throws LauncherError for
@@ -58,4 +61,5 @@ private:
     const Platform& platform_;
     QString launcherRoot_;
     StatusReporter reportStatus_;
+    InviteSource pendingInvite_;
 };

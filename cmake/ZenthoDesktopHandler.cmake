@@ -1,0 +1,73 @@
+# Runs at install time, after the desktop entry is written: makes it the user's handler of
+# zentho: links, keeping every other choice the user has made.
+set(zentho_apps "$ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/share/applications")
+
+# A staged install (DESTDIR) is somebody else's package: leave the desktop's settings alone.
+if(NOT ZENTHO_REGISTER_LINK_HANDLER OR NOT "$ENV{DESTDIR}" STREQUAL "")
+    return()
+endif()
+
+find_program(zentho_update_desktop_database update-desktop-database)
+if(zentho_update_desktop_database)
+    execute_process(COMMAND "${zentho_update_desktop_database}" -q "${zentho_apps}")
+endif()
+
+find_program(zentho_xdg_mime xdg-mime)
+if(zentho_xdg_mime)
+    execute_process(COMMAND "${zentho_xdg_mime}" default zentho-launcher.desktop
+                            x-scheme-handler/zentho
+                    RESULT_VARIABLE zentho_mime_result)
+    if(zentho_mime_result EQUAL 0)
+        message(STATUS "Registered zentho: links with xdg-mime")
+        return()
+    endif()
+endif()
+
+# Without xdg-mime, record the choice where the desktop looks for it: the user's mimeapps.list,
+# keeping every other line as it is.
+if(NOT "$ENV{XDG_CONFIG_HOME}" STREQUAL "")
+    set(zentho_config "$ENV{XDG_CONFIG_HOME}")
+else()
+    set(zentho_config "$ENV{HOME}/.config")
+endif()
+set(zentho_mimeapps "${zentho_config}/mimeapps.list")
+set(zentho_handler "x-scheme-handler/zentho=zentho-launcher.desktop")
+# Lines go through a CMake list: the characters that lists treat specially are masked meanwhile.
+set(zentho_lines "")
+if(EXISTS "${zentho_mimeapps}")
+    file(READ "${zentho_mimeapps}" zentho_text)
+    string(REGEX REPLACE "\n+$" "" zentho_text "${zentho_text}")
+    string(REPLACE ";" "@S@" zentho_text "${zentho_text}")
+    string(REPLACE "[" "@L@" zentho_text "${zentho_text}")
+    string(REPLACE "]" "@R@" zentho_text "${zentho_text}")
+    string(REPLACE "\n" ";" zentho_lines "${zentho_text}")
+endif()
+set(zentho_defaults "@L@Default Applications@R@")
+set(zentho_out "")
+set(zentho_section "")
+set(zentho_written OFF)
+foreach(zentho_line IN LISTS zentho_lines)
+    if(zentho_line MATCHES "^@L@.*@R@$")
+        if(zentho_section STREQUAL zentho_defaults AND NOT zentho_written)
+            string(APPEND zentho_out "${zentho_handler}\n")
+            set(zentho_written ON)
+        endif()
+        set(zentho_section "${zentho_line}")
+    elseif(zentho_section STREQUAL zentho_defaults
+           AND zentho_line MATCHES "^x-scheme-handler/zentho=")
+        continue()
+    endif()
+    string(APPEND zentho_out "${zentho_line}\n")
+endforeach()
+if(NOT zentho_written)
+    if(NOT zentho_section STREQUAL zentho_defaults)
+        string(APPEND zentho_out "${zentho_defaults}\n")
+    endif()
+    string(APPEND zentho_out "${zentho_handler}\n")
+endif()
+string(REPLACE "@S@" ";" zentho_out "${zentho_out}")
+string(REPLACE "@L@" "[" zentho_out "${zentho_out}")
+string(REPLACE "@R@" "]" zentho_out "${zentho_out}")
+file(MAKE_DIRECTORY "${zentho_config}")
+file(WRITE "${zentho_mimeapps}" "${zentho_out}")
+message(STATUS "Registered zentho: links in ${zentho_mimeapps}")

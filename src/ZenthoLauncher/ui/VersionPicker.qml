@@ -1,0 +1,84 @@
+import QtQuick
+import QtQuick.Controls.Basic
+
+// The picker of saved builds. The selection lives in the model: the picker shows it, re-reads it
+// whenever the model announces it (also after a rescan that kept it), and writes back what the
+// player chooses. With no saved builds it offers one entry whose value is the empty path.
+//
+// Its entries show the versions exactly as they are named on disk: the stock entry would read an
+// "&" as a keyboard mnemonic, hiding it and underlining the next letter. The keyboard opens the
+// list with Space or Alt+Down, moves in it with the arrows and picks with Return.
+ComboBox {
+    id: picker
+
+    // The LauncherModel: its installedBuilds (a list model with "version" and "path" roles) and
+    // its selectedInstalledPath.
+    required property QtObject launcher
+    // The entry's text when no build is saved.
+    property string placeholder
+
+    readonly property var builds: launcher.installedBuilds
+    model: builds.count > 0 ? builds : [{ version: placeholder, path: "" }]
+    textRole: "version"
+    valueRole: "path"
+
+    function showSelection() {
+        currentIndex = indexOfValue(launcher.selectedInstalledPath);
+    }
+    onModelChanged: showSelection()
+    Component.onCompleted: showSelection()
+    onActivated: launcher.selectedInstalledPath = currentValue
+
+    Connections {
+        target: picker.launcher
+        function onSelectedInstalledPathChanged() {
+            picker.showSelection();
+        }
+    }
+
+    Keys.onPressed: (event) => {
+        if (event.key === Qt.Key_Down && (event.modifiers & Qt.AltModifier) && !popup.visible) {
+            popup.open();
+            event.accepted = true;
+        }
+    }
+
+    delegate: ItemDelegate {
+        id: entry
+        // The version as it stands, "&" included.
+        readonly property string version: Array.isArray(picker.model) ? modelData[picker.textRole]
+                                                                       : model[picker.textRole]
+
+        width: ListView.view.width
+        text: version.replace(/&/g, "&&")
+        Accessible.name: version
+        palette.text: picker.palette.text
+        palette.highlightedText: picker.palette.highlightedText
+        font.weight: picker.currentIndex === index ? Font.DemiBold : Font.Normal
+        highlighted: picker.highlightedIndex === index
+        hoverEnabled: picker.hoverEnabled
+
+        contentItem: Text {
+            objectName: "pickerEntryLabel"
+            text: entry.version
+            textFormat: Text.PlainText
+            font: entry.font
+            color: entry.highlighted ? entry.palette.highlightedText : entry.palette.text
+            elide: Text.ElideRight
+            verticalAlignment: Text.AlignVCenter
+        }
+    }
+
+    // The stock background without its focus border: the ring below shows the focus instead, in
+    // the window's own colours.
+    background: Rectangle {
+        implicitWidth: 140
+        implicitHeight: 40
+        color: picker.down ? picker.palette.mid : picker.palette.button
+        visible: !picker.flat || picker.down
+    }
+
+    FocusRing {
+        shown: picker.visualFocus
+    }
+}

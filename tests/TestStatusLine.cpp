@@ -1,0 +1,176 @@
+// The status line: the model's text stays exact, the window draws it on one line, and the whole
+// text is reachable and copyable without a mouse.
+
+#include "LauncherModelProbe.h"
+#include "WindowFixture.h"
+
+#include <QQuickItem>
+#include <QQuickWindow>
+#include <QTest>
+
+namespace {
+
+// What a failed install shows when tar's error output begins with a line feed.
+const QString kTarFailure = QStringLiteral(
+    "Update failed: \ntar: zentho-0.4.2-macos-arm64.tar.gz: Cannot open: No such file or directory\n"
+    "tar: Error is not recoverable: exiting now\n");
+
+QQuickItem* label(const WindowFixture& f) {
+    return f.item("statusLabel");
+}
+
+QObject* toolTip(const WindowFixture& f) {
+    auto* tip = f.item("statusText")->findChild<QObject*>(QStringLiteral("statusToolTip"));
+    if (!tip)
+        qFatal("the status line has no tooltip");
+    return tip;
+}
+
+} // namespace
+
+class TestStatusLine : public QObject {
+    Q_OBJECT
+
+private slots:
+    void showsTheModelsStatus() {
+        WindowFixture f;
+        QCOMPARE(label(f)->property("text").toString(), QStringLiteral("Ready"));
+        LauncherModelProbe::setStatus(*f.model, QStringLiteral("Checking for updates..."));
+        QCOMPARE(label(f)->property("text").toString(), QStringLiteral("Checking for updates..."));
+        QVERIFY(WindowPixels::countBright(f.grab(), f.rectOf("statusText")) > 20);
+        LauncherModelProbe::setStatus(*f.model, QString());
+        QCOMPARE(WindowPixels::countBright(f.grab(), f.rectOf("statusText")), 0);
+    }
+
+    void whiteSpaceRunsShowAsOneBlank_data() {
+        QTest::addColumn<QString>("status");
+        QTest::addColumn<QString>("shown");
+        QTest::newRow("plain") << "Checking for updates..." << "Checking for updates...";
+        QTest::newRow("line feeds") << "a\nb\n\nc" << "a b c";
+        QTest::newRow("ends trimmed") << " \t\nReady\r\n " << "Ready";
+        QTest::newRow("tabs and returns") << "x\t\t y\r\nz" << "x y z";
+        QTest::newRow("only space") << "\n\n" << "";
+        QTest::newRow("tar failure") << kTarFailure
+                                     << "Update failed: tar: zentho-0.4.2-macos-arm64.tar.gz: Cannot "
+                                        "open: No such file or directory tar: Error is not "
+                                        "recoverable: exiting now";
+    }
+    void whiteSpaceRunsShowAsOneBlank() {
+        QFETCH(QString, status);
+        QFETCH(QString, shown);
+        WindowFixture f;
+        LauncherModelProbe::setStatus(*f.model, status);
+        QCOMPARE(f.model->status(), status); // the model's text is untouched
+        QCOMPARE(f.property("statusText", "fullText").toString(), status);
+        QCOMPARE(label(f)->property("text").toString(), shown);
+        QCOMPARE(label(f)->property("lineCount").toInt(), 1);
+        QCOMPARE(f.item("statusText")->height(), 24.0);
+    }
+
+    void multiLineFailureShowsItsReason() {
+        WindowFixture f;
+        const QRect line = f.rectOf("statusText");
+        const QRect rightQuarter(line.right() - line.width() / 4, line.top(), line.width() / 4,
+                                 line.height());
+        // "Update failed:" alone is short and centred: nothing is drawn in the right quarter.
+        LauncherModelProbe::setStatus(*f.model, QStringLiteral("Update failed: "));
+        QCOMPARE(WindowPixels::countBright(f.grab(), rightQuarter), 0);
+        // With tar's reason after a line feed, the reason is drawn on the same line.
+        LauncherModelProbe::setStatus(*f.model, kTarFailure);
+        const QImage image = f.grab();
+        WindowPixels::save(image, QStringLiteral("status-tar-failure.png"));
+        QVERIFY(WindowPixels::countBright(image, rightQuarter) > 20);
+        QVERIFY(label(f)->property("truncated").toBool());
+    }
+
+    void longTextIsElidedOnOneLine() {
+        WindowFixture f;
+        LauncherModelProbe::setStatus(*f.model, QStringLiteral("Update failed: short"));
+        QVERIFY(!f.property("statusText", "truncated").toBool());
+        const QString longText = QStringLiteral("Could not launch 0.4.2: ") + QString(276, QLatin1Char('x'));
+        QCOMPARE(longText.size(), 300);
+        LauncherModelProbe::setStatus(*f.model, longText);
+        QVERIFY(f.property("statusText", "truncated").toBool());
+        QCOMPARE(label(f)->property("lineCount").toInt(), 1);
+        QCOMPARE(f.item("statusText")->height(), 24.0);
+        QVERIFY(label(f)->property("paintedWidth").toDouble() <= f.item("statusText")->width());
+        QCOMPARE(f.property("statusText", "fullText").toString(), longText);
+    }
+
+    void accessibleNameIsTheWholeText() {
+        WindowFixture f;
+        LauncherModelProbe::setStatus(*f.model, kTarFailure);
+        QCOMPARE(accessibleName(f.item("statusText")), kTarFailure);
+        LauncherModelProbe::setStatus(*f.model, QStringLiteral("Ready"));
+        QCOMPARE(accessibleName(f.item("statusText")), QStringLiteral("Ready"));
+    }
+
+    void focusShowsTheWholeText() {
+        WindowFixture f;
+        LauncherModelProbe::setStatus(*f.model, kTarFailure);
+        QObject* tip = toolTip(f);
+        QVERIFY(!tip->property("visible").toBool()); // the main button has the focus
+        f.item("statusText")->forceActiveFocus(Qt::BacktabFocusReason);
+        QTRY_VERIFY(tip->property("opened").toBool());
+        QCOMPARE(tip->property("text").toString(), kTarFailure);
+        auto* tipText = f.item("statusText")->window()->findChild<QQuickItem*>(QStringLiteral("statusToolTipText"));
+        QVERIFY(tipText);
+        QCOMPARE(tipText->property("text").toString(), kTarFailure);
+        WindowPixels::save(f.grab(), QStringLiteral("status-focused.png"));
+        // Whole inside the window, however long the text.
+        const QRectF box = tipText->mapRectToScene(QRectF(0, 0, tipText->width(), tipText->height()));
+        QVERIFY(box.left() >= 0 && box.right() <= 620);
+        f.item("updateAndPlayButton")->forceActiveFocus(Qt::TabFocusReason);
+        QTRY_VERIFY(!tip->property("visible").toBool());
+    }
+
+    void controlCCopiesTheExactText() {
+        WindowFixture f;
+        LauncherModelProbe::setStatus(*f.model, kTarFailure);
+        // Elsewhere in the window Ctrl+C copies nothing.
+        QTest::keyClick(f.window->window(), Qt::Key_C, Qt::ControlModifier);
+        QVERIFY(f.platform.clipboardWrites.isEmpty());
+        f.item("statusText")->forceActiveFocus(Qt::TabFocusReason);
+        QTest::keyClick(f.window->window(), Qt::Key_C, Qt::ControlModifier);
+        QCOMPARE(f.platform.clipboardWrites, QStringList{kTarFailure});
+        QCOMPARE(f.model->status(), kTarFailure); // copying does not touch the status
+    }
+
+    void contextMenuCopiesTheExactText() {
+        WindowFixture f;
+        LauncherModelProbe::setStatus(*f.model, kTarFailure);
+        auto* menu = f.item("statusText")->findChild<QObject*>(QStringLiteral("statusMenu"));
+        QVERIFY(menu);
+        // A left click opens no menu.
+        QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("statusText").center());
+        QTest::qWait(50);
+        QVERIFY(!menu->property("visible").toBool());
+        QTest::mouseClick(f.window->window(), Qt::RightButton, {}, f.rectOf("statusText").center());
+        QTRY_VERIFY(menu->property("opened").toBool());
+        WindowPixels::save(f.grab(), QStringLiteral("status-menu.png"));
+        QVERIFY(f.platform.clipboardWrites.isEmpty());
+        auto* copy = f.window->window()->findChild<QQuickItem*>(QStringLiteral("statusCopyItem"));
+        QVERIFY(copy);
+        QCOMPARE(copy->property("text").toString(), QStringLiteral("Copy"));
+        const QPointF centre = copy->mapToScene(QPointF(copy->width() / 2, copy->height() / 2));
+        QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, centre.toPoint());
+        QTRY_COMPARE(f.platform.clipboardWrites, QStringList{kTarFailure});
+        QTRY_VERIFY(!menu->property("visible").toBool());
+    }
+
+    void menuKeyOpensTheMenuAndReturnCopies() {
+        WindowFixture f;
+        LauncherModelProbe::setStatus(*f.model, kTarFailure);
+        auto* menu = f.item("statusText")->findChild<QObject*>(QStringLiteral("statusMenu"));
+        f.item("statusText")->forceActiveFocus(Qt::TabFocusReason);
+        QTest::keyClick(f.window->window(), Qt::Key_F10, Qt::ShiftModifier);
+        QTRY_VERIFY(menu->property("opened").toBool());
+        QTest::keyClick(f.window->window(), Qt::Key_Down);
+        QTest::keyClick(f.window->window(), Qt::Key_Return);
+        QTRY_COMPARE(f.platform.clipboardWrites, QStringList{kTarFailure});
+        QTRY_VERIFY(!menu->property("visible").toBool());
+    }
+};
+
+QTEST_MAIN(TestStatusLine)
+#include "TestStatusLine.moc"
