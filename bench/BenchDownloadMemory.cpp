@@ -1,12 +1,15 @@
-// How much memory a large archive download costs. The body streams to a temporary file while it
-// is hashed, so the peak resident size should grow by a small, fixed amount whatever the size of
+// How much memory a large archive download costs. The body streams to its file in the downloads
+// folder while it is hashed, so the peak resident size should grow by a small, fixed amount whatever the size of
 // the archive. Also prints the throughput over loopback TLS from a real nginx.
 
 #include "ResidentMemory.h"
 #include "TaskOutcome.h"
 #include "TestServer.h"
 
+#include "platform/FileManager.h"
+#include "storage/DownloadsFolder.h"
 #include "update/HttpClient.h"
+#include "update/ResumableDownload.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -22,16 +25,18 @@
 
 namespace {
 
-QCoro::Task<void> downloadInto(QUrl url, std::optional<DownloadedFile>* file) {
-    file->emplace(co_await HttpClient::shared().download(url));
+QCoro::Task<void> downloadInto(QUrl url, DownloadsFolder::Partial files, QString root,
+                               std::optional<DownloadResult>* result) {
+    result->emplace(co_await ResumableDownload::run(HttpClient::shared(), url, files,
+                                                    {nullptr, nullptr, root, 5}));
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
-    QTemporaryDir downloads;
-    qputenv("TMPDIR", QFile::encodeName(downloads.path()));
+    QTemporaryDir storage;
+    const DownloadsFolder folder(FileManager::defaultManager(), storage.path());
     TestServer server;
     TestServer::trustInThisProcess();
 
@@ -41,16 +46,17 @@ int main(int argc, char** argv) {
         const QString path = server.writeFile(name, QByteArray());
         QFile::resize(path, size); // sparse: costs no disk on the server side
 
-        std::optional<DownloadedFile> file;
+        std::optional<DownloadResult> file;
+        const DownloadsFolder::Partial files = folder.prepare(QStringLiteral("macos-arm64"), name);
         ResidentMemory::resetPeak();
         const long before = ResidentMemory::peakKiB();
         QElapsedTimer clock;
         clock.start();
         const std::exception_ptr error =
-            waitForOutcome(downloadInto(server.url(QLatin1Char('/') + name), &file));
+            waitForOutcome(downloadInto(server.url(QLatin1Char('/') + name), files, storage.path(), &file));
         const double seconds = clock.elapsed() / 1000.0;
         const long peak = ResidentMemory::peakKiB();
-        if (error || !file || QFileInfo(file->path()).size() != size) {
+        if (error || !file || QFileInfo(files.archive).size() != size) {
             std::fprintf(stderr, "download of %lld bytes failed\n", static_cast<long long>(size));
             return 1;
         }
@@ -59,6 +65,7 @@ int main(int argc, char** argv) {
         std::printf("download_%lld_mib_peak_rss_growth: %ld KiB (before %ld KiB, peak %ld KiB)\n",
                     static_cast<long long>(size / mib), peak - before, before, peak);
         QFile::remove(path);
+        QFile::remove(files.archive);
     }
     return 0;
 }

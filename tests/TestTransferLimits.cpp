@@ -9,7 +9,10 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
+#include "platform/FileManager.h"
+#include "storage/DownloadsFolder.h"
 #include "update/HttpClient.h"
+#include "update/ResumableDownload.h"
 
 #include <QDir>
 #include <QElapsedTimer>
@@ -21,6 +24,8 @@
 
 #include <memory>
 #include <optional>
+#include <stdexcept>
+#include <string>
 
 #include <sys/statvfs.h>
 
@@ -44,11 +49,28 @@ QString fetchError(const TransferLimits& limits, const QUrl& url) {
     return error;
 }
 
-QString downloadError(const TransferLimits& limits, const QUrl& url) {
+// An archive download into the downloads folder under `root`: the file it leaves, or what it
+// threw in `error`.
+QCoro::Task<QByteArray> downloadTask(HttpClient& client, QUrl url, DownloadsFolder::Partial files,
+                                     QString root) {
+    const DownloadResult result =
+        co_await ResumableDownload::run(client, url, files, {nullptr, nullptr, root, 5});
+    if (result.statusCode != std::optional<int>(200))
+        throw std::runtime_error("status " + std::to_string(result.statusCode.value_or(-1)));
+    co_return TestFiles::readFile(files.archive);
+}
+
+std::optional<QByteArray> downloadInto(const QString& root, const TransferLimits& limits,
+                                       const QUrl& url, QString* error) {
     HttpClient client(limits);
-    QString error;
-    settle(client.download(url), &error);
-    return error;
+    const DownloadsFolder::Partial files = DownloadsFolder(FileManager::defaultManager(), root)
+                                               .prepare(QStringLiteral("macos-arm64"), url.toString());
+    try {
+        return awaitResult(downloadTask(client, url, files, root));
+    } catch (const std::exception& e) {
+        *error = QString::fromUtf8(e.what());
+    }
+    return std::nullopt;
 }
 
 HttpResponse fetch(const TransferLimits& limits, const QUrl& url) {
@@ -60,14 +82,6 @@ HttpResponse fetch(const TransferLimits& limits, const QUrl& url) {
     return std::move(*response);
 }
 
-DownloadedFile download(const TransferLimits& limits, const QUrl& url) {
-    HttpClient client(limits);
-    QString error;
-    std::optional<DownloadedFile> file = settle(client.download(url), &error);
-    if (!file)
-        throw NetworkError(error);
-    return std::move(*file);
-}
 
 qint64 freeBytesOf(const QString& folder) {
     struct statvfs fs {};
@@ -76,8 +90,8 @@ qint64 freeBytesOf(const QString& folder) {
     return qint64(fs.f_bavail) * qint64(fs.f_frsize);
 }
 
-QStringList leftoverDownloads() {
-    return QDir(QDir::tempPath()).entryList({QStringLiteral("zentho-download-*")}, QDir::Files);
+QStringList entriesOf(const QString& folder) {
+    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
 }
 
 } // namespace
@@ -85,11 +99,25 @@ QStringList leftoverDownloads() {
 class TestTransferLimits : public QObject {
     Q_OBJECT
 
-    // Downloads go to the system temp folder; a private one keeps other tests' files apart.
+    // The storage root whose downloads folder archives go to.
     QTemporaryDir temp;
     std::unique_ptr<TestServer> server;
     QByteArray manifest = "{\"version\":\"0.4.2\"}";
     TransferLimits product; // the product's own limits
+
+    QString downloads() const { return temp.path() + QStringLiteral("/downloads"); }
+    QByteArray download(const TransferLimits& limits, const QUrl& url) {
+        QString error;
+        const std::optional<QByteArray> bytes = downloadInto(temp.path(), limits, url, &error);
+        if (!bytes)
+            throw std::runtime_error(error.toStdString());
+        return *bytes;
+    }
+    QString downloadError(const TransferLimits& limits, const QUrl& url) {
+        QString error;
+        downloadInto(temp.path(), limits, url, &error);
+        return error;
+    }
 
     QUrl fault(const QString& path) const {
         return QUrl(QStringLiteral("http://127.0.0.1:%1/fault/%2").arg(server->faultServer().port()).arg(path));
@@ -98,8 +126,6 @@ class TestTransferLimits : public QObject {
 private slots:
     void initTestCase() {
         QVERIFY(temp.isValid());
-        qputenv("TMPDIR", QFile::encodeName(temp.path()));
-        QCOMPARE(QDir::tempPath(), temp.path());
         server = std::make_unique<TestServer>();
         TestServer::trustInThisProcess();
         server->writeFile(QStringLiteral("m.json"), manifest);
@@ -175,14 +201,12 @@ private slots:
         server->writeFile(QStringLiteral("slow.tar.gz"), body);
         QElapsedTimer clock;
         clock.start();
-        const DownloadedFile file = download(limits, server->url("/trickle/slow.tar.gz"));
+        QCOMPARE(download(limits, server->url("/trickle/slow.tar.gz")), body);
         QVERIFY(clock.elapsed() > 2500);
-        QCOMPARE(file.statusCode(), std::optional<int>(200));
-        QCOMPARE(TestFiles::readFile(file.path()), body);
     }
 
     void archiveStopsAtTheFreeSpaceReserve() {
-        const qint64 free = freeBytesOf(QDir::tempPath());
+        const qint64 free = freeBytesOf(temp.path());
         QVERIFY(free > qint64(512) * 1024 * 1024);
         TransferLimits limits;
         limits.freeSpaceReserve = free - 16 * 1024 * 1024;
@@ -190,33 +214,30 @@ private slots:
         // reserve would come back whole.
         const QString error = downloadError(limits, fault(QStringLiteral("chunked/268435456")));
         QCOMPARE(error, QStringLiteral("Not enough free disk space for the download."));
-        QCOMPARE(leftoverDownloads(), QStringList());
+        QCOMPARE(entriesOf(downloads()), QStringList());
     }
 
-    // A body whose announced size would leave less than the reserve is refused before it lands.
+    // A body whose announced size would leave less than the reserve is refused before it lands,
+    // naming the folder and both sizes.
     void archiveAnnouncedBeyondTheReserveIsRefused() {
         TransferLimits limits;
-        limits.freeSpaceReserve = freeBytesOf(QDir::tempPath()) - 512 * 1024;
-        QCOMPARE(downloadError(limits, server->url("/big.bin")),
-                 QStringLiteral("Not enough free disk space for the download."));
-        QCOMPARE(leftoverDownloads(), QStringList());
+        limits.freeSpaceReserve = freeBytesOf(temp.path()) - 512 * 1024;
+        const QString error = downloadError(limits, server->url("/big.bin"));
+        QVERIFY2(error.startsWith(QStringLiteral("Not enough free space in ") + temp.path() + QStringLiteral(": ")),
+                 qPrintable(error));
+        QCOMPARE(entriesOf(downloads()), QStringList());
     }
 
     void archiveWithinTheReserveArrives() {
-        const DownloadedFile file = download(product, fault(QStringLiteral("chunked/4194304")));
-        QCOMPARE(file.statusCode(), std::optional<int>(200));
-        QCOMPARE(QFileInfo(file.path()).size(), 4 * 1024 * 1024);
+        QCOMPARE(download(product, fault(QStringLiteral("chunked/4194304"))).size(), 4 * 1024 * 1024);
     }
 
     // Bytes past the announced length never reach the file: the body ends where it said it would.
     void archiveKeepsNoMoreThanItsContentLength() {
-        const DownloadedFile file = download(product, fault(QStringLiteral("longer/1000/2000000")));
-        QCOMPARE(file.statusCode(), std::optional<int>(200));
-        QCOMPARE(QFileInfo(file.path()).size(), 1000);
+        QCOMPARE(download(product, fault(QStringLiteral("longer/1000/2000000"))).size(), 1000);
     }
 
     void cleanupTestCase() {
-        QCOMPARE(leftoverDownloads(), QStringList());
         server.reset();
     }
 };

@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QList>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <stdexcept>
@@ -35,8 +36,8 @@ bool waitWritable(int fd, int stopFd, Clock::time_point deadline) {
     }
 }
 
-// Reads the request head (up to its blank line, at most 16 KiB) and returns its path.
-QByteArray readRequestPath(int fd, int stopFd, Clock::time_point deadline) {
+// Reads the request head (up to its blank line, at most 16 KiB).
+QByteArray readRequestHead(int fd, int stopFd, Clock::time_point deadline) {
     QByteArray head;
     while (!head.contains("\r\n\r\n") && head.size() < 16 * 1024) {
         pollfd fds[2] = {{fd, POLLIN, 0}, {stopFd, POLLIN, 0}};
@@ -52,8 +53,37 @@ QByteArray readRequestPath(int fd, int stopFd, Clock::time_point deadline) {
             return {};
         head.append(buffer, got);
     }
+    return head;
+}
+
+QByteArray pathOf(const QByteArray& head) {
     const QList<QByteArray> words = head.left(head.indexOf("\r\n")).split(' ');
     return words.size() >= 2 ? words[1] : QByteArray();
+}
+
+// The value of header `name` in a request head, or empty.
+QByteArray headerOf(const QByteArray& head, const QByteArray& name) {
+    for (const QByteArray& line : head.split('\n')) {
+        const int colon = line.indexOf(':');
+        if (colon > 0 && line.left(colon).trimmed().toLower() == name.toLower())
+            return line.mid(colon + 1).trimmed();
+    }
+    return {};
+}
+
+bool sendAll(int fd, int stopFd, Clock::time_point deadline, const QByteArray& bytes,
+             const std::atomic<bool>& stopping) {
+    qint64 done = 0;
+    while (done < bytes.size() && !stopping) {
+        if (!waitWritable(fd, stopFd, deadline))
+            return false;
+        const ssize_t written =
+            ::send(fd, bytes.constData() + done, size_t(bytes.size() - done), MSG_NOSIGNAL);
+        if (written <= 0)
+            return false;
+        done += written;
+    }
+    return done == bytes.size();
 }
 
 } // namespace
@@ -110,8 +140,12 @@ void FaultServer::acceptLoop() {
 
 void FaultServer::serve(int client) {
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(maximumSeconds());
-    const QByteArray path = readRequestPath(client, stopPipe_[0], deadline);
-    const QList<QByteArray> parts = path.split('/'); // "", "fault", kind, ...
+    const QByteArray request = readRequestHead(client, stopPipe_[0], deadline);
+    const QList<QByteArray> parts = pathOf(request).split('/'); // "", "fault", kind, ...
+    if (parts.size() == 5 && parts[2] == "cut") {
+        serveCut(client, deadline, request, parts[3].toLongLong(), parts[4].toLongLong());
+        return;
+    }
 
     qint64 announced = -1; // Content-Length, or chunked when -1
     qint64 bodyBytes = maximumBytes();
@@ -162,4 +196,58 @@ void FaultServer::serve(int client) {
             return;
         pending.remove(0, written);
     }
+}
+
+QByteArray FaultServer::cutBody(qint64 size) {
+    QByteArray body(int(size), Qt::Uninitialized);
+    for (qint64 i = 0; i < size; ++i)
+        body[int(i)] = char((i * 131 + i / 251) & 0xff);
+    return body;
+}
+
+void FaultServer::serveCut(int client, Clock::time_point deadline, const QByteArray& request,
+                           qint64 size, qint64 cut) {
+    size = std::clamp<qint64>(size, 0, 64 * 1024 * 1024);
+    const QByteArray etag = "\"cut-" + QByteArray::number(size) + '"';
+    const QByteArray range = headerOf(request, "Range");
+    const QByteArray ifRange = headerOf(request, "If-Range");
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        ranges_.append(range);
+    }
+    qint64 from = 0;
+    if (range.startsWith("bytes=") && range.endsWith('-') && (ifRange.isEmpty() || ifRange == etag))
+        from = range.mid(6, range.size() - 7).toLongLong();
+    if (from >= size && size > 0) {
+        const QByteArray refused = "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Range: bytes */" +
+                                   QByteArray::number(size) + "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+        sendAll(client, stopPipe_[0], deadline, refused, stopping_);
+        return;
+    }
+    QByteArray head = from > 0 ? QByteArray("HTTP/1.1 206 Partial Content\r\n")
+                               : QByteArray("HTTP/1.1 200 OK\r\n");
+    head += "Content-Type: application/octet-stream\r\nConnection: close\r\nAccept-Ranges: bytes\r\n";
+    head += "ETag: " + etag + "\r\n";
+    head += "Content-Length: " + QByteArray::number(size - from) + "\r\n";
+    if (from > 0)
+        head += "Content-Range: bytes " + QByteArray::number(from) + '-' + QByteArray::number(size - 1) +
+                '/' + QByteArray::number(size) + "\r\n";
+    head += "\r\n";
+    if (!sendAll(client, stopPipe_[0], deadline, head, stopping_))
+        return;
+    const qint64 end = cut > 0 ? std::min(size, from + cut) : size;
+    const QByteArray body = cutBody(size);
+    for (qint64 at = from; at < end && !stopping_;) {
+        const qint64 take = std::min<qint64>(64 * 1024, end - at);
+        if (!sendAll(client, stopPipe_[0], deadline, body.mid(int(at), int(take)), stopping_))
+            return;
+        at += take;
+        bytesSent_ += take;
+    }
+    // Closing before the announced end is the cut: the client sees its connection drop.
+}
+
+QList<QByteArray> FaultServer::rangesAsked() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return ranges_;
 }

@@ -1,8 +1,11 @@
 #pragma once
 
+#include <QByteArray>
+#include <QList>
 #include <QtGlobal>
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -16,6 +19,10 @@
 //   /fault/chunked/<n>        status 200, a chunked body of <n> bytes of JSON blanks, then its end
 //   /fault/endless            status 200, a chunked body that never ends
 //   /fault/longer/<n>/<m>     status 200, Content-Length <n>, then <m> bytes of body
+//   /fault/cut/<n>/<k>        the <n> bytes of cutBody(n) with a strong ETag, honouring
+//                             "Range: bytes=<from>-" (with a matching If-Range, or none) with
+//                             206 and 416; each connection is closed after at most <k> bytes of
+//                             body (0: never), before the announced end
 //
 // Bounds: no connection is served longer than maximumSeconds() or past maximumBytes(); the
 // destructor stops every connection and joins its thread.
@@ -30,12 +37,19 @@ public:
     // Body bytes sent on every connection so far.
     qint64 bytesSent() const { return bytesSent_.load(); }
 
+    // Every Range header /fault/cut/ was asked with, in order (empty for none).
+    QList<QByteArray> rangesAsked() const;
+    // The body /fault/cut/<n>/ serves.
+    static QByteArray cutBody(qint64 size);
+
     static constexpr int maximumSeconds() { return 120; }
     static constexpr qint64 maximumBytes() { return qint64(8) << 30; }
 
 private:
     void acceptLoop();
     void serve(int client);
+    void serveCut(int client, std::chrono::steady_clock::time_point deadline,
+                  const QByteArray& request, qint64 size, qint64 cut);
 
     int listener_ = -1;
     int stopPipe_[2] = {-1, -1};
@@ -43,6 +57,7 @@ private:
     std::atomic<bool> stopping_{false};
     std::atomic<qint64> bytesSent_{0};
     std::thread acceptor_;
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
+    QList<QByteArray> ranges_;
     std::vector<std::thread> connections_;
 };

@@ -18,6 +18,10 @@ struct LauncherModelProbe {
     static void setDownloadProgress(LauncherModel& m, double fraction) {
         m.setDownloadProgress(fraction);
     }
+    static void showDownload(LauncherModel& m, double fraction, const QString& caption) {
+        m.setDownloadProgress(fraction);
+        m.setDownloadCaption(caption);
+    }
     static QCoro::Task<void> launch(LauncherModel& m, const QUrl& runtime, const QString& executable) {
         return m.launch(runtime, executable);
     }

@@ -10,7 +10,13 @@ public:
 
     void quit() override { ++quitCount; }
     void setClipboardText(const QString& text) override { clipboardWrites.append(text); }
+    // Recorded, and also told to the desktop as the real platform does.
+    void showTaskbarProgress(double fraction) override {
+        taskbarProgress.append(fraction);
+        LinuxPlatform::showTaskbarProgress(fraction);
+    }
 
     int quitCount = 0;
     QStringList clipboardWrites;
+    QList<double> taskbarProgress;
 };

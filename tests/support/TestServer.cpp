@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QRegularExpression>
 #include <QSslCertificate>
 #include <QSslConfiguration>
 #include <QSslSocket>
@@ -175,6 +176,8 @@ QString TestServer::configuration() const {
         "        }\n"
         "        location ^~ /drip/ { alias " + root + "/www/; limit_rate 1k; }\n"
         "        location ^~ /trickle/ { alias " + root + "/www/; limit_rate 4k; }\n"
+        "        location ^~ /throttle/ { alias " + root + "/www/; limit_rate 1m; }\n"
+        "        location ^~ /norange/ { alias " + root + "/www/; limit_rate 1m; max_ranges 0; }\n"
         "        location ^~ /fault/ {\n"
         "            proxy_pass http://" + loopback + ":" + QString::number(fault_->port()) + ";\n"
         "            proxy_http_version 1.1; proxy_buffering off; proxy_read_timeout 120s;\n"
@@ -206,7 +209,9 @@ QString TestServer::configuration() const {
            "error_log " + root + "/logs/error.log info;\n"
            "events { worker_connections 256; }\n"
            "http {\n"
-           "    access_log " + root + "/logs/access.log;\n"
+           "    log_format served '$remote_addr [$time_local] \"$request\" $status $body_bytes_sent '\n"
+           "                      '\"$http_range\" \"$http_if_range\"';\n"
+           "    access_log " + root + "/logs/access.log served;\n"
            "    client_body_temp_path " + root + "/tmp/body;\n"
            "    proxy_temp_path " + root + "/tmp/proxy;\n"
            "    fastcgi_temp_path " + root + "/tmp/fastcgi;\n"
@@ -314,6 +319,20 @@ QString TestServer::accessLog() const {
     if (!file.open(QIODevice::ReadOnly))
         return {};
     return QString::fromLocal8Bit(file.readAll());
+}
+
+QList<TestServer::Served> TestServer::servedFor(const QString& path) const {
+    // 127.0.0.1 [time] "GET /path HTTP/1.1" 206 1234 "bytes=5-" "\"etag\""
+    static const QRegularExpression line(QStringLiteral(
+        "\"GET (\\S+) [^\"]*\" (\\d+) (\\d+) \"([^\"]*)\""));
+    QList<Served> found;
+    for (const QString& entry : accessLog().split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        const QRegularExpressionMatch match = line.match(entry);
+        if (match.hasMatch() && match.captured(1) == path)
+            found.append({match.captured(4) == QLatin1String("-") ? QString() : match.captured(4),
+                          match.captured(2).toInt(), match.captured(3).toLongLong()});
+    }
+    return found;
 }
 
 QString TestServer::errorLog() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QList>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -22,6 +23,8 @@ class FaultServer;
 //   /html                   status 200 with an HTML page, as a captive portal would answer
 //   /drip/<path>            the file at 1 KiB/s
 //   /trickle/<path>         the file at 4 KiB/s: above the throughput floor, never quick
+//   /throttle/<path>        the file at 1 MiB/s
+//   /norange/<path>         the file at 1 MiB/s, always whole: Range is ignored
 //   /stall                  status 200, 64 KiB of body, then nothing for an hour
 //   /silent                 the request is read and never answered, not even with headers
 //   /redirect/https/<path>  302 to url(<path>) (https)
@@ -72,8 +75,16 @@ public:
 
     // nginx's error log so far, for failure messages.
     QString errorLog() const;
-    // nginx's access log so far: one line per request, with its request line.
+    // nginx's access log so far: one line per request, with its request line, status, body
+    // bytes sent, Range and If-Range.
     QString accessLog() const;
+    // The GETs of `path` the access log holds so far, in order.
+    struct Served {
+        QString range; // empty when none was asked for
+        int status = 0;
+        qint64 bytes = 0;
+    };
+    QList<Served> servedFor(const QString& path) const;
 
     // A loopback port on which nothing listened a moment ago: connecting is refused.
     static quint16 unusedLocalPort();

@@ -1,6 +1,7 @@
 #include "LauncherModel.h"
 
 #include "LauncherVersion.h"
+#include "model/DownloadMeter.h"
 #include "platform/FileManager.h"
 #include "platform/Platform.h"
 
@@ -87,4 +88,12 @@ void LauncherModel::refreshInstalledBuilds() {
     selectedInstalledPath_ = keep ? previous : listed.isEmpty() ? QString() : listed.first().path;
     // The picker re-reads its selection after every rescan, even when the value stayed the same.
     emit selectedInstalledPathChanged();
+}
+
+DownloadMeter LauncherModel::downloadMeter() {
+    return DownloadMeter([this](double fraction, const QString& caption) {
+        setDownloadProgress(fraction);
+        setDownloadCaption(caption);
+        platform_.showTaskbarProgress(fraction);
+    });
 }

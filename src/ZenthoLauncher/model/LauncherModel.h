@@ -14,6 +14,7 @@
 
 #include <optional>
 
+class DownloadMeter;
 class FileManager;
 class Platform;
 
@@ -31,6 +32,9 @@ class LauncherModel : public QObject {
                    setSelectedInstalledPath NOTIFY selectedInstalledPathChanged)
     // Fraction (0 to 1) of the game or launcher download that is running; -1 when none runs.
     Q_PROPERTY(double downloadProgress READ downloadProgress NOTIFY downloadProgressChanged)
+    // One line on the running download, "148 MB of 1.2 GB · 45 MB/s · about 25 s left"; empty
+    // when none runs.
+    Q_PROPERTY(QString downloadCaption READ downloadCaption NOTIFY downloadCaptionChanged)
 
 public:
     // Start-up: resolves the seed runtime, reads the current build and scans the saved builds.
@@ -61,6 +65,7 @@ public:
     Q_INVOKABLE void openInviteURL(const QString& url);
 
     double downloadProgress() const { return downloadProgress_; }
+    QString downloadCaption() const { return downloadCaption_; }
 
 signals:
     void statusChanged();
@@ -69,6 +74,7 @@ signals:
     void installedBuildsChanged();
     void selectedInstalledPathChanged();
     void downloadProgressChanged();
+    void downloadCaptionChanged();
 
 private:
     friend struct LauncherModelProbe; // lets the tests drive the private operations directly
@@ -83,6 +89,14 @@ private:
         downloadProgress_ = fraction;
         emit downloadProgressChanged();
     }
+    void setDownloadCaption(const QString& caption) {
+        if (downloadCaption_ == caption)
+            return;
+        downloadCaption_ = caption;
+        emit downloadCaptionChanged();
+    }
+    // Shows a download's progress in the window and on the taskbar while it runs.
+    DownloadMeter downloadMeter();
 
     void refreshInstalledBuilds();
     InstalledState readInstalledState();
@@ -125,4 +139,5 @@ private:
     std::optional<QString> pendingInvite_;
     StorageLayout layout_;
     double downloadProgress_ = -1;
+    QString downloadCaption_;
 };

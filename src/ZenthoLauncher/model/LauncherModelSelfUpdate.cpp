@@ -1,5 +1,6 @@
 #include "LauncherModel.h"
 
+#include "model/DownloadMeter.h"
 #include "platform/FileManager.h"
 #include "update/LauncherUpdater.h"
 #include "update/UpdateEndpoints.h"
@@ -8,5 +9,7 @@ QCoro::Task<bool> LauncherModel::updateLauncherIfNeeded() {
     LauncherUpdater updater(
         files, platform_, launcherRoot(), [this](const QString& text) { setStatus(text); },
         [this] { return pendingInvite_; });
+    DownloadMeter meter = downloadMeter();
+    updater.setDownloadObserver(&meter);
     co_return co_await updater.updateIfNeeded(launcherManifestURL());
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Platform.h"
+#include "TaskbarProgress.h"
 
 // The bundle is found from the running executable (/proc/self/exe): an executable at
 // X.app/Contents/MacOS/<name> runs from the bundle X.app.
@@ -16,10 +17,13 @@ public:
     qint64 processIdentifier() const override;
     void quit() override;
     void setClipboardText(const QString& text) override;
+    void showTaskbarProgress(double fraction) override { taskbar_.show(fraction); }
 
 private:
     std::optional<QString> bundleFolder() const;
 
     QString executable_;
     QStringList arguments_;
+    // Named after the desktop entry the installation writes.
+    TaskbarProgress taskbar_{QStringLiteral("zentho-launcher.desktop")};
 };

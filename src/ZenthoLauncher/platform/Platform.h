@@ -6,8 +6,8 @@
 #include <optional>
 
 // The services of the desktop the launcher runs on that are not plain file operations: where the
-// running application bundle is, the process's identity, quitting, the clipboard and bringing the
-// window forward. One real implementation per platform; tests subclass it to observe a quit or a
+// running application bundle is, the process's identity, quitting, the clipboard, bringing the
+// window forward and a download's progress on the taskbar. One real implementation per platform; tests subclass it to observe a quit or a
 // clipboard write instead of performing it.
 class Platform {
 public:
@@ -30,4 +30,7 @@ public:
     virtual void quit() = 0;
     // Replaces the clipboard's content with plain text.
     virtual void setClipboardText(const QString& text) = 0;
+    // Shows `fraction` (0 to 1) of a running download on the launcher's taskbar or dock entry; a
+    // negative value takes it off. Without a desktop that listens, nothing happens.
+    virtual void showTaskbarProgress(double fraction) = 0;
 };

@@ -1,6 +1,7 @@
 #include "storage/StaleWork.h"
 
 #include "platform/FileManager.h"
+#include "storage/DownloadsFolder.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -33,4 +34,7 @@ void removeStaleWork(const FileManager& files, const QString& launcherRoot) {
         } catch (const std::exception&) {
         }
     }
+    const DownloadsFolder downloads(files, launcherRoot);
+    downloads.removeStale();
+    downloads.removeIfEmpty();
 }

@@ -211,4 +211,16 @@ Window {
             }
         }
     }
+
+    // Below the column, in the window's free bottom margin, so the column never moves for it.
+    DownloadCaption {
+        objectName: "downloadCaption"
+        anchors.left: parent.left
+        anchors.right: parent.right
+        anchors.bottom: parent.bottom
+        anchors.leftMargin: 42
+        anchors.rightMargin: 42
+        anchors.bottomMargin: 16
+        caption: window.launcher.downloadCaption
+    }
 }

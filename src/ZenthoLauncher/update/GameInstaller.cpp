@@ -6,6 +6,7 @@
 #include "storage/StaleWork.h"
 #include "storage/StorageLock.h"
 #include "update/Archive.h"
+#include "update/ManifestFetch.h"
 #include "update/VerifiedDownload.h"
 
 #include <Uuid.h>
@@ -82,7 +83,9 @@ QCoro::Task<QString> GameInstaller::install(ReleaseManifest manifest) {
 
 QCoro::Task<void> GameInstaller::downloadAndPlace(ReleaseManifest manifest, QString installFolder) {
     reportStatus_(downloadingStatus());
-    DownloadedFile archive = co_await downloadVerifiedArchive(manifest.url, manifest.sha256);
+    DownloadedFile archive = co_await downloadVerifiedArchive(
+        manifest.url, manifest.sha256,
+        {locations_.launcherRoot, ManifestKind::game().platform, nullptr, downloadObserver_});
 
     reportStatus_(installingStatus());
     co_await unpackAndPlace(std::move(archive), manifest.executable, installFolder);

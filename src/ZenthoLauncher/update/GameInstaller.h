@@ -8,6 +8,7 @@
 
 #include <functional>
 
+class DownloadObserver;
 class DownloadedFile;
 class FileManager;
 
@@ -32,6 +33,9 @@ public:
     // progress statuses, never an error status.
     QCoro::Task<QString> install(ReleaseManifest manifest);
 
+    // Who sees the archive's download arrive; none by default.
+    void setDownloadObserver(DownloadObserver* observer) { downloadObserver_ = observer; }
+
     // versionsRoot + version, taken as given (a "/" in it nests folders), without a trailing "/".
     static QString installFolderFor(const QString& versionsRoot, const QString& version);
 
@@ -48,4 +52,5 @@ private:
     const FileManager& files_;
     Locations locations_;
     StatusReporter reportStatus_;
+    DownloadObserver* downloadObserver_ = nullptr;
 };

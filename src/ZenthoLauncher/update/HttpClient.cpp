@@ -1,26 +1,14 @@
 #include "update/HttpClient.h"
 
-#include "errors/FileError.h"
-#include "platform/FileManager.h"
-#include "update/Sha256.h"
 #include "update/TransferWatchdog.h"
 
-#include "Uuid.h"
-
-#include <QFile>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 
 #include <QCoroNetworkReply>
 
-#include <cerrno>
 #include <memory>
-#include <utility>
-
-#include <fcntl.h>
-#include <sys/statvfs.h>
-#include <unistd.h>
 
 namespace {
 
@@ -81,10 +69,6 @@ std::optional<qint64> announcedLength(const QNetworkReply& reply) {
     return length.toLongLong();
 }
 
-QString notEnoughSpace() {
-    return QStringLiteral("Not enough free disk space for the download.");
-}
-
 // Qt reports an HTTP error status (404, 500...) as a reply error too. Those are answers, not
 // transport failures: the caller judges the status. Anything below the content layer (network,
 // TLS, proxy, redirects, a broken body) or any error without an HTTP answer is a transport
@@ -103,94 +87,32 @@ void throwIfTransportFailed(const QNetworkReply& reply, const TransferWatchdog& 
         throw NetworkError(reply.errorString());
 }
 
-// The download's temporary file, opened exclusively under a fresh name and removed again unless
-// it is handed on with keep(). Written with plain POSIX calls so a failure carries the system's
-// reason.
-class TemporaryFileWriter {
-public:
-    TemporaryFileWriter()
-        : path_(FileManager::defaultManager().temporaryDirectory() + QStringLiteral("/zentho-download-") +
-                QString::fromStdString(makeUpperUuid())) {
-        fd_ = ::open(QFile::encodeName(path_).constData(),
-                     O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-        if (fd_ < 0)
-            throwFileError(QStringLiteral("could not create ") + path_);
-    }
-    ~TemporaryFileWriter() {
-        if (fd_ >= 0)
-            ::close(fd_);
-        if (!kept_)
-            QFile::remove(path_);
-    }
-    TemporaryFileWriter(const TemporaryFileWriter&) = delete;
-    TemporaryFileWriter& operator=(const TemporaryFileWriter&) = delete;
+// Everything a streamed answer's head tells a download.
+ResponseHead headOf(const QNetworkReply& reply) {
+    ResponseHead head;
+    head.statusCode = statusCodeOf(reply);
+    head.contentLength = announcedLength(reply);
+    head.contentRange = reply.rawHeader("Content-Range");
+    head.etag = reply.rawHeader("ETag");
+    head.lastModified = reply.rawHeader("Last-Modified");
+    return head;
+}
 
-    const QString& path() const { return path_; }
-    qint64 written() const { return written_; }
-
-    // What its file system still has free for an unprivileged writer; -1 when unknown.
-    qint64 freeBytes() const {
-        struct statvfs fs {};
-        if (::fstatvfs(fd_, &fs) != 0)
-            return -1;
-        return qint64(fs.f_bavail) * qint64(fs.f_frsize);
-    }
-
-    // Returns 0 on success, else the errno of the failed write.
-    int write(const char* bytes, qint64 size) {
-        while (size > 0) {
-            const ssize_t written = ::write(fd_, bytes, std::size_t(size));
-            if (written < 0) {
-                if (errno == EINTR)
-                    continue;
-                return errno;
-            }
-            bytes += written;
-            size -= written;
-            written_ += written;
-        }
-        return 0;
-    }
-
-    // Closes the file and leaves it on disk for its new owner.
-    void keep() {
-        const int fd = std::exchange(fd_, -1);
-        if (::close(fd) != 0)
-            throwFileError(QStringLiteral("could not write ") + path_);
-        kept_ = true;
-    }
-
-private:
-    QString path_;
-    int fd_ = -1;
-    qint64 written_ = 0;
-    bool kept_ = false;
-};
-
-// Where a download stands against the limits on its body: the file system's errno when a write
-// failed, or the reason the body must not go on.
-struct DrainOutcome {
-    int writeError = 0;
-    std::optional<QString> refusal;
-};
-
-// Moves whatever the reply holds right now to the file and the digest, as long as the body stays
-// within what it announced and leaves `reserve` free on the file's file system.
-DrainOutcome drain(QNetworkReply& reply, TemporaryFileWriter& file, Sha256& hash, qint64 reserve) {
+// Moves whatever the reply holds right now to `receiver`, as long as the body stays within what
+// it announced; `received` counts what it took. The error that must end the transfer, if any.
+std::exception_ptr drain(QNetworkReply& reply, BodyReceiver& receiver, qint64& received) {
     char buffer[64 * 1024];
     const std::optional<qint64> announced = announcedLength(reply);
     while (reply.isOpen()) { // an aborted reply is closed and has nothing more to give
         const qint64 got = reply.read(buffer, qint64(sizeof buffer));
         if (got <= 0)
             return {};
-        if (announced && file.written() + got > *announced)
-            return {0, QStringLiteral("The server sent more than it announced.")};
-        const qint64 free = file.freeBytes();
-        if (free >= 0 && free - got < reserve)
-            return {0, notEnoughSpace()};
-        if (const int err = file.write(buffer, got))
-            return {err, std::nullopt};
-        hash.update(buffer, std::size_t(got));
+        if (announced && received + got > *announced)
+            return std::make_exception_ptr(
+                NetworkError(QStringLiteral("The server sent more than it announced.")));
+        if (std::exception_ptr error = receiver.write(buffer, got))
+            return error;
+        received += got;
     }
     return {};
 }
@@ -212,30 +134,6 @@ bool collect(QNetworkReply& reply, QByteArray& body, qint64 cap) {
 }
 
 } // namespace
-
-DownloadedFile::DownloadedFile(std::optional<int> statusCode, QString path, QString sha256Hex)
-    : statusCode_(statusCode), path_(std::move(path)), sha256Hex_(std::move(sha256Hex)) {}
-
-DownloadedFile::DownloadedFile(DownloadedFile&& other) noexcept
-    : statusCode_(other.statusCode_),
-      path_(std::exchange(other.path_, QString())),
-      sha256Hex_(std::move(other.sha256Hex_)) {}
-
-DownloadedFile& DownloadedFile::operator=(DownloadedFile&& other) noexcept {
-    if (this != &other) {
-        if (!path_.isEmpty())
-            QFile::remove(path_);
-        statusCode_ = other.statusCode_;
-        path_ = std::exchange(other.path_, QString());
-        sha256Hex_ = std::move(other.sha256Hex_);
-    }
-    return *this;
-}
-
-DownloadedFile::~DownloadedFile() {
-    if (!path_.isEmpty())
-        QFile::remove(path_);
-}
 
 HttpClient& HttpClient::shared() {
     static HttpClient client;
@@ -268,44 +166,54 @@ QCoro::Task<HttpResponse> HttpClient::data(QUrl url) {
     co_return HttpResponse{statusCodeOf(*raw), std::move(body)};
 }
 
-QCoro::Task<DownloadedFile> HttpClient::download(QUrl url) {
-    TemporaryFileWriter file;
-    Sha256 hash;
-    DrainOutcome outcome;
-    const qint64 reserve = limits_.freeSpaceReserve;
+QCoro::Task<ResponseHead> HttpClient::stream(QUrl url, RequestHeaders headers,
+                                             BodyReceiver& receiver) {
+    QNetworkRequest request = requestFor(url);
+    for (const auto& [name, value] : headers)
+        request.setRawHeader(name, value);
+    std::exception_ptr failure;
+    bool accepted = false;
+    qint64 received = 0;
 
-    ReplyPtr reply(manager().get(requestFor(url)));
+    ReplyPtr reply(manager().get(request));
     reply->setReadBufferSize(readBufferSize);
     auto* const watchdog = new TransferWatchdog(reply.get(), limits_.download);
     QNetworkReply* const raw = reply.get();
-    // A body that announces more than the disk can spare is refused before a byte of it lands.
+    // The receiver sees the head once, before the first byte of the body; the head of a
+    // redirect that is being followed is not the answer.
+    const auto takeHead = [&, raw] {
+        if (!accepted) {
+            const ResponseHead head = headOf(*raw);
+            if (head.statusCode && *head.statusCode / 100 == 3 &&
+                raw->attribute(QNetworkRequest::RedirectionTargetAttribute).isValid())
+                return false;
+            accepted = true;
+            failure = receiver.accept(head);
+        }
+        return !failure;
+    };
     const QMetaObject::Connection announced =
         QObject::connect(raw, &QNetworkReply::metaDataChanged, raw, [&, raw] {
-            const std::optional<qint64> length = announcedLength(*raw);
-            const qint64 free = file.freeBytes();
-            if (length && free >= 0 && free - *length < reserve)
-                watchdog->giveUp(notEnoughSpace()); // resumes the coroutine; nothing may follow
+            if (!failure && !takeHead() && failure)
+                raw->abort(); // resumes the coroutine; nothing may follow this call
         });
     const QMetaObject::Connection streaming =
         QObject::connect(raw, &QNetworkReply::readyRead, raw, [&, raw] {
-            if (outcome.writeError != 0 || outcome.refusal)
+            if (failure || !takeHead())
                 return;
-            outcome = drain(*raw, file, hash, reserve);
-            if (outcome.refusal)
-                watchdog->giveUp(*outcome.refusal); // resumes the coroutine; nothing may follow
-            else if (outcome.writeError != 0)
+            failure = drain(*raw, receiver, received);
+            if (failure)
                 raw->abort(); // resumes the coroutine; nothing may follow this call
         });
     co_await raw;
     QObject::disconnect(announced);
     QObject::disconnect(streaming);
-    if (outcome.writeError == 0 && !outcome.refusal)
-        outcome = drain(*raw, file, hash, reserve);
-    if (outcome.writeError != 0)
-        throwFileError(QStringLiteral("could not write ") + file.path(), outcome.writeError);
-    if (outcome.refusal)
-        throw NetworkError(*outcome.refusal);
+    // What arrived before the answer ended, also when it ended early: a download that resumes
+    // keeps every byte it got.
+    if (!failure && (raw->error() == QNetworkReply::NoError || statusCodeOf(*raw)) && takeHead())
+        failure = drain(*raw, receiver, received);
+    if (failure)
+        std::rethrow_exception(failure);
     throwIfTransportFailed(*raw, *watchdog);
-    file.keep();
-    co_return DownloadedFile(statusCodeOf(*raw), file.path(), hash.finishHex());
+    co_return headOf(*raw);
 }

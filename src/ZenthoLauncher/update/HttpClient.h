@@ -3,13 +3,16 @@
 #include "update/TransferLimits.h"
 
 #include <QByteArray>
+#include <QList>
 #include <QString>
 #include <QUrl>
 
 #include <QCoroTask>
 
+#include <exception>
 #include <optional>
 #include <stdexcept>
+#include <utility>
 
 // A transport failure (no route, refused, TLS, timeout, stalled or too slow body, refused
 // redirect, a body larger than the launcher accepts), carrying Qt's own description of it or
@@ -27,29 +30,26 @@ struct HttpResponse {
     QByteArray body;
 };
 
-// A response body saved to a temporary file, hashed while it streamed in. The file belongs to
-// this object: it is removed when the object goes away, so the caller keeps it alive for exactly
-// as long as it needs the file (for an install: until extraction has finished).
-class DownloadedFile {
-public:
-    DownloadedFile() = default;
-    DownloadedFile(std::optional<int> statusCode, QString path, QString sha256Hex);
-    DownloadedFile(DownloadedFile&& other) noexcept;
-    DownloadedFile& operator=(DownloadedFile&& other) noexcept;
-    DownloadedFile(const DownloadedFile&) = delete;
-    DownloadedFile& operator=(const DownloadedFile&) = delete;
-    ~DownloadedFile();
-
-    std::optional<int> statusCode() const { return statusCode_; }
-    const QString& path() const { return path_; }
-    // Lower-case hex SHA-256 of every byte written to the file.
-    const QString& sha256Hex() const { return sha256Hex_; }
-
-private:
-    std::optional<int> statusCode_;
-    QString path_;
-    QString sha256Hex_;
+// What a streamed GET learns before its body: the status and the headers a download decides on.
+struct ResponseHead {
+    std::optional<int> statusCode; // absent when the answer was not HTTP at all
+    std::optional<qint64> contentLength;
+    QByteArray contentRange;
+    QByteArray etag;
+    QByteArray lastModified;
 };
+
+// Takes the body of a streamed GET as it arrives. A non-null error ends the transfer and is what
+// stream() throws.
+class BodyReceiver {
+public:
+    virtual ~BodyReceiver() = default;
+    // The answer's head, before any byte of its body (and once more if a redirect is followed).
+    virtual std::exception_ptr accept(const ResponseHead& head) = 0;
+    virtual std::exception_ptr write(const char* bytes, qint64 size) = 0;
+};
+
+using RequestHeaders = QList<std::pair<QByteArray, QByteArray>>;
 
 // The launcher's one HTTP client, shared by every task. Its network manager lives until the
 // process ends, because a coroutine awaiting a reply must never see its manager destroyed.
@@ -64,9 +64,11 @@ public:
     // One GET of `url` into memory: a manifest. Its body is capped and the whole fetch has a
     // deadline.
     QCoro::Task<HttpResponse> data(QUrl url);
-    // One GET of `url` streamed to a temporary file: an archive. It stops when the body outgrows
-    // its Content-Length or would eat into the free-space reserve, and removes the file.
-    QCoro::Task<DownloadedFile> download(QUrl url);
+    // One GET of `url` with `headers` whose body streams into `receiver`: an archive. It stops
+    // when the body outgrows its Content-Length; the receiver keeps to the free-space reserve.
+    QCoro::Task<ResponseHead> stream(QUrl url, RequestHeaders headers, BodyReceiver& receiver);
+
+    const TransferLimits& limits() const { return limits_; }
 
 private:
     TransferLimits limits_;

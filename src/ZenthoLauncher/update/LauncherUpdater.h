@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+class DownloadObserver;
 class FileManager;
 class Platform;
 
@@ -34,6 +35,9 @@ public:
     // what it detects itself; errors of the network, manifest decoding, files and child
     // processes pass through unchanged.
     QCoro::Task<bool> updateIfNeeded(QUrl manifestURL);
+
+    // Who sees the archive's download arrive; none by default.
+    void setDownloadObserver(DownloadObserver* observer) { downloadObserver_ = observer; }
 
     // Throws launcherLocationNotWritable unless `bundlePath` is an ".app" folder whose parent
     // this process may write to (the swap renames the bundle inside that parent).
@@ -62,4 +66,5 @@ private:
     QString launcherRoot_;
     StatusReporter reportStatus_;
     InviteSource pendingInvite_;
+    DownloadObserver* downloadObserver_ = nullptr;
 };

@@ -15,10 +15,10 @@ struct TransferLimits {
     // A manifest fetch must end within this, however steadily the bytes come: the buttons stay
     // disabled while it runs, and offline play must not wait on a server that drip-feeds.
     static constexpr std::chrono::milliseconds defaultManifestDeadline{30000};
-    // An archive download stops when it would leave less than this free on the temporary
-    // folder's file system: enough for the system and the user's other programs to go on
-    // writing their logs and caches while the launcher fails cleanly, small next to any disk a
-    // game is installed on.
+    // An archive download does not start, or stops, when it would leave less than this free
+    // where it is written or unpacked: enough for the system and the user's other programs to go
+    // on writing their logs and caches while the launcher fails cleanly, small next to any disk
+    // a game is installed on.
     static constexpr qint64 defaultFreeSpaceReserve = qint64(64) * 1024 * 1024;
 
     // Archives keep the throughput floor and no overall deadline: slow links must work.

@@ -1,16 +1,59 @@
 #include "update/VerifiedDownload.h"
 
 #include "errors/LauncherError.h"
+#include "platform/FileManager.h"
+#include "storage/DownloadsFolder.h"
+#include "update/HttpClient.h"
+#include "update/ResumableDownload.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 
 #include <optional>
+#include <utility>
 
-QCoro::Task<DownloadedFile> downloadVerifiedArchive(QUrl url, QString sha256) {
-    DownloadedFile archive = co_await HttpClient::shared().download(url);
-    if (archive.statusCode() != std::optional<int>(200))
+DownloadedFile::DownloadedFile(DownloadedFile&& other) noexcept
+    : path_(std::exchange(other.path_, QString())) {}
+
+DownloadedFile& DownloadedFile::operator=(DownloadedFile&& other) noexcept {
+    if (this != &other) {
+        remove();
+        path_ = std::exchange(other.path_, QString());
+    }
+    return *this;
+}
+
+DownloadedFile::~DownloadedFile() { remove(); }
+
+void DownloadedFile::remove() {
+    if (path_.isEmpty())
+        return;
+    QFile::remove(path_);
+    // Only succeeds once nothing else is in it.
+    QDir().rmdir(QFileInfo(path_).absolutePath());
+    path_.clear();
+}
+
+QCoro::Task<DownloadedFile> downloadVerifiedArchive(QUrl url, QString sha256, ArchiveDownload where) {
+    const DownloadsFolder folder(FileManager::defaultManager(), where.launcherRoot);
+    const DownloadsFolder::Partial files = folder.prepare(where.kind, sha256);
+    DownloadResult result;
+    try {
+        result = co_await ResumableDownload::run(HttpClient::shared(), url, files,
+                                                 {where.sink, where.observer, where.launcherRoot});
+    } catch (...) {
+        folder.removeIfEmpty();
+        throw;
+    }
+    if (result.statusCode != std::optional<int>(200)) {
+        folder.removeIfEmpty();
         throw LauncherError::downloadFailed();
+    }
+    DownloadedFile archive(files.archive);
     // Exact comparison on purpose: a digest with stray blanks or a prefix is a broken manifest,
     // and accepting it would hide that from the people who publish them.
-    if (archive.sha256Hex() != sha256.toLower())
+    if (result.sha256Hex != sha256.toLower())
         throw LauncherError::hashMismatch();
     co_return archive;
 }
