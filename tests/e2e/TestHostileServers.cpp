@@ -41,8 +41,8 @@ const QString kInvite = QStringLiteral("zentho://invite/hostile");
 constexpr long kMemoryGuardKiB = 1024 * 1024;
 // The launcher's whole peak may exceed an offline start by this much at most.
 constexpr long kMemoryAllowanceKiB = 48 * 1024;
-// A small file system for the temporary folder, so that the free-space reserve is reached.
-constexpr qint64 kSmallTemporarySize = qint64(160) * 1024 * 1024;
+// A small file system for the launcher's storage, so that the free-space reserve is reached.
+constexpr qint64 kSmallStorageSize = qint64(160) * 1024 * 1024;
 
 qint64 freeBytesOf(const QString& folder) {
     struct statvfs fs {};
@@ -93,7 +93,7 @@ struct Observed {
     qint64 startedAfterMs = -1;
     long peakKiB = -1;
     std::optional<int> exitCode;
-    QStringList leftovers; // downloads left in the temporary folder
+    QStringList leftovers; // downloads left in the storage or the temporary folder
     QByteArray errors;
 };
 
@@ -165,7 +165,9 @@ class TestHostileServers : public QObject {
         }
         seen.exitCode = launcher.waitForExit(10000);
         seen.errors = launcher.errors();
-        seen.leftovers = QDir(temporary).entryList({QStringLiteral("zentho-download-*")}, QDir::Files);
+        seen.leftovers = QDir(temporary).entryList({QStringLiteral("zentho-*")}, QDir::Files) +
+                         QDir(path(QStringLiteral("data/Zentho/launcher/downloads")))
+                             .entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
         if (seen.gameStarted) {
             const QByteArray recorded = RealLauncher::waitForGameRecord(record);
             if (!recorded.startsWith("version=0.1.190\n"))
@@ -241,12 +243,12 @@ private slots:
         QVERIFY2(seen.startedAfterMs >= deadline - 1000, qPrintable(QString::number(seen.startedAfterMs)));
     }
 
-    // The temporary folder is a small file system of this test's own: the endless body must stop
-    // while the reserve is still free, and its file must go.
+    // The storage is a small file system of this test's own: the endless body must stop while the
+    // reserve is still free, and its file must go.
     void endlessArchive() {
-        const QString small = path(QStringLiteral("small-tmp"));
+        const QString small = path(QStringLiteral("data"));
         TestFiles::makeFolder(small);
-        const QByteArray size = "size=" + QByteArray::number(kSmallTemporarySize);
+        const QByteArray size = "size=" + QByteArray::number(kSmallStorageSize);
         QVERIFY2(::mount("zentho-test-tmp", QFile::encodeName(small).constData(), "tmpfs", 0, size.constData()) == 0,
                  "could not mount a small tmpfs");
         const auto unmount = qScopeGuard([&] { ::umount2(QFile::encodeName(small).constData(), MNT_DETACH); });
@@ -258,10 +260,11 @@ private slots:
         qint64 lowestFree = 0;
         {
             const FreeSpaceWatch watch(small);
-            seen = run(server_->url(QStringLiteral("/endless-archive.json")).toString(), missingFile(), small, 30000);
+            seen = run(server_->url(QStringLiteral("/endless-archive.json")).toString(), missingFile(),
+                       path(QStringLiteral("tmp")), 30000);
             lowestFree = watch.lowest();
         }
-        qInfo("lowest free space on the %lld MiB temporary folder: %lld KiB", kSmallTemporarySize >> 20,
+        qInfo("lowest free space on the %lld MiB storage: %lld KiB", kSmallStorageSize >> 20,
               lowestFree / 1024);
         verifySeedStartedWithin(seen, 20000);
         if (QTest::currentTestFailed())
@@ -269,7 +272,7 @@ private slots:
         // The reserve less what one read may add before the check sees it.
         QVERIFY2(lowestFree >= TransferLimits::defaultFreeSpaceReserve - 1024 * 1024,
                  qPrintable(QString::number(lowestFree)));
-        QCOMPARE(freeBytesOf(small), kSmallTemporarySize);
+        QCOMPARE(freeBytesOf(small), kSmallStorageSize);
         QVERIFY(!QFileInfo::exists(path(QStringLiteral("data/Zentho/launcher/versions/0.2.0"))));
     }
 

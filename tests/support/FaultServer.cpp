@@ -1,6 +1,8 @@
 #include "FaultServer.h"
 
 #include <QByteArray>
+#include <QCryptographicHash>
+#include <QFile>
 #include <QList>
 
 #include <algorithm>
@@ -143,8 +145,19 @@ void FaultServer::serve(int client) {
     const QByteArray request = readRequestHead(client, stopPipe_[0], deadline);
     const QList<QByteArray> parts = pathOf(request).split('/'); // "", "fault", kind, ...
     if (parts.size() == 5 && parts[2] == "cut") {
-        serveCut(client, deadline, request, parts[3].toLongLong(), parts[4].toLongLong());
+        const qint64 size = std::clamp<qint64>(parts[3].toLongLong(), 0, 64 * 1024 * 1024);
+        serveCut(client, deadline, request, cutBody(size), "\"cut-" + QByteArray::number(size) + '"',
+                 parts[4].toLongLong());
         return;
+    }
+    if (parts.size() == 5 && parts[2] == "cutfile" && !parts[4].startsWith('.')) {
+        QFile file(fileRoot() + QLatin1Char('/') + QString::fromUtf8(parts[4]));
+        if (file.open(QIODevice::ReadOnly) && file.size() <= 64 * 1024 * 1024) {
+            const QByteArray body = file.readAll();
+            const QByteArray etag = '"' + QCryptographicHash::hash(body, QCryptographicHash::Sha1).toHex() + '"';
+            serveCut(client, deadline, request, body, etag, parts[3].toLongLong());
+            return;
+        }
     }
 
     qint64 announced = -1; // Content-Length, or chunked when -1
@@ -206,9 +219,8 @@ QByteArray FaultServer::cutBody(qint64 size) {
 }
 
 void FaultServer::serveCut(int client, Clock::time_point deadline, const QByteArray& request,
-                           qint64 size, qint64 cut) {
-    size = std::clamp<qint64>(size, 0, 64 * 1024 * 1024);
-    const QByteArray etag = "\"cut-" + QByteArray::number(size) + '"';
+                           const QByteArray& body, const QByteArray& etag, qint64 cut) {
+    const qint64 size = body.size();
     const QByteArray range = headerOf(request, "Range");
     const QByteArray ifRange = headerOf(request, "If-Range");
     {
@@ -236,7 +248,6 @@ void FaultServer::serveCut(int client, Clock::time_point deadline, const QByteAr
     if (!sendAll(client, stopPipe_[0], deadline, head, stopping_))
         return;
     const qint64 end = cut > 0 ? std::min(size, from + cut) : size;
-    const QByteArray body = cutBody(size);
     for (qint64 at = from; at < end && !stopping_;) {
         const qint64 take = std::min<qint64>(64 * 1024, end - at);
         if (!sendAll(client, stopPipe_[0], deadline, body.mid(int(at), int(take)), stopping_))
@@ -245,6 +256,16 @@ void FaultServer::serveCut(int client, Clock::time_point deadline, const QByteAr
         bytesSent_ += take;
     }
     // Closing before the announced end is the cut: the client sees its connection drop.
+}
+
+void FaultServer::setFileRoot(const QString& folder) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    fileRoot_ = folder;
+}
+
+QString FaultServer::fileRoot() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return fileRoot_;
 }
 
 QList<QByteArray> FaultServer::rangesAsked() const {

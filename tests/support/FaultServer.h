@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QList>
+#include <QString>
 #include <QtGlobal>
 
 #include <atomic>
@@ -23,6 +24,8 @@
 //                             "Range: bytes=<from>-" (with a matching If-Range, or none) with
 //                             206 and 416; each connection is closed after at most <k> bytes of
 //                             body (0: never), before the announced end
+//   /fault/cutfile/<k>/<name> the same for the file <name> of fileRoot(), whose ETag is its
+//                             digest
 //
 // Bounds: no connection is served longer than maximumSeconds() or past maximumBytes(); the
 // destructor stops every connection and joins its thread.
@@ -37,6 +40,9 @@ public:
     // Body bytes sent on every connection so far.
     qint64 bytesSent() const { return bytesSent_.load(); }
 
+    // Where /fault/cutfile/ finds its files.
+    void setFileRoot(const QString& folder);
+    QString fileRoot() const;
     // Every Range header /fault/cut/ was asked with, in order (empty for none).
     QList<QByteArray> rangesAsked() const;
     // The body /fault/cut/<n>/ serves.
@@ -49,7 +55,8 @@ private:
     void acceptLoop();
     void serve(int client);
     void serveCut(int client, std::chrono::steady_clock::time_point deadline,
-                  const QByteArray& request, qint64 size, qint64 cut);
+                  const QByteArray& request, const QByteArray& body, const QByteArray& etag,
+                  qint64 cut);
 
     int listener_ = -1;
     int stopPipe_[2] = {-1, -1};
@@ -59,5 +66,6 @@ private:
     std::thread acceptor_;
     mutable std::mutex mutex_;
     QList<QByteArray> ranges_;
+    QString fileRoot_;
     std::vector<std::thread> connections_;
 };

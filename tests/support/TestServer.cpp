@@ -111,6 +111,7 @@ TestServer::TestServer() : fault_(std::make_unique<FaultServer>()) {
     for (const char* sub : {"logs", "tmp", "www", "fixtures"})
         QDir(prefix_.path()).mkpath(QString::fromLatin1(sub));
     certificates();
+    fault_->setFileRoot(documentRoot());
 
     QString failure;
     for (int attempt = 0; attempt < 5; ++attempt) {
