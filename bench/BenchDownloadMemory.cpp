@@ -1,6 +1,6 @@
 // How much memory a large archive download costs. The body streams to its file in the downloads
-// folder while it is hashed, so the peak resident size should grow by a small, fixed amount whatever the size of
-// the archive. Also prints the throughput over loopback TLS from a real nginx.
+// folder while it is hashed, so the peak resident size should grow by a small, fixed amount
+// whatever the size of the archive. Also prints the throughput over loopback TLS from a real nginx.
 
 #include "ResidentMemory.h"
 #include "TaskOutcome.h"
@@ -53,7 +53,8 @@ int main(int argc, char** argv) {
         QElapsedTimer clock;
         clock.start();
         const std::exception_ptr error =
-            waitForOutcome(downloadInto(server.url(QLatin1Char('/') + name), files, storage.path(), &file));
+            waitForOutcome(downloadInto(server.url(QLatin1Char('/') + name), files, storage.path(),
+                                        &file));
         const double seconds = clock.elapsed() / 1000.0;
         const long peak = ResidentMemory::peakKiB();
         if (error || !file || QFileInfo(files.archive).size() != size) {

@@ -25,7 +25,8 @@
 namespace {
 
 QCoro::Task<void> attempt(QUrl url, DownloadsFolder::Partial files, QString root, int resumes) {
-    co_await ResumableDownload::run(HttpClient::shared(), url, files, {nullptr, nullptr, root, resumes});
+    co_await ResumableDownload::run(HttpClient::shared(), url, files,
+                                    {nullptr, nullptr, root, resumes});
 }
 
 } // namespace
@@ -41,7 +42,8 @@ int main(int argc, char** argv) {
     server.writeFile(QStringLiteral("archive.bin"), TestFiles::randomBytes(size, 11));
 
     // Whole, in one go.
-    const DownloadsFolder::Partial whole = folder.prepare(QStringLiteral("macos-arm64"), QStringLiteral("whole"));
+    const DownloadsFolder::Partial whole =
+        folder.prepare(QStringLiteral("macos-arm64"), QStringLiteral("whole"));
     const qint64 sentBefore = server.faultServer().bytesSent();
     QElapsedTimer clock;
     clock.start();
@@ -55,13 +57,15 @@ int main(int argc, char** argv) {
     QFile::remove(whole.archive);
 
     // Cut at half, then resumed by the next attempt.
-    const DownloadsFolder::Partial cut = folder.prepare(QStringLiteral("macos-arm64"), QStringLiteral("cut"));
+    const DownloadsFolder::Partial cut =
+        folder.prepare(QStringLiteral("macos-arm64"), QStringLiteral("cut"));
     const QUrl url = server.url(QStringLiteral("/fault/cutfile/%1/archive.bin").arg(size / 2));
     waitForOutcome(attempt(url, cut, storage.path(), 0)); // fails by design: the connection drops
     const qint64 kept = QFileInfo(cut.archive).size();
     const qint64 beforeResume = server.faultServer().bytesSent();
     clock.restart();
-    if (waitForOutcome(attempt(url, cut, storage.path(), 5)) || QFileInfo(cut.archive).size() != size) {
+    if (waitForOutcome(attempt(url, cut, storage.path(), 5)) ||
+        QFileInfo(cut.archive).size() != size) {
         std::fprintf(stderr, "resumed download failed\n");
         return 1;
     }
@@ -71,11 +75,13 @@ int main(int argc, char** argv) {
     std::printf("archive_bytes: %lld\n", static_cast<long long>(size));
     std::printf("whole_download_bytes_fetched: %lld (%.2f s)\n", static_cast<long long>(wholeBytes),
                 wholeSeconds);
-    std::printf("resumed_attempt_bytes_fetched: %lld (%.2f s, %lld bytes kept from the cut attempt)\n",
-                static_cast<long long>(resumedBytes), resumedSeconds, static_cast<long long>(kept));
+    std::printf(
+        "resumed_attempt_bytes_fetched: %lld (%.2f s, %lld bytes kept from the cut attempt)\n",
+        static_cast<long long>(resumedBytes), resumedSeconds, static_cast<long long>(kept));
     std::printf("resume_bytes_saved: %lld (%.1f%% of the archive)\n",
                 static_cast<long long>(wholeBytes - resumedBytes),
                 100.0 * double(wholeBytes - resumedBytes) / double(size));
-    std::printf("resume_time_ratio: %.2f (resumed attempt / whole download)\n", resumedSeconds / wholeSeconds);
+    std::printf("resume_time_ratio: %.2f (resumed attempt / whole download)\n",
+                resumedSeconds / wholeSeconds);
     return 0;
 }

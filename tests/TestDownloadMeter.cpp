@@ -55,7 +55,8 @@ private slots:
         qint64 done = m.run(0, 200'000'000, 0.5, 10'000'000);
         QVERIFY2(!m.screen.caption.contains(QStringLiteral("/s")), qPrintable(m.screen.caption));
         done = m.run(done, 200'000'000, 1.0, 10'000'000);
-        QVERIFY2(m.screen.caption.endsWith(QStringLiteral("10 MB/s")), qPrintable(m.screen.caption));
+        QVERIFY2(m.screen.caption.endsWith(QStringLiteral("10 MB/s")),
+                 qPrintable(m.screen.caption));
         done = m.run(done, 200'000'000, 2.0, 10'000'000);
         // 35 MB after 3.5 s at 10 MB/s: 165 MB to go.
         QCOMPARE(done, qint64(35'000'000));

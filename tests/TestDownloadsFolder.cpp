@@ -16,8 +16,8 @@ const QString kDigest = QStringLiteral("ab").repeated(32);
 const QString kOther = QStringLiteral("cd").repeated(32);
 
 QStringList entries(const QString& folder) {
-    return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
-                                  QDir::Name);
+    return QDir(folder).entryList(
+        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
 }
 
 } // namespace
@@ -28,8 +28,12 @@ class TestDownloadsFolder : public QObject {
     std::unique_ptr<QTemporaryDir> root_;
     QString root() const { return root_->path(); }
     QString downloads() const { return root() + QStringLiteral("/downloads"); }
-    DownloadsFolder folder() const { return DownloadsFolder(FileManager::defaultManager(), root()); }
-    void put(const QString& name) { TestFiles::writeFile(downloads() + QLatin1Char('/') + name, "x"); }
+    DownloadsFolder folder() const {
+        return DownloadsFolder(FileManager::defaultManager(), root());
+    }
+    void put(const QString& name) {
+        TestFiles::writeFile(downloads() + QLatin1Char('/') + name, "x");
+    }
 
 private slots:
     void init() { root_ = std::make_unique<QTemporaryDir>(); }
@@ -37,16 +41,22 @@ private slots:
     void namesComeFromKindAndDigest() {
         const DownloadsFolder::Partial files =
             folder().prepare(QStringLiteral("macos-arm64"), kDigest.toUpper());
-        QCOMPARE(files.archive, downloads() + QStringLiteral("/macos-arm64-") + kDigest + QStringLiteral(".part"));
-        QCOMPARE(files.validator, downloads() + QStringLiteral("/macos-arm64-") + kDigest + QStringLiteral(".validator"));
+        QCOMPARE(files.archive,
+                 downloads() + QStringLiteral("/macos-arm64-") + kDigest + QStringLiteral(".part"));
+        QCOMPARE(files.validator, downloads() + QStringLiteral("/macos-arm64-") + kDigest +
+                                      QStringLiteral(".validator"));
         QVERIFY(QFileInfo(downloads()).isDir());
     }
 
     // A manifest's digest is no path: whatever it holds, the name is 64 hex digits.
     void digestThatIsNoDigestNeverMakesAPath() {
-        const QString base = DownloadsFolder::baseName(QStringLiteral("macos-arm64"), QStringLiteral("../../x"));
-        QVERIFY(QRegularExpression(QStringLiteral("^macos-arm64-[0-9a-f]{64}$")).match(base).hasMatch());
-        QVERIFY(base != DownloadsFolder::baseName(QStringLiteral("macos-arm64"), QStringLiteral("../../y")));
+        const QString base =
+            DownloadsFolder::baseName(QStringLiteral("macos-arm64"), QStringLiteral("../../x"));
+        QVERIFY(QRegularExpression(QStringLiteral("^macos-arm64-[0-9a-f]{64}$"))
+                    .match(base)
+                    .hasMatch());
+        QVERIFY(base != DownloadsFolder::baseName(QStringLiteral("macos-arm64"),
+                                                  QStringLiteral("../../y")));
     }
 
     void preparingARemovesTheOlderReleaseOfItsKindOnly() {
@@ -56,10 +66,12 @@ private slots:
         put(QStringLiteral("macos-launcher-arm64-") + kOther + QStringLiteral(".validator"));
         put(QStringLiteral("macos-arm64-") + kDigest + QStringLiteral(".part"));
         folder().prepare(QStringLiteral("macos-arm64"), kDigest);
-        QCOMPARE(entries(downloads()),
-                 (QStringList{QStringLiteral("macos-arm64-") + kDigest + QStringLiteral(".part"),
-                              QStringLiteral("macos-launcher-arm64-") + kOther + QStringLiteral(".part"),
-                              QStringLiteral("macos-launcher-arm64-") + kOther + QStringLiteral(".validator")}));
+        QCOMPARE(
+            entries(downloads()),
+            (QStringList{QStringLiteral("macos-arm64-") + kDigest + QStringLiteral(".part"),
+                         QStringLiteral("macos-launcher-arm64-") + kOther + QStringLiteral(".part"),
+                         QStringLiteral("macos-launcher-arm64-") + kOther +
+                             QStringLiteral(".validator")}));
     }
 
     void cleanUpKeepsWhatCanBeResumed() {
@@ -71,8 +83,9 @@ private slots:
 
     // The twin: what no download can go on from goes, and names the launcher never makes too.
     void cleanUpRemovesWhatCannotBeResumed() {
-        put(QStringLiteral("macos-arm64-") + kDigest + QStringLiteral(".part"));        // finished
-        put(QStringLiteral("macos-launcher-arm64-") + kOther + QStringLiteral(".validator")); // orphan
+        put(QStringLiteral("macos-arm64-") + kDigest + QStringLiteral(".part")); // finished
+        put(QStringLiteral("macos-launcher-arm64-") + kOther +
+            QStringLiteral(".validator")); // orphan
         put(QStringLiteral("zentho-download-1234"));
         put(QStringLiteral(".hidden"));
         TestFiles::writeFile(downloads() + QStringLiteral("/folder/inside"), "x");

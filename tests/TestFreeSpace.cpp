@@ -27,14 +27,17 @@ namespace {
 class SmallDisk {
 public:
     explicit SmallDisk(int megabytes) {
-        holder_.start(QStringLiteral("/usr/bin/unshare"),
-                      {QStringLiteral("--mount"), QStringLiteral("--propagation"), QStringLiteral("private"),
-                       QStringLiteral("/bin/sh"), QStringLiteral("-c"),
-                       QStringLiteral("mount -t tmpfs -o size=%1m tmpfs \"$0\" && echo ready && exec sleep 600")
-                           .arg(megabytes),
-                       mountPoint_.path()});
+        holder_.start(
+            QStringLiteral("/usr/bin/unshare"),
+            {QStringLiteral("--mount"), QStringLiteral("--propagation"), QStringLiteral("private"),
+             QStringLiteral("/bin/sh"), QStringLiteral("-c"),
+             QStringLiteral(
+                 "mount -t tmpfs -o size=%1m tmpfs \"$0\" && echo ready && exec sleep 600")
+                 .arg(megabytes),
+             mountPoint_.path()});
         if (holder_.waitForReadyRead(10000) && holder_.readAll().startsWith("ready"))
-            path_ = QStringLiteral("/proc/%1/root%2").arg(holder_.processId()).arg(mountPoint_.path());
+            path_ =
+                QStringLiteral("/proc/%1/root%2").arg(holder_.processId()).arg(mountPoint_.path());
     }
     ~SmallDisk() {
         holder_.kill();
@@ -81,7 +84,8 @@ private slots:
             QFAIL("8 MB and a reserve fit on an 8 MiB disk");
         } catch (const DiskSpaceError& e) {
             QCOMPARE(QString::fromUtf8(e.what()),
-                     QStringLiteral("Not enough free space in %1: 9.0 MB needed, 8.4 MB free.").arg(disk.path()));
+                     QStringLiteral("Not enough free space in %1: 9.0 MB needed, 8.4 MB free.")
+                         .arg(disk.path()));
         }
     }
 
@@ -95,15 +99,18 @@ private slots:
         QTemporaryDir dir;
         const QString build = dir.filePath(QStringLiteral("build"));
         StandinGames::runsFor(build, 1);
-        TestFiles::writeFile(build + QStringLiteral("/pad"), TestFiles::randomBytes(16 * 1000 * 1000, 9));
+        TestFiles::writeFile(build + QStringLiteral("/pad"),
+                             TestFiles::randomBytes(16 * 1000 * 1000, 9));
         const QString archive = server.writeFile(
-            QStringLiteral("game.tar.gz"), TestArchives::bytesOf(build, {QStringLiteral("zentho"), QStringLiteral("pad")}));
-        server.writeFile(QStringLiteral("game.json"),
-                         QStringLiteral("{\"version\":\"0.3.0\",\"platform\":\"macos-arm64\",\"url\":\"%1\","
-                                        "\"sha256\":\"%2\",\"executable\":\"zentho\"}")
-                             .arg(server.url(QStringLiteral("/throttle/game.tar.gz")).toString(),
-                                  TestArchives::sha256sum(archive))
-                             .toUtf8());
+            QStringLiteral("game.tar.gz"),
+            TestArchives::bytesOf(build, {QStringLiteral("zentho"), QStringLiteral("pad")}));
+        server.writeFile(
+            QStringLiteral("game.json"),
+            QStringLiteral("{\"version\":\"0.3.0\",\"platform\":\"macos-arm64\",\"url\":\"%1\","
+                           "\"sha256\":\"%2\",\"executable\":\"zentho\"}")
+                .arg(server.url(QStringLiteral("/throttle/game.tar.gz")).toString(),
+                     TestArchives::sha256sum(archive))
+                .toUtf8());
         qputenv("ZENTHO_UPDATE_MANIFEST", server.url(QStringLiteral("/game.json")).toEncoded());
         qputenv("ZENTHO_LAUNCHER_UPDATE_MANIFEST", "file:///dev/null/none.json");
         qputenv("XDG_DATA_HOME", QFile::encodeName(disk.path()));
@@ -116,11 +123,12 @@ private slots:
         const QString root = disk.path() + QStringLiteral("/Zentho/launcher");
         const qint64 free = FreeSpace::available(root);
         const qint64 archiveSize = QFileInfo(archive).size();
-        QCOMPARE(model.status(),
-                 QStringLiteral("Update failed: Not enough free space in %1: %2 needed, %3 free.")
-                     .arg(root,
-                          TransferText::size(2 * archiveSize + TransferLimits::defaultFreeSpaceReserve),
-                          TransferText::size(free)));
+        QCOMPARE(
+            model.status(),
+            QStringLiteral("Update failed: Not enough free space in %1: %2 needed, %3 free.")
+                .arg(root,
+                     TransferText::size(2 * archiveSize + TransferLimits::defaultFreeSpaceReserve),
+                     TransferText::size(free)));
         QVERIFY(!QFileInfo::exists(root + QStringLiteral("/downloads")));
         QCOMPARE(platform.quitCount, 0);
     }

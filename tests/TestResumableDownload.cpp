@@ -90,7 +90,9 @@ class TestResumableDownload : public QObject {
             .prepare(QStringLiteral("macos-arm64"), QStringLiteral("ab").repeated(32));
     }
     QUrl fault(const QString& path) const {
-        return QUrl(QStringLiteral("http://127.0.0.1:%1/fault/%2").arg(server_->faultServer().port()).arg(path));
+        return QUrl(QStringLiteral("http://127.0.0.1:%1/fault/%2")
+                        .arg(server_->faultServer().port())
+                        .arg(path));
     }
     // A fresh file of `size` random bytes on the server; its path there.
     QString publish(qint64 size, QByteArray* bytes) {
@@ -102,10 +104,12 @@ class TestResumableDownload : public QObject {
     // An earlier attempt that kept `kept` under `validator` for `url`.
     void keep(const QUrl& url, const QByteArray& kept, const QByteArray& validator) {
         TestFiles::writeFile(files().archive, kept, 0600);
-        TestFiles::writeFile(files().validator,
-                             QJsonDocument(QJsonObject{{QStringLiteral("url"), url.toString(QUrl::FullyEncoded)},
-                                                       {QStringLiteral("validator"), QString::fromLatin1(validator)}})
-                                 .toJson());
+        TestFiles::writeFile(
+            files().validator,
+            QJsonDocument(
+                QJsonObject{{QStringLiteral("url"), url.toString(QUrl::FullyEncoded)},
+                            {QStringLiteral("validator"), QString::fromLatin1(validator)}})
+                .toJson());
     }
     DownloadResult run(const QUrl& url, TransferLimits limits = {}, int resumes = 5) {
         HttpClient client(limits);
@@ -164,7 +168,8 @@ private slots:
         QCOMPARE(served[0].bytes, 1024 * 1024);
         // The fraction starts at what was kept.
         QCOMPARE(observer_.reports.first(), std::make_pair(qint64(1024 * 1024), qint64(-1)));
-        QCOMPARE(observer_.reports.last(), std::make_pair(qint64(bytes.size()), qint64(bytes.size())));
+        QCOMPARE(observer_.reports.last(),
+                 std::make_pair(qint64(bytes.size()), qint64(bytes.size())));
     }
 
     // The twin: the file changed on the server since the bytes were kept (its validator no longer
@@ -277,12 +282,13 @@ private slots:
         limits.freeSpaceReserve = FreeSpace::available(root()) - 1024 * 1024;
         const std::exception_ptr error = failureOf(server_->url(path), limits);
         const QString text = textOf(error);
-        QVERIFY2(QRegularExpression(QStringLiteral("^Not enough free space in ") +
-                                    QRegularExpression::escape(root()) +
-                                    QStringLiteral(": [0-9.]+ [kMGT]B needed, [0-9.]+ [kMGT]B free\\.$"))
-                     .match(text)
-                     .hasMatch(),
-                 qPrintable(text));
+        QVERIFY2(
+            QRegularExpression(QStringLiteral("^Not enough free space in ") +
+                               QRegularExpression::escape(root()) +
+                               QStringLiteral(": [0-9.]+ [kMGT]B needed, [0-9.]+ [kMGT]B free\\.$"))
+                .match(text)
+                .hasMatch(),
+            qPrintable(text));
         QVERIFY(!QFileInfo::exists(files().archive));
         QCOMPARE(sink_.bytes, QByteArray());
     }
@@ -300,12 +306,14 @@ private slots:
     void bodyReachingTheReserveStopsAndIsRemoved() {
         TransferLimits limits;
         limits.freeSpaceReserve = FreeSpace::available(root()) - 16 * 1024 * 1024;
-        const std::exception_ptr error = failureOf(fault(QStringLiteral("chunked/268435456")), limits);
+        const std::exception_ptr error =
+            failureOf(fault(QStringLiteral("chunked/268435456")), limits);
         QVERIFY(error);
         try {
             std::rethrow_exception(error);
         } catch (const DiskSpaceError& e) {
-            QCOMPARE(QString::fromUtf8(e.what()), QStringLiteral("Not enough free disk space for the download."));
+            QCOMPARE(QString::fromUtf8(e.what()),
+                     QStringLiteral("Not enough free disk space for the download."));
         } catch (...) {
             QFAIL(qPrintable(textOf(error)));
         }

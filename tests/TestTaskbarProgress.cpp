@@ -27,7 +27,7 @@ public:
 public slots:
     void received(const QString& app, const QVariantMap& properties) {
         updates.append({app, properties.value(QStringLiteral("progress")).toDouble(),
-                         properties.value(QStringLiteral("progress-visible")).toBool()});
+                        properties.value(QStringLiteral("progress-visible")).toBool()});
     }
 };
 
@@ -53,7 +53,8 @@ private slots:
 
     void progressReachesTheDock() {
         bus_.start(QStringLiteral("/usr/bin/dbus-daemon"),
-                   {QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address")});
+                   {QStringLiteral("--session"), QStringLiteral("--nofork"),
+                    QStringLiteral("--print-address")});
         QVERIFY(bus_.waitForReadyRead(10000));
         const QString address = QString::fromLatin1(bus_.readLine().trimmed());
         QVERIFY(!address.isEmpty());
@@ -62,9 +63,9 @@ private slots:
         QDBusConnection dock = QDBusConnection::connectToBus(address, QStringLiteral("dock"));
         QVERIFY(dock.isConnected());
         DockListener listener;
-        QVERIFY(dock.connect(QString(), QString(), QStringLiteral("com.canonical.Unity.LauncherEntry"),
-                             QStringLiteral("Update"), &listener,
-                             SLOT(received(QString, QVariantMap))));
+        QVERIFY(dock.connect(
+            QString(), QString(), QStringLiteral("com.canonical.Unity.LauncherEntry"),
+            QStringLiteral("Update"), &listener, SLOT(received(QString, QVariantMap))));
 
         TaskbarProgress taskbar(QStringLiteral("zentho-launcher.desktop"));
         taskbar.show(0.25);

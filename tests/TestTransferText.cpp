@@ -24,7 +24,8 @@ private slots:
         QTest::newRow("free space") << qint64(310'000'000) << QStringLiteral("310 MB");
         QTest::newRow("never 1000 of a unit") << qint64(999'950) << QStringLiteral("1.0 MB");
         QTest::newRow("gigabytes") << qint64(1'200'000'000) << QStringLiteral("1.2 GB");
-        QTest::newRow("mebibytes are not megabytes") << qint64(1024 * 1024) << QStringLiteral("1.0 MB");
+        QTest::newRow("mebibytes are not megabytes")
+            << qint64(1024 * 1024) << QStringLiteral("1.0 MB");
         QTest::newRow("terabytes") << qint64(2'500'000'000'000) << QStringLiteral("2.5 TB");
     }
     void sizesAreDecimalWithThreeFiguresAtMost() {
@@ -47,7 +48,8 @@ private slots:
         QTest::newRow("a minute") << qint64(60) << QStringLiteral("about 1 min left");
         QTest::newRow("rounded minutes") << qint64(200) << QStringLiteral("about 3 min left");
         QTest::newRow("an hour") << qint64(3600) << QStringLiteral("about 1 h left");
-        QTest::newRow("hours and minutes") << qint64(3900) << QStringLiteral("about 1 h 5 min left");
+        QTest::newRow("hours and minutes")
+            << qint64(3900) << QStringLiteral("about 1 h 5 min left");
     }
     void timeLeftIsRounded() {
         QFETCH(qint64, seconds);

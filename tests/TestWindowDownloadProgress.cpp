@@ -20,7 +20,8 @@ namespace {
 constexpr int kTintR = 64, kTintG = 194, kTintB = 38;
 
 QString referencePath() {
-    return qEnvironmentVariable("ZENTHO_SOURCE_DIR") + QStringLiteral("/tests/data/window-idle.png");
+    return qEnvironmentVariable("ZENTHO_SOURCE_DIR") +
+           QStringLiteral("/tests/data/window-idle.png");
 }
 
 // Pixels that differ between two screenshots of the same size.
@@ -87,15 +88,18 @@ private slots:
         QTemporaryDir dir;
         const QString build = dir.filePath(QStringLiteral("build"));
         TestFiles::makeBuild(build);
-        TestFiles::writeFile(build + QStringLiteral("/pad"), TestFiles::randomBytes(3 * 1000 * 1000, 5));
-        const QByteArray archive = TestArchives::bytesOf(build, {QStringLiteral("zentho"), QStringLiteral("pad")});
+        TestFiles::writeFile(build + QStringLiteral("/pad"),
+                             TestFiles::randomBytes(3 * 1000 * 1000, 5));
+        const QByteArray archive =
+            TestArchives::bytesOf(build, {QStringLiteral("zentho"), QStringLiteral("pad")});
         const QString archivePath = server.writeFile(QStringLiteral("game.tar.gz"), archive);
-        server.writeFile(QStringLiteral("game.json"),
-                         QStringLiteral("{\"version\":\"0.3.0\",\"platform\":\"macos-arm64\",\"url\":\"%1\","
-                                        "\"sha256\":\"%2\",\"executable\":\"zentho\"}")
-                             .arg(server.url(QStringLiteral("/throttle/game.tar.gz")).toString(),
-                                  TestArchives::sha256sum(archivePath))
-                             .toUtf8());
+        server.writeFile(
+            QStringLiteral("game.json"),
+            QStringLiteral("{\"version\":\"0.3.0\",\"platform\":\"macos-arm64\",\"url\":\"%1\","
+                           "\"sha256\":\"%2\",\"executable\":\"zentho\"}")
+                .arg(server.url(QStringLiteral("/throttle/game.tar.gz")).toString(),
+                     TestArchives::sha256sum(archivePath))
+                .toUtf8());
         WindowFixture::useMissingManifestsIn(dir.path());
         qputenv("ZENTHO_UPDATE_MANIFEST", server.url(QStringLiteral("/game.json")).toEncoded());
 
@@ -124,11 +128,12 @@ private slots:
             QVERIFY(samples[i].progress >= samples[i - 1].progress);
         QVERIFY(samples.last().progress > 0.7);
         const QString size = QStringLiteral("3.0 MB");
-        QVERIFY2(samples.first().caption.contains(QStringLiteral(" of ") + size), qPrintable(samples.first().caption));
+        QVERIFY2(samples.first().caption.contains(QStringLiteral(" of ") + size),
+                 qPrintable(samples.first().caption));
         // After a second or two the speed follows, then the time left.
         QVERIFY(std::any_of(samples.cbegin(), samples.cend(), [](const Sample& s) {
-            return QRegularExpression(QStringLiteral(
-                       "^[0-9.]+ [kM]?B of 3.0 MB \u00b7 [0-9.]+ [kM]?B/s \u00b7 about \\d+ s left$"))
+            return QRegularExpression(QStringLiteral("^[0-9.]+ [kM]?B of 3.0 MB \u00b7 [0-9.]+ "
+                                                     "[kM]?B/s \u00b7 about \\d+ s left$"))
                 .match(s.caption)
                 .hasMatch();
         }));
@@ -138,8 +143,8 @@ private slots:
         const QRect divider = f.rectOf("divider");
         const int earlyFill = WindowPixels::count(early, divider, kTintR, kTintG, kTintB, 2);
         const int lateFill = WindowPixels::count(late, divider, kTintR, kTintG, kTintB, 2);
-        qInfo("divider fill: %d then %d pixels; first caption \"%s\", last \"%s\"", earlyFill, lateFill,
-              qPrintable(samples.first().caption), qPrintable(samples.last().caption));
+        qInfo("divider fill: %d then %d pixels; first caption \"%s\", last \"%s\"", earlyFill,
+              lateFill, qPrintable(samples.first().caption), qPrintable(samples.last().caption));
         QVERIFY(earlyFill > 0);
         QVERIFY(lateFill > earlyFill);
         QVERIFY(differingPixels(early, late) > 0);

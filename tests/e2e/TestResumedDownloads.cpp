@@ -87,13 +87,15 @@ class TestResumedDownloads : public QObject {
         const QString name = QStringLiteral("game-%1.tar.gz").arg(++serial_);
         server_->writeFile(name, archive);
         const QString digest = QString::fromLatin1(
-            QCryptographicHash::hash(good.isEmpty() ? archive : good, QCryptographicHash::Sha256).toHex());
+            QCryptographicHash::hash(good.isEmpty() ? archive : good, QCryptographicHash::Sha256)
+                .toHex());
         *archivePath = location + QLatin1Char('/') + name;
-        server_->writeFile(name + QStringLiteral(".json"),
-                           QStringLiteral("{\"version\":\"%1\",\"platform\":\"macos-arm64\",\"url\":\"%2\","
-                                          "\"sha256\":\"%3\",\"executable\":\"zentho\"}")
-                               .arg(kNew, server_->url(*archivePath).toString(), digest)
-                               .toUtf8());
+        server_->writeFile(
+            name + QStringLiteral(".json"),
+            QStringLiteral("{\"version\":\"%1\",\"platform\":\"macos-arm64\",\"url\":\"%2\","
+                           "\"sha256\":\"%3\",\"executable\":\"zentho\"}")
+                .arg(kNew, server_->url(*archivePath).toString(), digest)
+                .toUtf8());
         return server_->url(QLatin1Char('/') + name + QStringLiteral(".json")).toString();
     }
     std::unique_ptr<RealLauncher> launcher(const QString& manifest) const {
@@ -110,7 +112,8 @@ class TestResumedDownloads : public QObject {
         const std::optional<int> exit = real.waitForExit(60000);
         if (exit != std::optional<int>(0))
             qWarning("launcher ended with %d: %s", exit.value_or(-1), real.errors().constData());
-        const std::optional<StandinGames::Record> started = StandinGames::waitForRecord(record(), 5000);
+        const std::optional<StandinGames::Record> started =
+            StandinGames::waitForRecord(record(), 5000);
         if (!started)
             return {};
         RealLauncher::terminateAndCollect(started->pid);
@@ -139,20 +142,26 @@ class TestResumedDownloads : public QObject {
         return partialSize();
     }
     qint64 partialSize() const {
-        const QStringList parts = QDir(downloads()).entryList({QStringLiteral("*.part")}, QDir::Files);
-        return parts.isEmpty() ? 0 : QFileInfo(downloads() + QLatin1Char('/') + parts.first()).size();
+        const QStringList parts =
+            QDir(downloads()).entryList({QStringLiteral("*.part")}, QDir::Files);
+        return parts.isEmpty() ? 0
+                               : QFileInfo(downloads() + QLatin1Char('/') + parts.first()).size();
     }
     // Nothing of a download left in the storage or the temporary folder.
     void verifyNothingLeft() {
-        QVERIFY2(!QFileInfo::exists(downloads()),
-                 qPrintable(QDir(downloads()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries).join(' ')));
-        QCOMPARE(QDir(tmp()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::Hidden), QStringList());
+        QVERIFY2(
+            !QFileInfo::exists(downloads()),
+            qPrintable(
+                QDir(downloads()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries).join(' ')));
+        QCOMPARE(QDir(tmp()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::Hidden),
+                 QStringList());
     }
 
 private slots:
     void initTestCase() {
         QVERIFY(RealLauncher::becomeSubreaper());
-        QVERIFY(QFileInfo(RealLauncher::executableOf(LauncherBundles::builtBundle())).isExecutable());
+        QVERIFY(
+            QFileInfo(RealLauncher::executableOf(LauncherBundles::builtBundle())).isExecutable());
         server_ = std::make_unique<TestServer>();
     }
     void init() {
@@ -184,10 +193,11 @@ private slots:
         QCOMPARE(served[1].status, 206);
         QCOMPARE(served[1].bytes, archive.size() - kept);
         const qint64 total = bytesServed(served);
-        qInfo("archive %lld bytes; served %lld then %lld (total %lld, %.3f of the archive); a resume "
-              "saved %lld bytes",
-              qint64(archive.size()), served[0].bytes, served[1].bytes, total,
-              double(total) / double(archive.size()), kept);
+        qInfo(
+            "archive %lld bytes; served %lld then %lld (total %lld, %.3f of the archive); a resume "
+            "saved %lld bytes",
+            qint64(archive.size()), served[0].bytes, served[1].bytes, total,
+            double(total) / double(archive.size()), kept);
         QVERIFY(double(total) <= 1.1 * double(archive.size()));
         verifyNothingLeft();
     }
@@ -219,7 +229,8 @@ private slots:
         const QByteArray wrong = TestFiles::randomBytes(good.size(), 4);
         QString archivePath;
         const QString manifest = publish(wrong, QStringLiteral("/throttle"), &archivePath, good);
-        const QString onServer = server_->documentRoot() + archivePath.mid(QStringLiteral("/throttle").size());
+        const QString onServer =
+            server_->documentRoot() + archivePath.mid(QStringLiteral("/throttle").size());
         {
             QFile file(onServer);
             QVERIFY(file.open(QIODevice::ReadWrite));
@@ -247,13 +258,14 @@ private slots:
         const QString name = QStringLiteral("cut-%1.tar.gz").arg(++serial_);
         server_->writeFile(name, archive);
         const QString archivePath = QStringLiteral("/fault/cutfile/400000/") + name;
-        const QString digest =
-            QString::fromLatin1(QCryptographicHash::hash(archive, QCryptographicHash::Sha256).toHex());
-        server_->writeFile(name + QStringLiteral(".json"),
-                           QStringLiteral("{\"version\":\"%1\",\"platform\":\"macos-arm64\",\"url\":\"%2\","
-                                          "\"sha256\":\"%3\",\"executable\":\"zentho\"}")
-                               .arg(kNew, server_->url(archivePath).toString(), digest)
-                               .toUtf8());
+        const QString digest = QString::fromLatin1(
+            QCryptographicHash::hash(archive, QCryptographicHash::Sha256).toHex());
+        server_->writeFile(
+            name + QStringLiteral(".json"),
+            QStringLiteral("{\"version\":\"%1\",\"platform\":\"macos-arm64\",\"url\":\"%2\","
+                           "\"sha256\":\"%3\",\"executable\":\"zentho\"}")
+                .arg(kNew, server_->url(archivePath).toString(), digest)
+                .toUtf8());
         const int before = server_->faultServer().rangesAsked().size();
         std::unique_ptr<RealLauncher> real =
             launcher(server_->url(QLatin1Char('/') + name + QStringLiteral(".json")).toString());
@@ -278,18 +290,22 @@ private slots:
         std::unique_ptr<RealLauncher> real = launcher(manifest);
         // In the launcher's own mount namespace: a 24 MiB tmpfs over its data folder, filled with
         // the installed build.
-        real->runThrough({QStringLiteral("/bin/sh"), QStringLiteral("-c"),
-                          QStringLiteral("mount -t tmpfs -o size=24m tmpfs \"$0\" && cp -a \"$1\"/. \"$0\"/ "
-                                         "&& shift && exec \"$@\""),
-                          data(), prepared});
+        real->runThrough(
+            {QStringLiteral("/bin/sh"), QStringLiteral("-c"),
+             QStringLiteral("mount -t tmpfs -o size=24m tmpfs \"$0\" && cp -a \"$1\"/. \"$0\"/ "
+                            "&& shift && exec \"$@\""),
+             data(), prepared});
         QCOMPARE(press(*real), build(kPrevious));
         const QList<TestServer::Served> served = server_->servedFor(archivePath);
         QCOMPARE(served.size(), 1);
-        qInfo("refused after %lld of %lld bytes had been sent", served[0].bytes, qint64(archive.size()));
-        QVERIFY2(served[0].bytes < archive.size() / 10, qPrintable(QString::number(served[0].bytes)));
+        qInfo("refused after %lld of %lld bytes had been sent", served[0].bytes,
+              qint64(archive.size()));
+        QVERIFY2(served[0].bytes < archive.size() / 10,
+                 qPrintable(QString::number(served[0].bytes)));
         // The tmpfs went with the launcher's namespace; its data folder outside was never written.
         QCOMPARE(QDir(data()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries), QStringList());
-        QCOMPARE(QDir(tmp()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::Hidden), QStringList());
+        QCOMPARE(QDir(tmp()).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::Hidden),
+                 QStringList());
     }
 
     // The twin: a tmpfs with room for the archive, its unpacked build and the reserve installs.
@@ -301,10 +317,11 @@ private slots:
         QString archivePath;
         const QString manifest = publish(archive, QString(), &archivePath);
         std::unique_ptr<RealLauncher> real = launcher(manifest);
-        real->runThrough({QStringLiteral("/bin/sh"), QStringLiteral("-c"),
-                          QStringLiteral("mount -t tmpfs -o size=96m tmpfs \"$0\" && cp -a \"$1\"/. \"$0\"/ "
-                                         "&& shift && exec \"$@\""),
-                          data(), prepared});
+        real->runThrough(
+            {QStringLiteral("/bin/sh"), QStringLiteral("-c"),
+             QStringLiteral("mount -t tmpfs -o size=96m tmpfs \"$0\" && cp -a \"$1\"/. \"$0\"/ "
+                            "&& shift && exec \"$@\""),
+             data(), prepared});
         QCOMPARE(press(*real), build(kNew));
         QCOMPARE(server_->servedFor(archivePath).size(), 1);
         QCOMPARE(server_->servedFor(archivePath).first().bytes, archive.size());

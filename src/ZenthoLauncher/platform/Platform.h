@@ -7,8 +7,8 @@
 
 // The services of the desktop the launcher runs on that are not plain file operations: where the
 // running application bundle is, the process's identity, quitting, the clipboard, bringing the
-// window forward and a download's progress on the taskbar. One real implementation per platform; tests subclass it to observe a quit or a
-// clipboard write instead of performing it.
+// window forward and a download's progress on the taskbar. One real implementation per platform;
+// tests subclass it to observe a quit or a clipboard write instead of performing it.
 class Platform {
 public:
     virtual ~Platform() = default;

@@ -38,7 +38,8 @@ void TaskbarProgress::show(double fraction) {
     if (!bus.isConnected())
         return;
     QDBusMessage signal = QDBusMessage::createSignal(
-        objectPath(), QStringLiteral("com.canonical.Unity.LauncherEntry"), QStringLiteral("Update"));
+        objectPath(), QStringLiteral("com.canonical.Unity.LauncherEntry"),
+        QStringLiteral("Update"));
     const QVariantMap properties{{QStringLiteral("progress"), visible ? fraction : 0.0},
                                  {QStringLiteral("progress-visible"), visible}};
     signal << appUri_ << properties;

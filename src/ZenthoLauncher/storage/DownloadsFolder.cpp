@@ -49,7 +49,8 @@ QString DownloadsFolder::baseName(const QString& kind, const QString& sha256) {
     return kind + QLatin1Char('-') + digest;
 }
 
-DownloadsFolder::Partial DownloadsFolder::prepare(const QString& kind, const QString& sha256) const {
+DownloadsFolder::Partial DownloadsFolder::prepare(const QString& kind,
+                                                  const QString& sha256) const {
     files_.createDirectory(path_);
     const QString base = baseName(kind, sha256);
     const QStringList names = QDir(path_).entryList(QDir::AllEntries | QDir::Hidden | QDir::System |
@@ -64,8 +65,8 @@ DownloadsFolder::Partial DownloadsFolder::prepare(const QString& kind, const QSt
 }
 
 void DownloadsFolder::removeStale() const {
-    const QFileInfoList entries = QDir(path_).entryInfoList(
-        QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot);
+    const QFileInfoList entries = QDir(path_).entryInfoList(QDir::AllEntries | QDir::Hidden |
+                                                            QDir::System | QDir::NoDotAndDotDot);
     const auto present = [&](const QString& name) {
         return QFileInfo(path_ + QLatin1Char('/') + name).isFile();
     };

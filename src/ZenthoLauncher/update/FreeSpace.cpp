@@ -43,9 +43,9 @@ void require(const QList<Need>& needs, qint64 reserve) {
         const qint64 free = available(disk->folder);
         const qint64 needed = disk->bytes + reserve;
         if (free >= 0 && free < needed)
-            throw DiskSpaceError(QStringLiteral("Not enough free space in %1: %2 needed, %3 free.")
-                                     .arg(disk->folder, TransferText::size(needed),
-                                          TransferText::size(free)));
+            throw DiskSpaceError(
+                QStringLiteral("Not enough free space in %1: %2 needed, %3 free.")
+                    .arg(disk->folder, TransferText::size(needed), TransferText::size(free)));
     }
 }
 

@@ -46,11 +46,13 @@ struct ContentRange {
     std::optional<qint64> total;
 };
 std::optional<ContentRange> parseContentRange(const QByteArray& text) {
-    static const QRegularExpression pattern(QStringLiteral("^bytes (\\d{1,18})-(\\d{1,18})/(\\d{1,18}|\\*)$"));
+    static const QRegularExpression pattern(
+        QStringLiteral("^bytes (\\d{1,18})-(\\d{1,18})/(\\d{1,18}|\\*)$"));
     const QRegularExpressionMatch match = pattern.match(QString::fromLatin1(text.trimmed()));
     if (!match.hasMatch())
         return std::nullopt;
-    ContentRange range{match.captured(1).toLongLong(), match.captured(2).toLongLong(), std::nullopt};
+    ContentRange range{match.captured(1).toLongLong(), match.captured(2).toLongLong(),
+                       std::nullopt};
     if (match.captured(3) != QLatin1String("*"))
         range.total = match.captured(3).toLongLong();
     if (range.last < range.first || (range.total && range.last >= *range.total))
@@ -107,7 +109,8 @@ public:
         rangeFrom_ = validator_ && size_ > 0 ? size_ : 0;
         if (rangeFrom_ == 0)
             return {};
-        return {{"Range", "bytes=" + QByteArray::number(rangeFrom_) + '-'}, {"If-Range", *validator_}};
+        return {{"Range", "bytes=" + QByteArray::number(rangeFrom_) + '-'},
+                {"If-Range", *validator_}};
     }
 
     std::exception_ptr accept(const ResponseHead& head) override {
@@ -146,12 +149,15 @@ public:
             return {};
         try {
             struct statvfs fs {};
-            if (::fstatvfs(fd_, &fs) == 0 && qint64(fs.f_bavail) * qint64(fs.f_frsize) - size < reserve_) {
+            if (::fstatvfs(fd_, &fs) == 0 &&
+                qint64(fs.f_bavail) * qint64(fs.f_frsize) - size < reserve_) {
                 reserveReached_ = true;
-                throw DiskSpaceError(QStringLiteral("Not enough free disk space for the download."));
+                throw DiskSpaceError(
+                    QStringLiteral("Not enough free disk space for the download."));
             }
             for (qint64 done = 0; done < size;) {
-                const ssize_t written = ::pwrite(fd_, bytes + done, std::size_t(size - done), size_ + done);
+                const ssize_t written =
+                    ::pwrite(fd_, bytes + done, std::size_t(size - done), size_ + done);
                 if (written < 0 && errno == EINTR)
                     continue;
                 if (written < 0)
@@ -211,9 +217,9 @@ private:
     // archive: an unpacked build is at least about as large as its compressed archive.
     void requireRoom(qint64 rest) const {
         const qint64 whole = total_.value_or(size_ + rest);
-        FreeSpace::require({{options_.unpackFolder, whole},
-                            {QFileInfo(files_.archive).absolutePath(), rest}},
-                           reserve_);
+        FreeSpace::require(
+            {{options_.unpackFolder, whole}, {QFileInfo(files_.archive).absolutePath(), rest}},
+            reserve_);
     }
 
     void startFromZero(std::optional<QByteArray> validator) {
@@ -239,7 +245,8 @@ private:
         if (!file.open(QIODevice::ReadOnly) || file.size() > 64 * 1024)
             return std::nullopt;
         const QJsonObject record = QJsonDocument::fromJson(file.readAll()).object();
-        const QByteArray validator = record.value(QStringLiteral("validator")).toString().toLatin1();
+        const QByteArray validator =
+            record.value(QStringLiteral("validator")).toString().toLatin1();
         if (record.value(QStringLiteral("url")).toString() != url_.toString(QUrl::FullyEncoded) ||
             validator.isEmpty())
             return std::nullopt;
@@ -249,8 +256,8 @@ private:
     void writeValidator() const {
         const QJsonObject record{{QStringLiteral("url"), url_.toString(QUrl::FullyEncoded)},
                                  {QStringLiteral("validator"), QString::fromLatin1(*validator_)}};
-        FileManager::defaultManager().writeAtomically(files_.validator,
-                                                      QJsonDocument(record).toJson(QJsonDocument::Compact));
+        FileManager::defaultManager().writeAtomically(
+            files_.validator, QJsonDocument(record).toJson(QJsonDocument::Compact));
     }
 
     DownloadsFolder::Partial files_;
@@ -274,7 +281,8 @@ private:
 } // namespace
 
 QCoro::Task<DownloadResult> ResumableDownload::run(HttpClient& client, QUrl url,
-                                                   DownloadsFolder::Partial files, Options options) {
+                                                   DownloadsFolder::Partial files,
+                                                   Options options) {
     // However it ends, the download is over for whoever follows it.
     struct EndReport {
         DownloadObserver* observer;

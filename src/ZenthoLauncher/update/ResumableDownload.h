@@ -48,9 +48,9 @@ struct DownloadResult {
 class ResumableDownload {
 public:
     struct Options {
-        BodySink* sink = nullptr;         // sees exactly the bytes the digest sees, in order
+        BodySink* sink = nullptr; // sees exactly the bytes the digest sees, in order
         DownloadObserver* observer = nullptr;
-        QString unpackFolder;             // where the archive will be unpacked
+        QString unpackFolder; // where the archive will be unpacked
         int maximumResumes = 5;
     };
 

@@ -26,8 +26,8 @@ QString decimal(double value, const QString& suffix) {
         ++unit;
     }
     const double figure = shown(value);
-    const QString number = figure < 10 ? QString::number(figure, 'f', 1)
-                                       : QString::number(std::llround(figure));
+    const QString number =
+        figure < 10 ? QString::number(figure, 'f', 1) : QString::number(std::llround(figure));
     return number + QLatin1Char(' ') + QString::fromLatin1(units[unit]) + suffix;
 }
 

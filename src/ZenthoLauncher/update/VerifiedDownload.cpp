@@ -35,7 +35,8 @@ void DownloadedFile::remove() {
     path_.clear();
 }
 
-QCoro::Task<DownloadedFile> downloadVerifiedArchive(QUrl url, QString sha256, ArchiveDownload where) {
+QCoro::Task<DownloadedFile> downloadVerifiedArchive(QUrl url, QString sha256,
+                                                    ArchiveDownload where) {
     const DownloadsFolder folder(FileManager::defaultManager(), where.launcherRoot);
     const DownloadsFolder::Partial files = folder.prepare(where.kind, sha256);
     DownloadResult result;

@@ -42,4 +42,5 @@ struct ArchiveDownload {
 // answer, or a local file, throws LauncherError::downloadFailed. Its SHA-256 must equal `sha256`
 // lower-cased, exactly: no blanks or prefixes are forgiven (hashMismatch, and the file goes).
 // Errors of the transfer and the disks pass through.
-QCoro::Task<DownloadedFile> downloadVerifiedArchive(QUrl url, QString sha256, ArchiveDownload where);
+QCoro::Task<DownloadedFile> downloadVerifiedArchive(QUrl url, QString sha256,
+                                                    ArchiveDownload where);
