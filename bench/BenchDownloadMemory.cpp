@@ -27,8 +27,8 @@ namespace {
 
 QCoro::Task<void> downloadInto(QUrl url, DownloadsFolder::Partial files, QString root,
                                std::optional<DownloadResult>* result) {
-    result->emplace(co_await ResumableDownload::run(HttpClient::shared(), url, files,
-                                                    {nullptr, nullptr, root, 5}));
+    const ResumableDownload::Options options{nullptr, nullptr, root, 5};
+    result->emplace(co_await ResumableDownload::run(HttpClient::shared(), url, files, options));
 }
 
 } // namespace

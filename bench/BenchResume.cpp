@@ -25,8 +25,8 @@
 namespace {
 
 QCoro::Task<void> attempt(QUrl url, DownloadsFolder::Partial files, QString root, int resumes) {
-    co_await ResumableDownload::run(HttpClient::shared(), url, files,
-                                    {nullptr, nullptr, root, resumes});
+    const ResumableDownload::Options options{nullptr, nullptr, root, resumes};
+    co_await ResumableDownload::run(HttpClient::shared(), url, files, options);
 }
 
 } // namespace

@@ -53,8 +53,8 @@ QString fetchError(const TransferLimits& limits, const QUrl& url) {
 // threw in `error`.
 QCoro::Task<QByteArray> downloadTask(HttpClient& client, QUrl url, DownloadsFolder::Partial files,
                                      QString root) {
-    const DownloadResult result =
-        co_await ResumableDownload::run(client, url, files, {nullptr, nullptr, root, 5});
+    const ResumableDownload::Options options{nullptr, nullptr, root, 5};
+    const DownloadResult result = co_await ResumableDownload::run(client, url, files, options);
     if (result.statusCode != std::optional<int>(200))
         throw std::runtime_error("status " + std::to_string(result.statusCode.value_or(-1)));
     co_return TestFiles::readFile(files.archive);

@@ -89,7 +89,7 @@ private slots:
         const QString build = dir.filePath(QStringLiteral("build"));
         TestFiles::makeBuild(build);
         TestFiles::writeFile(build + QStringLiteral("/pad"),
-                             TestFiles::randomBytes(3 * 1000 * 1000, 5));
+                             TestFiles::randomBytes(4 * 1000 * 1000, 5));
         const QByteArray archive =
             TestArchives::bytesOf(build, {QStringLiteral("zentho"), QStringLiteral("pad")});
         const QString archivePath = server.writeFile(QStringLiteral("game.tar.gz"), archive);
@@ -127,12 +127,12 @@ private slots:
         for (int i = 1; i < samples.size(); ++i)
             QVERIFY(samples[i].progress >= samples[i - 1].progress);
         QVERIFY(samples.last().progress > 0.7);
-        const QString size = QStringLiteral("3.0 MB");
+        const QString size = QStringLiteral("4.0 MB");
         QVERIFY2(samples.first().caption.contains(QStringLiteral(" of ") + size),
                  qPrintable(samples.first().caption));
         // After a second or two the speed follows, then the time left.
         QVERIFY(std::any_of(samples.cbegin(), samples.cend(), [](const Sample& s) {
-            return QRegularExpression(QStringLiteral("^[0-9.]+ [kM]?B of 3.0 MB \u00b7 [0-9.]+ "
+            return QRegularExpression(QStringLiteral("^[0-9.]+ [kM]?B of 4.0 MB \u00b7 [0-9.]+ "
                                                      "[kM]?B/s \u00b7 about \\d+ s left$"))
                 .match(s.caption)
                 .hasMatch();

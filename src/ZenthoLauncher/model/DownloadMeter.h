@@ -23,7 +23,7 @@ public:
     static constexpr std::chrono::milliseconds window{5000};
     // Speed is shown after this much of the download, time left after `settled`.
     static constexpr std::chrono::milliseconds firstSpeed{1000};
-    static constexpr std::chrono::milliseconds settled{3000};
+    static constexpr std::chrono::milliseconds settled{2000};
     // What is shown changes at most this often, however fast the bytes come.
     static constexpr std::chrono::milliseconds refresh{200};
 

@@ -83,9 +83,10 @@ QCoro::Task<QString> GameInstaller::install(ReleaseManifest manifest) {
 
 QCoro::Task<void> GameInstaller::downloadAndPlace(ReleaseManifest manifest, QString installFolder) {
     reportStatus_(downloadingStatus());
-    DownloadedFile archive = co_await downloadVerifiedArchive(
-        manifest.url, manifest.sha256,
-        {locations_.launcherRoot, ManifestKind::game().platform, nullptr, downloadObserver_});
+    // Named, not a braced temporary in the co_await: g++ 12 destroys such a temporary twice.
+    const ArchiveDownload where{locations_.launcherRoot, ManifestKind::game().platform, nullptr,
+                                downloadObserver_};
+    DownloadedFile archive = co_await downloadVerifiedArchive(manifest.url, manifest.sha256, where);
 
     reportStatus_(installingStatus());
     co_await unpackAndPlace(std::move(archive), manifest.executable, installFolder);

@@ -184,8 +184,7 @@ QCoro::Task<ResponseHead> HttpClient::stream(QUrl url, RequestHeaders headers,
     const auto takeHead = [&, raw] {
         if (!accepted) {
             const ResponseHead head = headOf(*raw);
-            if (head.statusCode && *head.statusCode / 100 == 3 &&
-                raw->attribute(QNetworkRequest::RedirectionTargetAttribute).isValid())
+            if (head.statusCode && *head.statusCode / 100 == 3 && raw->hasRawHeader("Location"))
                 return false;
             accepted = true;
             failure = receiver.accept(head);

@@ -91,9 +91,10 @@ QCoro::Task<bool> LauncherUpdater::updateIfNeeded(QUrl manifestURL) {
     reportStatus_(downloadingStatus());
     // The temporary archive lives in this frame until the staging below has finished with it.
     // Unlike the manifest, the archive must come from an HTTP server: a local file is refused.
-    const DownloadedFile archive = co_await downloadVerifiedArchive(
-        manifest.url, manifest.sha256,
-        {launcherRoot_, ManifestKind::launcher().platform, nullptr, downloadObserver_});
+    const ArchiveDownload where{launcherRoot_, ManifestKind::launcher().platform, nullptr,
+                                downloadObserver_};
+    const DownloadedFile archive =
+        co_await downloadVerifiedArchive(manifest.url, manifest.sha256, where);
 
     reportStatus_(verifyingStatus());
     co_await stageAndHandOver(archive.path(), manifest.executable, manifest.version);

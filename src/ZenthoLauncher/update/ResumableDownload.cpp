@@ -299,7 +299,8 @@ QCoro::Task<DownloadResult> ResumableDownload::run(HttpClient& client, QUrl url,
         ResponseHead head;
         bool startOver = false;
         try {
-            head = co_await client.stream(url, file.nextRequest(), file);
+            const RequestHeaders headers = file.nextRequest();
+            head = co_await client.stream(url, headers, file);
         } catch (const StartOver&) {
             startOver = true;
         } catch (...) {

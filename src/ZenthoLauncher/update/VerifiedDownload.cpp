@@ -39,10 +39,11 @@ QCoro::Task<DownloadedFile> downloadVerifiedArchive(QUrl url, QString sha256,
                                                     ArchiveDownload where) {
     const DownloadsFolder folder(FileManager::defaultManager(), where.launcherRoot);
     const DownloadsFolder::Partial files = folder.prepare(where.kind, sha256);
+    // Named, not a braced temporary in the co_await: g++ 12 destroys such a temporary twice.
+    const ResumableDownload::Options options{where.sink, where.observer, where.launcherRoot};
     DownloadResult result;
     try {
-        result = co_await ResumableDownload::run(HttpClient::shared(), url, files,
-                                                 {where.sink, where.observer, where.launcherRoot});
+        result = co_await ResumableDownload::run(HttpClient::shared(), url, files, options);
     } catch (...) {
         folder.removeIfEmpty();
         throw;
