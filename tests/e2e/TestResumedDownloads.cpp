@@ -64,6 +64,7 @@ class TestResumedDownloads : public QObject {
         return launcherRoot() + QStringLiteral("/versions/") + version;
     }
     QString record() const { return path(QStringLiteral("record")); }
+    QString runtime() const { return path(QStringLiteral("runtime")); }
 
     // The previous build, a recorder, installed and current under `root`.
     void installPrevious(const QString& root) {
@@ -104,6 +105,8 @@ class TestResumedDownloads : public QObject {
         real->useManifests(manifest, kNoLauncherUpdate);
         real->recordGameStartIn(record());
         real->environment().insert(QStringLiteral("TMPDIR"), tmp());
+        // Its own runtime folder, so Qt does not make one in the temporary folder.
+        real->environment().insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime());
         return real;
     }
     // One press of the main button; the folder of the game that started, or empty.
@@ -170,6 +173,8 @@ private slots:
     void init() {
         dir_ = std::make_unique<QTemporaryDir>();
         TestFiles::makeFolder(tmp());
+        TestFiles::makeFolder(runtime());
+        QVERIFY(QFile::setPermissions(runtime(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
     }
     void cleanup() {
         dir_.reset();
