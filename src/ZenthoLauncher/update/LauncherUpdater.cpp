@@ -89,7 +89,7 @@ QCoro::Task<bool> LauncherUpdater::updateIfNeeded(QUrl manifestURL) {
     removeStaleWork(files_, launcherRoot_);
 
     reportStatus_(downloadingStatus());
-    // The temporary archive lives in this frame until the staging below has finished with it.
+    // The downloaded archive lives in this frame until the staging below has finished with it.
     // Unlike the manifest, the archive must come from an HTTP server: a local file is refused.
     const ArchiveDownload where{launcherRoot_, ManifestKind::launcher().platform, nullptr,
                                 downloadObserver_};
