@@ -2,6 +2,7 @@
 
 #include "errors/FileError.h"
 #include "platform/FileManager.h"
+#include "update/BodySink.h"
 #include "update/Sha256.h"
 #include "update/TransferWatchdog.h"
 
@@ -176,7 +177,8 @@ struct DrainOutcome {
 
 // Moves whatever the reply holds right now to the file and the digest, as long as the body stays
 // within what it announced and leaves `reserve` free on the file's file system.
-DrainOutcome drain(QNetworkReply& reply, TemporaryFileWriter& file, Sha256& hash, qint64 reserve) {
+DrainOutcome drain(QNetworkReply& reply, TemporaryFileWriter& file, Sha256& hash, BodySink* sink,
+                   qint64 reserve) {
     char buffer[64 * 1024];
     const std::optional<qint64> announced = announcedLength(reply);
     while (reply.isOpen()) { // an aborted reply is closed and has nothing more to give
@@ -191,6 +193,8 @@ DrainOutcome drain(QNetworkReply& reply, TemporaryFileWriter& file, Sha256& hash
         if (const int err = file.write(buffer, got))
             return {err, std::nullopt};
         hash.update(buffer, std::size_t(got));
+        if (sink)
+            sink->append(buffer, std::size_t(got));
     }
     return {};
 }
@@ -268,7 +272,7 @@ QCoro::Task<HttpResponse> HttpClient::data(QUrl url) {
     co_return HttpResponse{statusCodeOf(*raw), std::move(body)};
 }
 
-QCoro::Task<DownloadedFile> HttpClient::download(QUrl url) {
+QCoro::Task<DownloadedFile> HttpClient::download(QUrl url, BodySink* sink) {
     TemporaryFileWriter file;
     Sha256 hash;
     DrainOutcome outcome;
@@ -290,7 +294,7 @@ QCoro::Task<DownloadedFile> HttpClient::download(QUrl url) {
         QObject::connect(raw, &QNetworkReply::readyRead, raw, [&, raw] {
             if (outcome.writeError != 0 || outcome.refusal)
                 return;
-            outcome = drain(*raw, file, hash, reserve);
+            outcome = drain(*raw, file, hash, sink, reserve);
             if (outcome.refusal)
                 watchdog->giveUp(*outcome.refusal); // resumes the coroutine; nothing may follow
             else if (outcome.writeError != 0)
@@ -300,7 +304,7 @@ QCoro::Task<DownloadedFile> HttpClient::download(QUrl url) {
     QObject::disconnect(announced);
     QObject::disconnect(streaming);
     if (outcome.writeError == 0 && !outcome.refusal)
-        outcome = drain(*raw, file, hash, reserve);
+        outcome = drain(*raw, file, hash, sink, reserve);
     if (outcome.writeError != 0)
         throwFileError(QStringLiteral("could not write ") + file.path(), outcome.writeError);
     if (outcome.refusal)

@@ -11,6 +11,8 @@
 #include <optional>
 #include <stdexcept>
 
+class BodySink;
+
 // A transport failure (no route, refused, TLS, timeout, stalled or too slow body, refused
 // redirect, a body larger than the launcher accepts), carrying Qt's own description of it or
 // the launcher's one-line reason.
@@ -65,8 +67,9 @@ public:
     // deadline.
     QCoro::Task<HttpResponse> data(QUrl url);
     // One GET of `url` streamed to a temporary file: an archive. It stops when the body outgrows
-    // its Content-Length or would eat into the free-space reserve, and removes the file.
-    QCoro::Task<DownloadedFile> download(QUrl url);
+    // its Content-Length or would eat into the free-space reserve, and removes the file. `sink`,
+    // when given, sees every byte the digest sees, in order.
+    QCoro::Task<DownloadedFile> download(QUrl url, BodySink* sink = nullptr);
 
 private:
     TransferLimits limits_;

@@ -4,8 +4,8 @@
 
 #include <optional>
 
-QCoro::Task<DownloadedFile> downloadVerifiedArchive(QUrl url, QString sha256) {
-    DownloadedFile archive = co_await HttpClient::shared().download(url);
+QCoro::Task<DownloadedFile> downloadVerifiedArchive(QUrl url, QString sha256, BodySink* sink) {
+    DownloadedFile archive = co_await HttpClient::shared().download(url, sink);
     if (archive.statusCode() != std::optional<int>(200))
         throw LauncherError::downloadFailed();
     // Exact comparison on purpose: a digest with stray blanks or a prefix is a broken manifest,
