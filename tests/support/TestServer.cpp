@@ -175,6 +175,7 @@ QString TestServer::configuration() const {
         "        }\n"
         "        location ^~ /drip/ { alias " + root + "/www/; limit_rate 1k; }\n"
         "        location ^~ /trickle/ { alias " + root + "/www/; limit_rate 4k; }\n"
+        "        location ^~ /rate50m/ { alias " + root + "/www/; limit_rate 50m; }\n"
         "        location ^~ /fault/ {\n"
         "            proxy_pass http://" + loopback + ":" + QString::number(fault_->port()) + ";\n"
         "            proxy_http_version 1.1; proxy_buffering off; proxy_read_timeout 120s;\n"

@@ -22,6 +22,7 @@ class FaultServer;
 //   /html                   status 200 with an HTML page, as a captive portal would answer
 //   /drip/<path>            the file at 1 KiB/s
 //   /trickle/<path>         the file at 4 KiB/s: above the throughput floor, never quick
+//   /rate50m/<path>         the file at 50 MiB/s, a fast home link
 //   /stall                  status 200, 64 KiB of body, then nothing for an hour
 //   /silent                 the request is read and never answered, not even with headers
 //   /redirect/https/<path>  302 to url(<path>) (https)
