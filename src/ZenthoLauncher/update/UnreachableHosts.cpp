@@ -1,0 +1,37 @@
+#include "update/UnreachableHosts.h"
+
+namespace {
+// Only the main thread starts requests, and one flow runs at a time.
+UnreachableHosts* currentMemo = nullptr;
+} // namespace
+
+QString UnreachableHosts::keyOf(const QUrl& url) {
+    const int defaultPort = url.scheme() == QLatin1String("http") ? 80 : 443;
+    return url.host().toLower() + QLatin1Char(':') + QString::number(url.port(defaultPort));
+}
+
+std::optional<QString> UnreachableHosts::failureFor(const QUrl& url) const {
+    if (url.isLocalFile() || url.host().isEmpty())
+        return std::nullopt;
+    const auto found = failures_.constFind(keyOf(url));
+    if (found == failures_.constEnd())
+        return std::nullopt;
+    return *found;
+}
+
+void UnreachableHosts::remember(const QUrl& url, const QString& error) {
+    if (!url.isLocalFile() && !url.host().isEmpty())
+        failures_.insert(keyOf(url), error);
+}
+
+UnreachableHosts* UnreachableHosts::current() {
+    return currentMemo;
+}
+
+UnreachableHosts::FlowScope::FlowScope() : outer_(currentMemo) {
+    currentMemo = &memo_;
+}
+
+UnreachableHosts::FlowScope::~FlowScope() {
+    currentMemo = outer_;
+}
