@@ -105,27 +105,6 @@ void throwIfTransportFailed(const QNetworkReply& reply, const TransferWatchdog& 
         throw NetworkError(reply.errorString());
 }
 
-// A request to a server that failed to connect earlier in this flow fails at once, as it did.
-void refuseIfUnreachable(const QUrl& url) {
-    if (const UnreachableHosts* memo = UnreachableHosts::current()) {
-        if (const std::optional<QString> failure = memo->failureFor(url))
-            throw NetworkError(*failure);
-    }
-}
-
-// Remembers the server of `reply` for the rest of the flow when no connection could be made.
-void noteIfUnreachable(const QNetworkReply& reply, const TransferWatchdog& watchdog) {
-    UnreachableHosts* const memo = UnreachableHosts::current();
-    if (!memo)
-        return;
-    const QNetworkReply::NetworkError error = reply.error();
-    if (watchdog.connectTimedOut())
-        memo->remember(reply.url(), *watchdog.abortReason());
-    else if (error == QNetworkReply::ConnectionRefusedError ||
-             error == QNetworkReply::HostNotFoundError)
-        memo->remember(reply.url(), reply.errorString());
-}
-
 // The download's temporary file, opened exclusively under a fresh name and removed again unless
 // it is handed on with keep(). Written with plain POSIX calls so a failure carries the system's
 // reason.
@@ -273,7 +252,7 @@ QCoro::Task<HttpResponse> HttpClient::data(QUrl url) {
     const QString tooLarge = QStringLiteral("The manifest is larger than %1.").arg(sizeText(cap));
     QByteArray body;
 
-    refuseIfUnreachable(url);
+    UnreachableHosts::refuseKnown(url);
     ReplyPtr reply(manager().get(requestFor(url)));
     reply->setReadBufferSize(readBufferSize);
     auto* const watchdog = new TransferWatchdog(reply.get(), limits_.manifest);
@@ -291,13 +270,13 @@ QCoro::Task<HttpResponse> HttpClient::data(QUrl url) {
     QObject::disconnect(streaming);
     if (!watchdog->abortReason() && !collect(*raw, body, cap))
         throw NetworkError(tooLarge);
-    noteIfUnreachable(*raw, *watchdog);
+    UnreachableHosts::noteFailure(*raw, *watchdog);
     throwIfTransportFailed(*raw, *watchdog);
     co_return HttpResponse{statusCodeOf(*raw), std::move(body)};
 }
 
 QCoro::Task<DownloadedFile> HttpClient::download(QUrl url, BodySink* sink) {
-    refuseIfUnreachable(url);
+    UnreachableHosts::refuseKnown(url);
     TemporaryFileWriter file;
     Sha256 hash;
     DrainOutcome outcome;
@@ -334,7 +313,7 @@ QCoro::Task<DownloadedFile> HttpClient::download(QUrl url, BodySink* sink) {
         throwFileError(QStringLiteral("could not write ") + file.path(), outcome.writeError);
     if (outcome.refusal)
         throw NetworkError(*outcome.refusal);
-    noteIfUnreachable(*raw, *watchdog);
+    UnreachableHosts::noteFailure(*raw, *watchdog);
     throwIfTransportFailed(*raw, *watchdog);
     file.keep();
     co_return DownloadedFile(statusCodeOf(*raw), file.path(), hash.finishHex());

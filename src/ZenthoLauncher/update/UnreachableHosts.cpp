@@ -1,5 +1,10 @@
 #include "update/UnreachableHosts.h"
 
+#include "update/HttpClient.h"
+#include "update/TransferWatchdog.h"
+
+#include <QNetworkReply>
+
 namespace {
 // Only the main thread starts requests, and one flow runs at a time.
 UnreachableHosts* currentMemo = nullptr;
@@ -26,6 +31,26 @@ void UnreachableHosts::remember(const QUrl& url, const QString& error) {
 
 UnreachableHosts* UnreachableHosts::current() {
     return currentMemo;
+}
+
+void UnreachableHosts::refuseKnown(const QUrl& url) {
+    if (const UnreachableHosts* memo = current()) {
+        if (const std::optional<QString> failure = memo->failureFor(url))
+            throw NetworkError(*failure);
+    }
+}
+
+void UnreachableHosts::noteFailure(const QNetworkReply& reply, const TransferWatchdog& watchdog) {
+    UnreachableHosts* const memo = current();
+    if (!memo)
+        return;
+    // The address the request last went to: after a redirect, that server is the one that failed.
+    if (watchdog.connectTimedOut()) {
+        memo->remember(reply.url(), *watchdog.abortReason());
+    } else if (reply.error() == QNetworkReply::ConnectionRefusedError ||
+               reply.error() == QNetworkReply::HostNotFoundError) {
+        memo->remember(reply.url(), reply.errorString());
+    }
 }
 
 UnreachableHosts::FlowScope::FlowScope() : outer_(currentMemo) {

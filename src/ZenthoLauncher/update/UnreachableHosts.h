@@ -6,6 +6,9 @@
 
 #include <optional>
 
+class QNetworkReply;
+class TransferWatchdog;
+
 // The servers that failed to connect (refused, not found, or no answer within the connect time)
 // during one press of the main button. The launcher manifest and the game manifest usually live on
 // one server: when it is down, the second request fails at once with the first one's error instead
@@ -19,6 +22,12 @@ public:
 
     // The memo of the flow under way, consulted where requests start; none outside a flow.
     static UnreachableHosts* current();
+    // Where a request starts: throws NetworkError with the earlier error when the current flow
+    // saw `url`'s server fail to connect.
+    static void refuseKnown(const QUrl& url);
+    // Where a request has ended: remembers its server in the current flow when no connection
+    // could be made to it.
+    static void noteFailure(const QNetworkReply& reply, const TransferWatchdog& watchdog);
 
     class FlowScope;
 
