@@ -1,7 +1,8 @@
 // How long a press of the main button takes to get the installed game running when the release
-// server cannot be reached: refused connections, and a server that drops every packet. The time
-// runs from the press until the launcher asks to quit, which is after the game has survived its
-// 750 ms start-up watch.
+// server cannot be reached: refused connections, and a server that drops every packet. Both
+// manifests live on that one server, so the second request meets a server that has just failed
+// to connect. The time runs from the press until the launcher asks to quit, which is after the
+// game has survived its 750 ms start-up watch.
 
 #include "BlackHole.h"
 #include "FlowScenario.h"
@@ -55,7 +56,7 @@ int main(int argc, char** argv) {
 
     std::printf("offline_refused_press_to_running: %.3f s (median of 5; target 0.9 s)\n", refused);
     std::printf("offline_refused_ratio_to_target: %.2f\n", refused / 0.9);
-    std::printf("offline_blackholed_press_to_running: %.3f s (target 15 s)\n", blackHoled);
-    std::printf("offline_blackholed_ratio_to_target: %.2f\n", blackHoled / 15.0);
-    return refused > 0 && blackHoled > 0 ? 0 : 1;
+    std::printf("offline_blackholed_press_to_running: %.3f s (target 6 s)\n", blackHoled);
+    std::printf("offline_blackholed_ratio_to_target: %.2f\n", blackHoled / 6.0);
+    return refused > 0 && blackHoled > 0 && blackHoled <= 6.0 ? 0 : 1;
 }

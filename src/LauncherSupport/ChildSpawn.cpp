@@ -24,7 +24,7 @@ namespace {
 } // namespace
 
 pid_t spawnTiedToParent(const std::string& executable, const std::vector<const char*>& argv,
-                        int standardOutput, int standardError) {
+                        int standardOutput, int standardError, int standardInput) {
     // The child tells us through this pipe why exec failed; a successful exec closes it unread.
     int channel[2];
     if (::pipe2(channel, O_CLOEXEC) != 0)
@@ -42,7 +42,8 @@ pid_t spawnTiedToParent(const std::string& executable, const std::vector<const c
         // If the parent died before the request took effect, the signal will never come.
         if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || ::getppid() != parent)
             ::_exit(127);
-        if (::dup2(standardOutput, STDOUT_FILENO) < 0 || ::dup2(standardError, STDERR_FILENO) < 0)
+        if (::dup2(standardOutput, STDOUT_FILENO) < 0 || ::dup2(standardError, STDERR_FILENO) < 0 ||
+            (standardInput >= 0 && ::dup2(standardInput, STDIN_FILENO) < 0))
             reportAndExit(channel[1], errno);
         ::execve(executable.c_str(), const_cast<char* const*>(argv.data()), environ);
         reportAndExit(channel[1], errno);

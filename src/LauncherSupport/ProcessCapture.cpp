@@ -185,7 +185,8 @@ CapturedProcessResult Running::collect(int waitStatus) {
     return result;
 }
 
-Running start(const std::string& executable, const std::vector<std::string>& arguments) {
+Running start(const std::string& executable, const std::vector<std::string>& arguments,
+              int standardInput) {
     const std::string uuid = makeUpperUuid();
     const std::string dir = temporaryFolder();
 
@@ -206,7 +207,7 @@ Running start(const std::string& executable, const std::vector<std::string>& arg
         argv.push_back(argument.c_str());
     argv.push_back(nullptr);
 
-    state->pid = spawnTiedToParent(executable, argv, state->out.fd(), state->err.fd());
+    state->pid = spawnTiedToParent(executable, argv, state->out.fd(), state->err.fd(), standardInput);
     return Running(std::move(state));
 }
 

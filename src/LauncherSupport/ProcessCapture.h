@@ -50,17 +50,19 @@ private:
     struct State;
     explicit Running(std::unique_ptr<State> state);
     CapturedProcessResult collect(int waitStatus);
-    friend Running start(const std::string&, const std::vector<std::string>&);
+    friend Running start(const std::string&, const std::vector<std::string>&, int);
 
     std::unique_ptr<State> state_;
 };
 
 // Starts `executable` (an absolute path) with `arguments` (the program name is not prepended).
-// The child inherits environment, working folder and standard input. Output goes through two
-// temporary files named with one shared UUID, which are removed on every path once the child
-// has been started. Throws FileWriteError when the temporary files cannot be made, and
-// std::system_error when the child cannot be started.
-Running start(const std::string& executable, const std::vector<std::string>& arguments);
+// The child inherits environment, working folder and, unless `standardInput` names a descriptor
+// to read instead, standard input. Output goes through two temporary files named with one shared
+// UUID, which are removed on every path once the child has been started. Throws FileWriteError
+// when the temporary files cannot be made, and std::system_error when the child cannot be
+// started.
+Running start(const std::string& executable, const std::vector<std::string>& arguments,
+              int standardInput = -1);
 
 // start() and then wait(): returns the child's status and output once it has exited. A non-zero
 // exit status is returned, not thrown; std::system_error when the output cannot be read back.

@@ -46,6 +46,21 @@ QList<qint64> childrenNamed(qint64 pid, const QByteArray& name) {
     return found;
 }
 
+// The tar children of `pid` that unpack (the archive is also listed, by another tar, while it
+// downloads).
+QList<qint64> unpackingTars(qint64 pid) {
+    QList<qint64> found;
+    for (const qint64 child : childrenNamed(pid, "tar")) {
+        QFile cmdline(QStringLiteral("/proc/%1/cmdline").arg(child));
+        if (!cmdline.open(QIODevice::ReadOnly))
+            continue;
+        const QList<QByteArray> arguments = cmdline.readAll().split('\0');
+        if (arguments.size() > 1 && arguments[1].startsWith("-x"))
+            found << child;
+    }
+    return found;
+}
+
 // Collects whatever this test, as subreaper, has inherited and is already gone.
 void collectOrphans() {
     while (::waitpid(-1, nullptr, WNOHANG) > 0) {
@@ -249,7 +264,7 @@ private slots:
         const qint64 pid = first->launcherPid();
         QVERIFY(pid > 0);
         QList<qint64> tars;
-        QTRY_VERIFY_WITH_TIMEOUT(!(tars = childrenNamed(pid, "tar")).isEmpty(), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(!(tars = unpackingTars(pid)).isEmpty(), 30000);
         ::kill(static_cast<pid_t>(pid), SIGKILL);
         first->waitForExit(10000);
         // The orphaned tar would go on writing for seconds; it must end with its launcher.

@@ -23,6 +23,7 @@ class FaultServer;
 //   /html                   status 200 with an HTML page, as a captive portal would answer
 //   /drip/<path>            the file at 1 KiB/s
 //   /trickle/<path>         the file at 4 KiB/s: above the throughput floor, never quick
+//   /rate50m/<path>         the file at 50 MiB/s, a fast home link
 //   /throttle/<path>        the file at 1 MiB/s
 //   /norange/<path>         the file at 1 MiB/s, always whole: Range is ignored
 //   /stall                  status 200, 64 KiB of body, then nothing for an hour

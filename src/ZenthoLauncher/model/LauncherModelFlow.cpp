@@ -8,6 +8,7 @@
 #include "platform/FileManager.h"
 #include "platform/Platform.h"
 #include "update/ManifestFetch.h"
+#include "update/UnreachableHosts.h"
 #include "update/UpdateEndpoints.h"
 
 namespace {
@@ -22,6 +23,8 @@ void LauncherModel::updateAndPlay() {
 }
 
 QCoro::Task<void> LauncherModel::runUpdateAndPlay() {
+    // A server that cannot be reached is not waited for twice in one press.
+    const UnreachableHosts::FlowScope unreachable;
     setStatus(QStringLiteral("Checking launcher version..."));
     bool relaunching = false;
     try {

@@ -4,6 +4,7 @@
 #include "update/ProcessTask.h"
 #include "update/Sha256.h"
 
+#include <InflatedTarRun.h>
 #include <ProcessCapture.h>
 
 #include <string>
@@ -39,6 +40,18 @@ QStringList listArguments(const QString& archive) {
 
 QStringList extractArguments(const QString& archive, const QString& folder) {
     return {QStringLiteral("-xzf"), archive, QStringLiteral("-C"), folder};
+}
+
+QStringList streamedListArguments() {
+    return {QStringLiteral("-tf"), QStringLiteral("-")};
+}
+
+QStringList streamedExtractArguments(const QString& folder) {
+    return {QStringLiteral("-xf"), QStringLiteral("-"), QStringLiteral("-C"), folder};
+}
+
+std::unique_ptr<InflatedTarRun> startInflatedTar(const QStringList& arguments) {
+    return std::make_unique<InflatedTarRun>(kTar, native(arguments));
 }
 
 QString runTar(const QStringList& arguments) {

@@ -6,6 +6,10 @@
 
 #include <QCoroTask>
 
+#include <memory>
+
+class InflatedTarRun;
+
 // The archive helpers shared by the game install and the launcher self-update.
 
 // Runs /usr/bin/tar with `arguments` and returns what it printed on standard output. A non-zero
@@ -15,6 +19,13 @@ QString runTar(const QStringList& arguments);
 // The two tar runs of an install: list the archive, and unpack it into `folder`.
 QStringList listArguments(const QString& archive);
 QStringList extractArguments(const QString& archive, const QString& folder);
+
+// The same two runs with tar reading the archive, already inflated, from its standard input: the
+// fast form, which a literal run above stands behind whenever its result is not clean.
+QStringList streamedListArguments();
+QStringList streamedExtractArguments(const QString& folder);
+// Starts /usr/bin/tar with `arguments` as an InflatedTarRun; throws as that does.
+std::unique_ptr<InflatedTarRun> startInflatedTar(const QStringList& arguments);
 
 // runTar for the launcher's coroutines: the same result and errors, but the coroutine suspends
 // while tar runs instead of holding up the main thread.

@@ -6,7 +6,9 @@
 #include "storage/StaleWork.h"
 #include "storage/StorageLock.h"
 #include "update/Archive.h"
+#include "update/ArchiveExtraction.h"
 #include "update/ManifestFetch.h"
+#include "update/StreamedListing.h"
 #include "update/VerifiedDownload.h"
 
 #include <Uuid.h>
@@ -83,26 +85,30 @@ QCoro::Task<QString> GameInstaller::install(ReleaseManifest manifest) {
 
 QCoro::Task<void> GameInstaller::downloadAndPlace(ReleaseManifest manifest, QString installFolder) {
     reportStatus_(downloadingStatus());
+    // Listed while it arrives, so the listing is ready about when the digest is; nothing of it is
+    // trusted until the digest has matched.
+    StreamedListing listing;
     // Named, not a braced temporary in the co_await: g++ 12 destroys such a temporary twice.
-    const ArchiveDownload where{locations_.launcherRoot, ManifestKind::game().platform, nullptr,
+    const ArchiveDownload where{locations_.launcherRoot, ManifestKind::game().platform, &listing,
                                 downloadObserver_};
     DownloadedFile archive = co_await downloadVerifiedArchive(manifest.url, manifest.sha256, where);
 
     reportStatus_(installingStatus());
-    co_await unpackAndPlace(std::move(archive), manifest.executable, installFolder);
+    co_await unpackAndPlace(std::move(archive), listing, manifest.executable, installFolder);
 }
 
-QCoro::Task<void> GameInstaller::unpackAndPlace(DownloadedFile archive, QString executable,
-                                                QString installFolder) {
+QCoro::Task<void> GameInstaller::unpackAndPlace(DownloadedFile archive, StreamedListing& listing,
+                                                QString executable, QString installFolder) {
     StagingFolder staging(files_, appendComponent(locations_.launcherRoot,
                                                   QStringLiteral("staging-") +
                                                       QString::fromStdString(makeUpperUuid())));
     {
         // The temporary archive is only needed by the two tar runs; it goes right after them,
-        // before the build is moved into place, so a large download never lingers.
+        // before the build is moved into place, so a large download never lingers. Nothing is
+        // unpacked before the whole listing has passed the rule.
         DownloadedFile download = std::move(archive);
-        checkArchiveListing(co_await runTarWithoutBlocking(listArguments(download.path())));
-        co_await runTarWithoutBlocking(extractArguments(download.path(), staging.path()));
+        checkArchiveListing(co_await listing.listingOf(download.path()));
+        co_await extractArchive(files_, download.path(), staging.path());
     }
 
     // Only a plain file of the build itself can be the game: a link out of the staging folder

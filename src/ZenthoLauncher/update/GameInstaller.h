@@ -11,6 +11,7 @@
 class DownloadObserver;
 class DownloadedFile;
 class FileManager;
+class StreamedListing;
 
 // Turns one game release into an installed, recorded build: download, verify the digest, list
 // and vet the archive, unpack it into a private staging folder, make the executable runnable,
@@ -44,10 +45,11 @@ public:
 
 private:
     QCoro::Task<void> downloadAndPlace(ReleaseManifest manifest, QString installFolder);
-    // Stages `archive` and renames the staging folder to `installFolder`; consumes the download,
-    // whose temporary file goes as soon as tar has finished reading it.
-    QCoro::Task<void> unpackAndPlace(DownloadedFile archive, QString executable,
-                                     QString installFolder);
+    // Stages `archive`, whose body `listing` saw, and renames the staging folder to
+    // `installFolder`; consumes the download, whose temporary file goes as soon as tar has
+    // finished reading it.
+    QCoro::Task<void> unpackAndPlace(DownloadedFile archive, StreamedListing& listing,
+                                     QString executable, QString installFolder);
 
     const FileManager& files_;
     Locations locations_;

@@ -1,6 +1,7 @@
 #include "update/HttpClient.h"
 
 #include "update/TransferWatchdog.h"
+#include "update/UnreachableHosts.h"
 
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -145,6 +146,7 @@ QCoro::Task<HttpResponse> HttpClient::data(QUrl url) {
     const QString tooLarge = QStringLiteral("The manifest is larger than %1.").arg(sizeText(cap));
     QByteArray body;
 
+    UnreachableHosts::refuseKnown(url);
     ReplyPtr reply(manager().get(requestFor(url)));
     reply->setReadBufferSize(readBufferSize);
     auto* const watchdog = new TransferWatchdog(reply.get(), limits_.manifest);
@@ -162,6 +164,7 @@ QCoro::Task<HttpResponse> HttpClient::data(QUrl url) {
     QObject::disconnect(streaming);
     if (!watchdog->abortReason() && !collect(*raw, body, cap))
         throw NetworkError(tooLarge);
+    UnreachableHosts::noteFailure(*raw, *watchdog);
     throwIfTransportFailed(*raw, *watchdog);
     co_return HttpResponse{statusCodeOf(*raw), std::move(body)};
 }
@@ -175,6 +178,7 @@ QCoro::Task<ResponseHead> HttpClient::stream(QUrl url, RequestHeaders headers,
     bool accepted = false;
     qint64 received = 0;
 
+    UnreachableHosts::refuseKnown(url);
     ReplyPtr reply(manager().get(request));
     reply->setReadBufferSize(readBufferSize);
     auto* const watchdog = new TransferWatchdog(reply.get(), limits_.download);
@@ -213,6 +217,7 @@ QCoro::Task<ResponseHead> HttpClient::stream(QUrl url, RequestHeaders headers,
         failure = drain(*raw, receiver, received);
     if (failure)
         std::rethrow_exception(failure);
+    UnreachableHosts::noteFailure(*raw, *watchdog);
     throwIfTransportFailed(*raw, *watchdog);
     co_return headOf(*raw);
 }

@@ -29,8 +29,9 @@ struct Descriptor {
     int fd;
 };
 
-// Passes the notifier's signal on as one without Qt's private tag, which cannot be awaited
-// safely: the awaiter would bind a reference to a tag that does not exist.
+// Passes the notifier's signal (a process descriptor or a run's end descriptor has become
+// readable) on as one without Qt's private tag, which cannot be awaited safely: the awaiter would
+// bind a reference to a tag that does not exist.
 class EndNotice : public QObject {
     Q_OBJECT
 
@@ -63,6 +64,15 @@ QCoro::Task<CapturedProcessResult> runWithoutBlocking(std::string executable,
             co_await qCoro(ended.get(), &EndNotice::ended);
         else
             co_await QCoro::sleepFor(std::chrono::milliseconds(10));
+    }
+}
+
+QCoro::Task<InflatedTarRun::Outcome> outcomeWithoutBlocking(InflatedTarRun& run) {
+    EndNotice ended(run.endDescriptor());
+    for (;;) {
+        if (auto outcome = run.outcome())
+            co_return std::move(*outcome);
+        co_await qCoro(&ended, &EndNotice::ended);
     }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <InflatedTarRun.h>
 #include <ProcessCapture.h>
 
 #include <QCoroTask>
@@ -15,3 +16,6 @@
 // (the application goes away mid-run), the child is killed.
 QCoro::Task<CapturedProcessResult> runWithoutBlocking(std::string executable,
                                                       std::vector<std::string> arguments);
+
+// The outcome of `run` once it has ended; the coroutine suspends until then.
+QCoro::Task<InflatedTarRun::Outcome> outcomeWithoutBlocking(InflatedTarRun& run);

@@ -7,8 +7,10 @@ TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
     connectTimer_.setSingleShot(true);
     inactivityTimer_.setSingleShot(true);
     deadlineTimer_.setSingleShot(true);
-    connect(&connectTimer_, &QTimer::timeout, this,
-            [this] { giveUp(QStringLiteral("Could not connect to the server in time.")); });
+    connect(&connectTimer_, &QTimer::timeout, this, [this] {
+        connectTimedOut_ = !reply_->isFinished();
+        giveUp(QStringLiteral("Could not connect to the server in time."));
+    });
     connect(&inactivityTimer_, &QTimer::timeout, this,
             [this] { giveUp(QStringLiteral("The server stopped sending data.")); });
     connect(&deadlineTimer_, &QTimer::timeout, this,

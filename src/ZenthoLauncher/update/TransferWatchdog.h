@@ -35,6 +35,8 @@ public:
 
     // Why the watchdog aborted the transfer, or nothing when it did not.
     const std::optional<QString>& abortReason() const { return abortReason_; }
+    // True when it aborted because the connection was not made in time.
+    bool connectTimedOut() const { return connectTimedOut_; }
 
     // Aborts the transfer with `reason` unless it has already finished.
     void giveUp(const QString& reason);
@@ -54,4 +56,5 @@ private:
     qint64 totalBytes_ = 0;   // every byte of every hop
     qint64 bytesAtWindowStart_ = 0;
     std::optional<QString> abortReason_;
+    bool connectTimedOut_ = false;
 };

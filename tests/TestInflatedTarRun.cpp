@@ -1,0 +1,156 @@
+#include "TestArchives.h"
+#include "TestFiles.h"
+
+#include <InflatedTarRun.h>
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QRandomGenerator>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <csignal>
+#include <unistd.h>
+
+namespace {
+
+const std::string kTar = "/usr/bin/tar";
+
+QByteArray noise(qsizetype size) {
+    QByteArray bytes(size, '\0');
+    QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(bytes.data()), size / 4);
+    return bytes;
+}
+
+// Children of this process that run tar.
+QStringList tarChildren() {
+    QStringList found;
+    const QString self = QString::number(::getpid());
+    for (const QString& pid : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        const QByteArray stat = TestFiles::readFile(QStringLiteral("/proc/%1/stat").arg(pid));
+        // pid (comm) state ppid ...
+        const qsizetype close = stat.lastIndexOf(')');
+        if (close < 0 || !stat.contains("(tar)"))
+            continue;
+        const QList<QByteArray> fields = stat.mid(close + 2).split(' ');
+        if (fields.size() > 1 && QString::fromLatin1(fields[1]) == self)
+            found << pid;
+    }
+    return found;
+}
+
+} // namespace
+
+// The inflated tar run on its own: fed from memory while the bytes arrive and from the file for
+// whatever memory could not hold, never ending the process when tar stops reading, and leaving no
+// tar behind when it is abandoned.
+class TestInflatedTarRun : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir dir_;
+    QString archive_; // "zentho" first, then 20 MiB that gzip cannot shrink
+    QByteArray bytes_;
+    QString listing_;
+
+private slots:
+    void initTestCase() {
+        const QString tree = dir_.filePath(QStringLiteral("tree"));
+        TestFiles::makeBuild(tree);
+        TestFiles::writeFile(tree + QStringLiteral("/assets.pak"), noise(20 * 1024 * 1024));
+        archive_ = dir_.filePath(QStringLiteral("big.tar.gz"));
+        TestArchives::create(archive_, tree, {QStringLiteral("zentho"), QStringLiteral("assets.pak")});
+        bytes_ = TestFiles::readFile(archive_);
+        QVERIFY(bytes_.size() > qsizetype(InflatedTarRun::maximumQueuedBytes));
+        listing_ = QString::fromUtf8(TestArchives::tar({QStringLiteral("-tzf"), archive_}));
+    }
+
+    void streamedBytesAreListed() {
+        InflatedTarRun run(kTar, {"-tf", "-"});
+        for (qsizetype at = 0; at < bytes_.size(); at += 64 * 1024) {
+            run.append(bytes_.constData() + at, std::size_t(std::min<qsizetype>(64 * 1024, bytes_.size() - at)));
+            // Paced like a download, so that the queue never fills and everything comes from memory.
+            if (at % (4 * 1024 * 1024) == 0)
+                QTest::qWait(20);
+        }
+        run.finishFrom(archive_.toStdString()); // holds nothing beyond what was appended
+        const InflatedTarRun::Outcome outcome = run.wait();
+        QVERIFY(outcome.clean);
+        QCOMPARE(QString::fromStdString(outcome.tar.output), listing_);
+    }
+    // The twin: without a file holding the rest of the archive, the run is not clean.
+    void missingFileForTheRestIsNotClean() {
+        InflatedTarRun run(kTar, {"-tf", "-"});
+        run.append(bytes_.constData(), 1000);
+        run.finishFrom(dir_.filePath(QStringLiteral("absent")).toStdString());
+        QVERIFY(!run.wait().clean);
+    }
+
+    // More than the queue holds at once: what it cannot hold is read back from the file, from
+    // exactly where memory stopped.
+    void bytesBeyondTheQueueComeFromTheFile() {
+        InflatedTarRun run(kTar, {"-tf", "-"});
+        run.append(bytes_.constData(), 1000);
+        run.append(bytes_.constData() + 1000, std::size_t(bytes_.size() - 1000)); // too much at once
+        run.finishFrom(archive_.toStdString());
+        const InflatedTarRun::Outcome outcome = run.wait();
+        QVERIFY(outcome.clean);
+        QCOMPARE(QString::fromStdString(outcome.tar.output), listing_);
+    }
+
+    // tar stops reading once it has found the one member asked for; the rest still goes through
+    // the checks, and the process does not die of the closed pipe.
+    void tarThatStopsReadingEarly() {
+        InflatedTarRun run(kTar, {"-tf", "-", "--occurrence=1", "zentho"});
+        run.finishFrom(archive_.toStdString());
+        const InflatedTarRun::Outcome outcome = run.wait();
+        QCOMPARE(outcome.tar.status, 0);
+        QCOMPARE(QString::fromStdString(outcome.tar.output), QStringLiteral("zentho\n"));
+        QVERIFY(outcome.clean);
+        // Its twin: the same early stop on an archive whose end is broken is not clean.
+        const QString broken = dir_.filePath(QStringLiteral("broken.tar.gz"));
+        QByteArray bytes = bytes_;
+        bytes[bytes.size() - 8] = static_cast<char>(bytes[bytes.size() - 8] ^ 1); // its CRC-32
+        TestFiles::writeFile(broken, bytes);
+        InflatedTarRun spoiled(kTar, {"-tf", "-", "--occurrence=1", "zentho"});
+        spoiled.finishFrom(broken.toStdString());
+        QVERIFY(!spoiled.wait().clean);
+    }
+
+    void failingTarIsNotClean() {
+        InflatedTarRun run(kTar, {"-tf", "-", "not-in-the-archive"});
+        run.finishFrom(archive_.toStdString());
+        const InflatedTarRun::Outcome outcome = run.wait();
+        QCOMPARE(outcome.tar.status, 2);
+        QVERIFY(!outcome.clean);
+    }
+
+    // Abandoned half-way (the digest did not match, the download failed): tar goes at once.
+    void abandonedRunLeavesNoTar() {
+        QCOMPARE(tarChildren(), QStringList());
+        QElapsedTimer clock;
+        clock.start();
+        {
+            InflatedTarRun run(kTar, {"-xf", "-", "-C", dir_.path().toStdString()});
+            run.append(bytes_.constData(), 512 * 1024);
+            QTRY_VERIFY(!tarChildren().isEmpty());
+        }
+        QCOMPARE(tarChildren(), QStringList());
+        QVERIFY2(clock.elapsed() < 5000, qPrintable(QString::number(clock.elapsed())));
+    }
+
+    void endDescriptorBecomesReadable() {
+        InflatedTarRun run(kTar, {"-tf", "-"});
+        QVERIFY(!run.outcome().has_value());
+        run.finishFrom(archive_.toStdString());
+        fd_set readable;
+        FD_ZERO(&readable);
+        FD_SET(run.endDescriptor(), &readable);
+        timeval limit{30, 0};
+        QCOMPARE(::select(run.endDescriptor() + 1, &readable, nullptr, nullptr, &limit), 1);
+        QVERIFY(run.outcome().has_value());
+        QVERIFY(run.outcome()->clean);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestInflatedTarRun)
+#include "TestInflatedTarRun.moc"
