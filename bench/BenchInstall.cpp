@@ -28,6 +28,7 @@
 #include "platform/FileManager.h"
 #include "update/Archive.h"
 #include "update/ArchiveExtraction.h"
+#include "update/ManifestFetch.h"
 #include "update/StreamedListing.h"
 #include "update/VerifiedDownload.h"
 
@@ -151,8 +152,10 @@ QCoro::Task<Stages> ourStages(ReleaseManifest manifest, QString scratch, bool st
     QElapsedTimer clock;
     clock.start();
     StreamedListing listing;
-    const DownloadedFile archive = co_await downloadVerifiedArchive(
-        manifest.url, manifest.sha256, streamed ? &listing : nullptr);
+    // Named, not a braced temporary in the co_await: g++ 12 destroys such a temporary twice.
+    const ArchiveDownload where{scratch, ManifestKind::game().platform,
+                                streamed ? &listing : nullptr, nullptr};
+    const DownloadedFile archive = co_await downloadVerifiedArchive(manifest.url, manifest.sha256, where);
     stages.download = secondsSince(clock);
     clock.restart();
     // (No co_await inside a conditional expression: g++ 12 miscompiles that.)

@@ -23,6 +23,13 @@ HttpClient& client() {
     return shortConnect;
 }
 
+// An archive's body is not what these tests look at, only whether its server answered.
+class DiscardingReceiver : public BodyReceiver {
+public:
+    std::exception_ptr accept(const ResponseHead&) override { return nullptr; }
+    std::exception_ptr write(const char*, qint64) override { return nullptr; }
+};
+
 struct Attempt {
     QString error; // null when the request got an answer
     qint64 milliseconds = 0;
@@ -33,8 +40,9 @@ Attempt fetch(const QUrl& url, bool archive = false) {
     clock.start();
     Attempt attempt;
     try {
+        DiscardingReceiver receiver;
         if (archive)
-            awaitResult(client().download(url));
+            awaitResult(client().stream(url, {}, receiver));
         else
             awaitResult(client().data(url));
     } catch (const NetworkError& error) {
