@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+
+// Bounds of content-defined chunks, in bytes. A chunk is never shorter than `min` (unless it is
+// the last of its file), never longer than `max`, and about `average` long on most data.
+struct ChunkSizes {
+    std::size_t min = 0;
+    std::size_t average = 0;
+    std::size_t max = 0;
+
+    bool operator==(const ChunkSizes&) const = default;
+};
+
+// What the release tool and the launcher cut builds with unless an index says otherwise. A
+// scattered edit costs its own bytes plus about one average chunk on each side, so the average
+// trades patch size against the number of chunks (requests, index size); bench/BenchChunkStore
+// prints that trade for several averages side by side.
+inline constexpr ChunkSizes kDefaultChunkSizes{64 * 1024, 256 * 1024, 1024 * 1024};
+
+// Cuts bytes into content-defined chunks (FastCDC: a gear rolling hash over the last 64 bytes,
+// a cut where the hash's top bits are zero, a stricter mask before the average length and a
+// looser one after it, so lengths cluster around the average). Where a cut falls depends only
+// on the bytes just before it, so an insertion or a change moves the cuts near it and no
+// others: the chunks of the rest of the file keep their names. The gear table and the masks are
+// fixed forever; changing either renames every chunk ever published.
+class ContentChunker {
+public:
+    // The sizes must satisfy 64 <= min <= average <= max and average must be a power of two;
+    // throws std::invalid_argument otherwise.
+    explicit ContentChunker(ChunkSizes sizes = kDefaultChunkSizes);
+
+    const ChunkSizes& sizes() const { return sizes_; }
+
+    // The length of the chunk that starts at `data`. `size` is what is available from there: at
+    // least `max` bytes, unless the input ends within them. Returns a length from 1 to
+    // min(size, max), or 0 when `size` is 0.
+    std::size_t cut(const unsigned char* data, std::size_t size) const;
+
+    // Reads the open file `fd` from its current offset to its end and hands each chunk to
+    // `onChunk` in order, with the chunk's offset in the stream read. The bytes are valid only
+    // during the call. Throws std::system_error when a read fails.
+    using ChunkCallback = std::function<void(std::uint64_t offset, const unsigned char* data, std::size_t size)>;
+    void chunkFile(int fd, const ChunkCallback& onChunk) const;
+
+private:
+    ChunkSizes sizes_;
+    std::uint64_t strictMask_ = 0; // before `average` bytes: fewer cuts
+    std::uint64_t looseMask_ = 0;  // after it: more cuts
+};
