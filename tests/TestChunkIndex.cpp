@@ -14,7 +14,7 @@ const QString kC = QString(64, QLatin1Char('c'));
 QJsonObject folder(const QString& path, int mode = 0755) {
     return {{"path", path}, {"kind", "folder"}, {"mode", mode}};
 }
-QJsonObject link(const QString& path, const QString& target) {
+QJsonObject symlinkEntry(const QString& path, const QString& target) {
     return {{"path", path}, {"kind", "symlink"}, {"target", target}};
 }
 QJsonObject chunk(const QString& sha256, qint64 size) {
@@ -29,8 +29,8 @@ QJsonArray goodEntries() {
     return {folder("data"),
             file("data/levels.bin", 300000, {chunk(kA, 200000), chunk(kB, 100000)}),
             file("data/empty", 0, {}),
-            link("data/current", "levels.bin"),
-            link("up", "data/../data"),
+            symlinkEntry("data/current", "levels.bin"),
+            symlinkEntry("up", "data/../data"),
             file("zentho", 70000, {chunk(kB, 70000)}, 0755)};
 }
 
@@ -114,14 +114,14 @@ private slots:
         row("under a symlink", withEntry(file("data/current/x", 0, {})), "does not lie in a folder listed before it");
         row("under a file", withEntry(file("zentho/x", 0, {})), "does not lie in a folder listed before it");
         row("parent missing", withEntry(file("nowhere/x", 0, {})), "does not lie in a folder listed before it");
-        row("symlink out", withEntry(link("out", "../outside")), "\"out\" points outside the build");
-        row("symlink deep out", withEntry(link("data/out", "../../x")), "\"data/out\" points outside the build");
-        row("absolute symlink", withEntry(link("abs", "/etc/passwd")), "\"abs\" points outside the build");
+        row("symlink out", withEntry(symlinkEntry("out", "../outside")), "\"out\" points outside the build");
+        row("symlink deep out", withEntry(symlinkEntry("data/out", "../../x")), "\"data/out\" points outside the build");
+        row("absolute symlink", withEntry(symlinkEntry("abs", "/etc/passwd")), "\"abs\" points outside the build");
         // Each link stays inside on its own; followed through the other, the second leaves.
-        row("symlink out through another", withEntry(link("data/top", "..")) + link("esc", "data/top/.."),
+        row("symlink out through another", withEntry(symlinkEntry("data/top", "..")) + symlinkEntry("esc", "data/top/.."),
             "\"esc\" points outside the build");
-        row("symlink loop", withEntry(link("loop1", "loop2")) + link("loop2", "loop1"), "points in a loop");
-        row("empty target", withEntry(link("nothing", "")), "empty, too long or unprintable target");
+        row("symlink loop", withEntry(symlinkEntry("loop1", "loop2")) + symlinkEntry("loop2", "loop1"), "points in a loop");
+        row("empty target", withEntry(symlinkEntry("nothing", "")), "empty, too long or unprintable target");
         row("setuid", withEntry(file("su", 0, {}, 04755)), "\"su\" has a setuid, setgid or sticky mode");
         row("setgid folder", withEntry(folder("sg", 02755)), "\"sg\" has a setuid, setgid or sticky mode");
         row("sticky", withEntry(folder("st", 01777)), "has a setuid, setgid or sticky mode");
@@ -180,8 +180,8 @@ private slots:
     // The twins of the refusals above: what is close to each but harmless is read.
     void harmlessNeighboursOfTheRefusalsAreRead() {
         const QJsonArray entries = withEntry(file("data/..x", 0, {})) + file("a..b", 0, {}) +
-                                   link("data/sibling", "../zentho") + link("data/self", ".") +
-                                   link("data/chain", "current") + link("dangling", "data/not-there/../x") +
+                                   symlinkEntry("data/sibling", "../zentho") + symlinkEntry("data/self", ".") +
+                                   symlinkEntry("data/chain", "current") + symlinkEntry("dangling", "data/not-there/../x") +
                                    folder("open", 0777) + file("private", 0, {}, 0) +
                                    file("maxed", 1048576, {chunk(kA, 1048576)});
         QCOMPARE(refusalOf(json(index(entries))), QString());
