@@ -67,7 +67,7 @@ class TestChunkIndex : public QObject {
 private slots:
     void aGoodIndexIsReadWhole() {
         const ChunkIndex read = ChunkIndex::decode(json(index(goodEntries())));
-        QCOMPARE(read.chunking, kDefaultChunkSizes);
+        QCOMPARE(read.chunking, (ChunkSizes{65536, 262144, 1048576}));
         QCOMPARE(read.entries.size(), std::size_t(6));
         const ChunkIndexEntry& levels = read.entries[1];
         QCOMPARE(levels.path, QStringLiteral("data/levels.bin"));

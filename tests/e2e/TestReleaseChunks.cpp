@@ -84,7 +84,7 @@ class TestReleaseChunks : public QObject {
     QString makeRelease031(const QString& from) {
         const QString source = path(QStringLiteral("game-0.3.1"));
         ReleaseTool::copyTree(from, source);
-        for (const QString name : {QStringLiteral("pack2.bin"), QStringLiteral("pack5.bin")}) {
+        for (const QString& name : {QStringLiteral("pack2.bin"), QStringLiteral("pack5.bin")}) {
             QFile file(source + QStringLiteral("/data/") + name);
             if (!file.open(QIODevice::ReadWrite) || !file.seek(400000))
                 return {};

@@ -44,7 +44,7 @@ struct ChunkIndexEntry {
 // put the build together from chunks and to check the result, written by the release tool next
 // to the archive as JSON:
 //
-//   {"format":1,"chunker":"fastcdc-gear64","min":65536,"average":262144,"max":1048576,
+//   {"format":1,"chunker":"fastcdc-gear64","min":32768,"average":131072,"max":524288,
 //    "entries":[{"path":"data","kind":"folder","mode":493},
 //               {"path":"data/a","kind":"file","mode":420,"size":5,"sha256":"...",
 //                "chunks":[{"sha256":"...","size":5}]},
