@@ -73,14 +73,13 @@ private slots:
     void theDefaultCutsOfAKnownInputNeverChange() {
         QByteArray bytes;
         quint64 state = 1;
-        for (int i = 0; i < 3 << 20; ++i) {
+        for (int i = 0; i < 1 << 20; ++i) {
             state = state * 6364136223846793005ULL + 1442695040888963407ULL;
             bytes.append(char(state >> 56));
         }
         const QList<qsizetype> cuts = lengths(ContentChunker(), bytes);
-        QCOMPARE(cuts, (QList<qsizetype>{149191, 216607, 56601,  78542,  132884, 132523, 132051, 180991,
-                                         159688, 91582,  137915, 100307, 138044, 138621, 154944, 81211,
-                                         164936, 101843, 138292, 215948, 177814, 215395, 49798}));
+        QCOMPARE(cuts, (QList<qsizetype>{82155, 67036, 190125, 26482, 56601, 74863, 77208, 59355, 87627,
+                                         89411, 19464, 68072, 76117, 74060}));
     }
 
     void everyChunkStaysWithinItsBounds() {

@@ -44,7 +44,7 @@ struct ChunkIndexEntry {
 // put the build together from chunks and to check the result, written by the release tool next
 // to the archive as JSON:
 //
-//   {"format":1,"chunker":"fastcdc-gear64","min":32768,"average":131072,"max":524288,
+//   {"format":1,"chunker":"fastcdc-gear64","min":16384,"average":65536,"max":262144,
 //    "entries":[{"path":"data","kind":"folder","mode":493},
 //               {"path":"data/a","kind":"file","mode":420,"size":5,"sha256":"...",
 //                "chunks":[{"sha256":"...","size":5}]},
@@ -52,7 +52,8 @@ struct ChunkIndexEntry {
 //
 // Entries come parents first; the top folder itself is not an entry.
 struct ChunkIndex {
-    // An index is read whole into memory: 32 MiB holds a build of tens of GiB.
+    // An index is read whole into memory: 32 MiB holds a build of about 24 GiB at the default
+    // chunk sizes.
     static constexpr qint64 kMaxBytes = 32 << 20;
     // Chunks a launcher is asked to hold in memory at once stay below this.
     static constexpr qint64 kLargestChunk = 16 << 20;
