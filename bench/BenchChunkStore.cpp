@@ -124,11 +124,12 @@ Packed pack(const QString& source, const QString& version, const QString& out, c
     timer.start();
     const ReleaseTool::Run run = ReleaseTool::packGame(
         source, version, QStringLiteral("https://cdn.example.invalid/builds"), out,
-        {QStringLiteral("--chunks"), store, QStringLiteral("--chunks-url"), QStringLiteral("https://cdn.example.invalid/chunks")});
+        {QStringLiteral("--chunks"), store, QStringLiteral("--chunks-url"), QStringLiteral("https://cdn.example.invalid/chunks")},
+        30 * 60 * 1000);
     Packed packed;
     packed.seconds = double(timer.elapsed()) / 1000;
     if (!run.ok()) {
-        std::fprintf(stderr, "pack %s failed: %s", qPrintable(version), run.errors.constData());
+        std::fprintf(stderr, "pack %s failed (status %d): %s\n", qPrintable(version), run.exitCode, run.errors.constData());
         return packed;
     }
     packed.archiveBytes = run.line(QStringLiteral("size")).toLongLong();

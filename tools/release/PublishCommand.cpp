@@ -7,7 +7,6 @@
 #include "ReleaseKeys.h"
 #include "ReleaseOptions.h"
 
-#include "update/ChunkIndex.h"
 #include "update/ChunkStore.h"
 
 #include <QDir>
@@ -61,16 +60,16 @@ struct Placement {
     qint64 chunksKept = 0;       // sound chunks already there
 };
 
-// DIR + the url's path, refused when the path could point anywhere else. A folder's url may end
-// with "/"; a file's may not.
-QString destination(const QString& root, const QUrl& url, bool folder = false) {
+// DIR + the url's path, where `what` ("an archive") is published; refused when the path could
+// point anywhere else. A folder's url may end with "/"; a file's may not.
+QString destination(const QString& root, const QUrl& url, const char* what, bool folder = false) {
     const QString path = url.path(QUrl::FullyDecoded);
     const QStringList parts = path.split(QLatin1Char('/'), Qt::SkipEmptyParts);
     if (!path.startsWith(QLatin1Char('/')) || parts.isEmpty() || (!folder && path.endsWith(QLatin1Char('/'))) ||
         parts.contains(QStringLiteral("..")) || parts.contains(QStringLiteral(".")) ||
         path.contains(QLatin1Char('\n')) || path.contains(QLatin1Char('\\')))
         throw std::runtime_error("the url " + url.toString().toStdString() +
-                                 " has no path anything can be published at");
+                                 " has no path " + what + " can be published at");
     return root + QLatin1Char('/') + parts.join(QLatin1Char('/'));
 }
 
@@ -121,22 +120,21 @@ Placement place(const QString& root, const QString& manifestPath, const ReleaseC
     const ReleaseManifest& manifest = placement.release.manifest;
     placement.manifest = root + QStringLiteral("/release/") + manifest.platform + QStringLiteral("-manifest.json");
     placement.signature = placement.manifest + QStringLiteral(".sig");
-    placement.archive = destination(root, manifest.url);
+    placement.archive = destination(root, manifest.url, "an archive");
     if (placement.archive == placement.manifest || placement.archive == placement.signature)
         throw std::runtime_error("the url " + manifest.url.toString().toStdString() +
                                  " names the manifest's own place");
     placement.archiveThere = alreadyPublished(placement.archive, manifest.sha256, "archive");
     if (manifest.chunks) {
-        placement.index = destination(root, manifest.chunks->index);
-        placement.store = destination(root, manifest.chunks->store, true);
+        placement.index = destination(root, manifest.chunks->index, "a chunk index");
+        placement.store = destination(root, manifest.chunks->store, "a chunk store", true);
         if (placement.index == placement.manifest || placement.index == placement.signature ||
             placement.index == placement.archive)
             throw std::runtime_error("the chunk index's url " + manifest.chunks->index.toString().toStdString() +
                                      " names the place of another file of the release");
         placement.indexThere = alreadyPublished(placement.index, manifest.chunks->sha256, "chunk index");
         std::set<QString> names;
-        const ChunkIndex index = ChunkIndex::decode(ReleaseFiles::readFile(*placement.release.indexPath));
-        for (const ChunkIndexEntry& entry : index.entries) {
+        for (const ChunkIndexEntry& entry : placement.release.index->entries) {
             for (const ChunkRef& chunk : entry.chunks) {
                 if (names.insert(chunk.sha256).second && !soundChunk(placement.store + QLatin1Char('/') +
                                                                          ChunkStore::relativePath(chunk.sha256),

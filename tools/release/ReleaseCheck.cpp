@@ -167,17 +167,16 @@ CheckedRelease check(const QString& manifestPath, const QString& archivePath,
     if (manifest.sha256.toLower() != digest)
         throw CheckFailed("sha256", QStringLiteral("the archive's digest is %1, the manifest says \"%2\"")
                                         .arg(digest, manifest.sha256));
-    std::optional<ChunkIndex> index;
     if (manifest.chunks) {
         release.indexPath = chunkFiles.index.isEmpty() ? QFileInfo(archivePath).absolutePath() + QLatin1Char('/') +
                                                              manifest.chunks->index.fileName()
                                                        : chunkFiles.index;
-        index = ChunkCheck::readIndex(*release.indexPath, *manifest.chunks);
+        release.index = ChunkCheck::readIndex(*release.indexPath, *manifest.chunks);
     }
-    checkContents(manifest, archivePath, keys.seal, index);
+    checkContents(manifest, archivePath, keys.seal, release.index);
     qint64 chunkCount = -1;
-    if (index && !chunkFiles.store.isEmpty())
-        chunkCount = ChunkCheck::checkStore(*index, chunkFiles.store);
+    if (release.index && !chunkFiles.store.isEmpty())
+        chunkCount = ChunkCheck::checkStore(*release.index, chunkFiles.store);
 
     QStringList checks;
     if (release.signaturePath)
@@ -187,7 +186,7 @@ CheckedRelease check(const QString& manifestPath, const QString& archivePath,
     checks << QStringLiteral("digest") << QStringLiteral("listing") << QStringLiteral("executable");
     if (manifest.platform == QLatin1String(ReleaseFiles::kLauncherPlatform))
         checks << QStringLiteral("seal") << QStringLiteral("version");
-    if (index)
+    if (release.index)
         checks << QStringLiteral("chunk index");
     if (chunkCount >= 0)
         checks << QStringLiteral("%1 chunks").arg(chunkCount);
