@@ -115,6 +115,7 @@ qint64 makeBuilds(const QString& old, const QString& next, qint64 total) {
 struct Packed {
     qint64 archiveBytes = -1;
     qint64 newChunkBytes = -1;
+    qint64 indexBytes = -1;
     QString chunks;
     double seconds = 0;
 };
@@ -135,6 +136,7 @@ Packed pack(const QString& source, const QString& version, const QString& out, c
     packed.archiveBytes = run.line(QStringLiteral("size")).toLongLong();
     packed.newChunkBytes = run.line(QStringLiteral("new chunk bytes")).section(QLatin1Char(' '), 0, 0).toLongLong();
     packed.chunks = run.line(QStringLiteral("chunks"));
+    packed.indexBytes = QFileInfo(run.line(QStringLiteral("index"))).size();
     return packed;
 }
 
@@ -199,6 +201,8 @@ int main(int argc, char** argv) {
     std::printf("new chunks for 0.3.1: %lld bytes (compressed)\n", second.newChunkBytes);
     const double ratio = double(second.newChunkBytes) / double(second.archiveBytes);
     std::printf("patch / archive: %.2f %% (goal <= 3 %%: %s)\n", 100 * ratio, ratio <= 0.03 ? "met" : "NOT MET");
+    std::printf("index 0.3.1: %lld bytes; patch and index / archive: %.2f %%\n", second.indexBytes,
+                100.0 * double(second.newChunkBytes + second.indexBytes) / double(second.archiveBytes));
 
     std::printf("\nchunk average: patch / archive, chunks in 0.3.1, index bytes\n");
     for (const std::size_t average : {32 * 1024, 64 * 1024, 128 * 1024, 256 * 1024, 512 * 1024}) {

@@ -1,12 +1,16 @@
 // zentho-release with a chunk store, used as a release engineer would: two releases packed into one
 // store, the second adding only what changed; verify checking the index and the chunks against
 // the archive, and failing on a damaged chunk or index; publish laying chunks and index out
-// before the manifest that names them.
+// before the manifest that names them; and the real launcher, which does not use chunks yet,
+// installing such a release from its archive as before.
 
 #include "LauncherBundles.h"
+#include "RealLauncher.h"
 #include "ReleaseTool.h"
+#include "StandinGames.h"
 #include "TestArchives.h"
 #include "TestFiles.h"
+#include "TestServer.h"
 
 #include "update/ChunkIndex.h"
 #include "update/ChunkStore.h"
@@ -106,6 +110,7 @@ class TestReleaseChunks : public QObject {
 
 private slots:
     void initTestCase() {
+        QVERIFY(RealLauncher::becomeSubreaper());
         QVERIFY2(QFileInfo::exists(LauncherBundles::releaseTool()), "zentho-release is not built");
         QVERIFY2(QFileInfo::exists(ReleaseTool::standinGame020()), "the 0.2.0 stand-in is not built");
     }
@@ -261,6 +266,35 @@ private slots:
                  www + QStringLiteral("/chunks (%1 copied, %2 kept)").arg(chunkCounts(second)[1]).arg(chunkCounts(second)[2]));
         QCOMPARE(storeContent(www + QStringLiteral("/chunks")), storeContent(store()));
         QVERIFY(QFileInfo::exists(www + QStringLiteral("/builds/zentho-0.3.0-macos-arm64.chunks.json")));
+    }
+
+    void aReleaseWithChunksIsInstalledFromItsArchiveByTheRealLauncher() {
+        TestServer server;
+        const QString www = server.documentRoot();
+        const Run packed = ReleaseTool::packGame(
+            makeRelease030(), QStringLiteral("0.3.0"), server.url(QStringLiteral("/builds")).toString(), path(QStringLiteral("out")),
+            {QStringLiteral("--chunks"), store(), QStringLiteral("--chunks-url"), server.url(QStringLiteral("/chunks")).toString()});
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        const Run published = ReleaseTool::run({QStringLiteral("publish"), QStringLiteral("--to"), www, QStringLiteral("--chunks"),
+                                                store(), packed.line(QStringLiteral("manifest"))});
+        QVERIFY2(published.ok(), published.errors.constData());
+        QVERIFY(ReleaseManifest::decode(TestFiles::readFile(www + QStringLiteral("/release/macos-arm64-manifest.json"))).chunks);
+
+        const QString data = path(QStringLiteral("data"));
+        const QString record = path(QStringLiteral("record"));
+        RealLauncher launcher(LauncherBundles::builtBundle(), data);
+        launcher.useManifests(server.url(QStringLiteral("/release/macos-arm64-manifest.json")).toString(),
+                              QStringLiteral("file:///dev/null/no-launcher-manifest.json"));
+        launcher.recordGameStartIn(record);
+        launcher.start(server, QStringLiteral("zentho://invite/chunks"));
+        QCOMPARE(launcher.waitForExit(), std::optional<int>(0));
+
+        const QByteArray recorded = RealLauncher::waitForGameRecord(record);
+        const QString installed = data + QStringLiteral("/Zentho/launcher/versions/0.3.0");
+        QVERIFY2(recorded.contains("\ncwd=" + QFile::encodeName(installed) + "\n"), (recorded + launcher.errors()).constData());
+        QCOMPARE(TestFiles::readFile(installed + QStringLiteral("/data/levels.txt")),
+                 TestFiles::readFile(path(QStringLiteral("game-0.3.0/data/levels.txt"))));
+        RealLauncher::terminateAndCollect(RealLauncher::recordedPid(recorded));
     }
 
     void packRefusesChunksItCannotMakeRight() {
