@@ -36,7 +36,7 @@ struct ReleaseManifest {
     // The optional member "chunks": {"index": URL, "sha256": HEX, "store": URL}. It never makes a
     // manifest fail to decode: one that is malformed is left out, like any key not known here, and
     // the release is then what the five keys say.
-    std::optional<ReleaseChunks> chunks;
+    std::optional<ReleaseChunks> chunks = std::nullopt; // defaulted, so five-field initialisers stay complete
 
     // Decodes a whole response body. The five keys are required and read in field order (the
     // first failure is the one reported); other keys are ignored. Checks nothing beyond the JSON
