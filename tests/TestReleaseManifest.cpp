@@ -55,6 +55,60 @@ private slots:
         QCOMPARE(ReleaseManifest::decode(json(object)), ReleaseManifest::decode(json(completeManifest())));
     }
 
+    // Releases published with chunks carry one more member; the five keys decode as before and
+    // the member is read as an optional field.
+    void aChunksMemberIsReadWhenWellFormed() {
+        QJsonObject object = completeManifest();
+        object.insert("chunks", QJsonObject{{"index", "https://release.invalid/builds/zentho-0.4.2-macos-arm64.chunks.json"},
+                                            {"sha256", "AB41a9c07b3e8f2a6c1d94e7b8a0f3c2d6e9b1a47c8f05e3d2b6a9c1f7e4d083"},
+                                            {"store", "https://release.invalid/chunks"}});
+        const ReleaseManifest manifest = ReleaseManifest::decode(json(object));
+        QVERIFY(manifest.chunks.has_value());
+        QCOMPARE(manifest.chunks->index.toString(),
+                 QStringLiteral("https://release.invalid/builds/zentho-0.4.2-macos-arm64.chunks.json"));
+        QCOMPARE(manifest.chunks->sha256, QStringLiteral("AB41a9c07b3e8f2a6c1d94e7b8a0f3c2d6e9b1a47c8f05e3d2b6a9c1f7e4d083"));
+        QCOMPARE(manifest.chunks->store.toString(), QStringLiteral("https://release.invalid/chunks"));
+        ReleaseManifest withoutChunks = manifest;
+        withoutChunks.chunks.reset();
+        QCOMPARE(withoutChunks, ReleaseManifest::decode(json(completeManifest())));
+        QVERIFY(!ReleaseManifest::decode(json(completeManifest())).chunks.has_value());
+        // What encode writes reads back the same, with the member and without it.
+        QCOMPARE(ReleaseManifest::decode(manifest.encode()), manifest);
+        QCOMPARE(ReleaseManifest::decode(withoutChunks.encode()), withoutChunks);
+        QVERIFY(!withoutChunks.encode().contains("chunks"));
+    }
+
+    void aMalformedChunksMemberIsIgnoredLikeAnyUnknownKey_data() {
+        QTest::addColumn<QJsonValue>("chunks");
+        const QJsonObject good{{"index", "https://release.invalid/i.json"},
+                               {"sha256", "5d41a9c07b3e8f2a6c1d94e7b8a0f3c2d6e9b1a47c8f05e3d2b6a9c1f7e4d083"},
+                               {"store", "https://release.invalid/chunks"}};
+        QTest::newRow("a string") << QJsonValue("https://release.invalid/i.json");
+        QTest::newRow("null") << QJsonValue(QJsonValue::Null);
+        for (const char* key : {"index", "sha256", "store"}) {
+            QJsonObject missing = good;
+            missing.remove(key);
+            QTest::newRow(qPrintable(QStringLiteral("without %1").arg(key))) << QJsonValue(missing);
+            QJsonObject number = good;
+            number.insert(key, 7);
+            QTest::newRow(qPrintable(QStringLiteral("%1 a number").arg(key))) << QJsonValue(number);
+        }
+        QJsonObject shortDigest = good;
+        shortDigest.insert("sha256", "5d41a9");
+        QTest::newRow("short digest") << QJsonValue(shortDigest);
+        QJsonObject badUrl = good;
+        badUrl.insert("store", "http://[::1");
+        QTest::newRow("store not a URL") << QJsonValue(badUrl);
+    }
+    void aMalformedChunksMemberIsIgnoredLikeAnyUnknownKey() {
+        QFETCH(QJsonValue, chunks);
+        QJsonObject object = completeManifest();
+        object.insert("chunks", chunks);
+        const ReleaseManifest manifest = ReleaseManifest::decode(json(object));
+        QVERIFY(!manifest.chunks.has_value());
+        QCOMPARE(manifest, ReleaseManifest::decode(json(completeManifest())));
+    }
+
     void everyKeyIsRequired_data() {
         QTest::addColumn<QString>("key");
         for (const char* key : {"version", "platform", "url", "sha256", "executable"})

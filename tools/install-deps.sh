@@ -2,7 +2,7 @@
 # Installs what building, running and testing the launcher needs on Debian 12.
 set -eu
 packages="cmake g++ make pkg-config git
-  qt6-base-dev qt6-declarative-dev qcoro-qt6-dev libssl-dev openssl libisal-dev
+  qt6-base-dev qt6-declarative-dev qcoro-qt6-dev libssl-dev openssl libisal-dev libzstd-dev
   qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-templates
   qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtqml-workerscript
   qt6-qpa-plugins libgl-dev fonts-dejavu-core

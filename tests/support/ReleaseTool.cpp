@@ -13,11 +13,11 @@
 
 namespace ReleaseTool {
 
-Run run(const QStringList& arguments) {
+Run run(const QStringList& arguments, int timeoutMs) {
     QProcess tool;
     tool.start(LauncherBundles::releaseTool(), arguments);
     Run result;
-    if (!tool.waitForFinished(120000)) {
+    if (!tool.waitForFinished(timeoutMs)) {
         tool.kill();
         tool.waitForFinished();
         return result;
@@ -55,12 +55,13 @@ QString testManifestKeyNext() {
 }
 
 Run packGame(const QString& source, const QString& version, const QString& urlBase,
-             const QString& out, const QStringList& extra) {
+             const QString& out, const QStringList& extra, int timeoutMs) {
     return run(QStringList{QStringLiteral("pack"), QStringLiteral("--platform"),
                            QStringLiteral("macos-arm64"), QStringLiteral("--version"), version,
                            QStringLiteral("--executable"), QStringLiteral("zentho"),
                            QStringLiteral("--url-base"), urlBase, QStringLiteral("--out"), out} +
-               extra + QStringList{source});
+               extra + QStringList{source},
+               timeoutMs);
 }
 
 Run packLauncher(const QString& bundle, const QString& version, const QString& urlBase,

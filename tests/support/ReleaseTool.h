@@ -20,12 +20,13 @@ struct Run {
     QString line(const QString& key) const;
 };
 
-Run run(const QStringList& arguments);
+// Runs the tool; a run that takes longer than `timeoutMs` is killed and counts as not ended.
+Run run(const QStringList& arguments, int timeoutMs = 120000);
 
 // pack --platform macos-arm64 for a game build folder; returns the run (run.line("manifest") is
 // the manifest's path).
 Run packGame(const QString& source, const QString& version, const QString& urlBase,
-             const QString& out, const QStringList& extra = {});
+             const QString& out, const QStringList& extra = {}, int timeoutMs = 120000);
 // pack --platform macos-launcher-arm64 for a bundle folder, whose name is the executable, with its
 // seal checked against the test keys.
 Run packLauncher(const QString& bundle, const QString& version, const QString& urlBase,

@@ -2,6 +2,7 @@
 // gzip tar archive, the manifest that names it and, with a key, the manifest's signature, ready
 // to be published side by side.
 
+#include "ChunkedRelease.h"
 #include "PackedArchive.h"
 #include "ReleaseCheck.h"
 #include "ReleaseCommand.h"
@@ -31,7 +32,8 @@ namespace {
 const char kUsage[] =
     "usage: zentho-release pack --platform P --version V --executable E --url-base URL\n"
     "                           [--out DIR] [--force] [--dry-run] [--key PUBLIC_KEY]...\n"
-    "                           [--sign-key KEY [--expires-in DAYS]] SRC\n"
+    "                           [--sign-key KEY [--expires-in DAYS]]\n"
+    "                           [--chunks STORE_DIR --chunks-url URL] SRC\n"
     "\n"
     "Packs a release and writes its manifest. Two kinds of release:\n"
     "  game      --platform macos-arm64: SRC is the build folder; its content becomes the top\n"
@@ -51,15 +53,24 @@ const char kUsage[] =
     "  P-manifest.json.sig    with --sign-key: the Ed25519 signature of the manifest's exact\n"
     "                         bytes by the private key KEY; --expires-in DAYS adds the member\n"
     "                         \"expires\" (UTC), after which launchers refuse the manifest\n"
+    "  zentho-V-P.chunks.json with --chunks (game only): the chunk index, listing every entry of\n"
+    "                         the build (path, kind, mode, size, symlink target) and each\n"
+    "                         file's SHA-256 and content-defined chunks; every chunk the store\n"
+    "                         lacks goes to STORE_DIR/ab/<sha256>.zst (zstd), and the manifest\n"
+    "                         gains \"chunks\": {index: URL/zentho-V-P.chunks.json, sha256: the\n"
+    "                         index's digest, store: the --chunks-url}. Keep STORE_DIR between\n"
+    "                         releases: a later release adds only the chunks that changed\n"
     "and prints one line each: archive:, size: (bytes), sha256:, manifest:, and signature: and\n"
-    "expires: when signed. Existing files are kept unless --force is given (a stale signature\n"
-    "is then removed). --dry-run makes every check and prints the same lines, the manifest's\n"
-    "text after \"content: \", and writes nothing. Publish the result with\n"
-    "\"zentho-release publish\".\n"
+    "expires: when signed; with --chunks also index:, index sha256:, chunks: (in the build, new,\n"
+    "already in the store) and new chunk bytes: (compressed, added to the store). Existing\n"
+    "files are kept unless --force is given (a stale signature is then removed). --dry-run makes\n"
+    "every check and prints the same lines, the manifest's text after \"content: \", and writes\n"
+    "nothing. Publish the result with \"zentho-release publish\".\n"
     "\n"
     "Refused: a version other than letters, digits and . _ + - (it names folders and files), a\n"
     "URL that is not http or https, names with control characters or that are not UTF-8,\n"
-    "symlinks that point outside SRC, devices, pipes and sockets, and DIR inside SRC.\n";
+    "symlinks that point outside SRC, devices, pipes and sockets, DIR or STORE_DIR inside SRC, and\n"
+    "with --chunks setuid, setgid and sticky modes (launchers refuse them in an index).\n";
 
 // A signed manifest may be valid for at most ten years: long enough for anyone, short enough to
 // catch a number typed in the wrong unit.
@@ -77,6 +88,8 @@ struct PackOptions {
     std::vector<std::string> sealKeys;
     std::optional<std::string> signKey;
     std::optional<int> expiresInDays;
+    QString chunkStore; // empty without --chunks
+    QString chunkStoreUrl;
 };
 
 QString text(const std::string& value) {
@@ -97,10 +110,23 @@ int parseDays(const std::string& value) {
     return days;
 }
 
+// An http or https address without query or fragment, without trailing "/".
+QString baseAddress(const char* option, QString value) {
+    while (value.endsWith(QLatin1Char('/')))
+        value.chop(1);
+    const QUrl base(value, QUrl::StrictMode);
+    const QString scheme = base.scheme();
+    if (!base.isValid() || (scheme != QLatin1String("https") && scheme != QLatin1String("http")) ||
+        base.host().isEmpty() || base.hasQuery() || base.hasFragment())
+        throw UsageError(std::string(option) + " must be an http or https address without query, not \"" +
+                         value.toStdString() + "\"");
+    return value;
+}
+
 PackOptions parse(const std::vector<std::string>& arguments) {
     const ReleaseOptions given(arguments,
                                {"--platform", "--version", "--executable", "--url-base", "--out",
-                                "--key", "--sign-key", "--expires-in"},
+                                "--key", "--sign-key", "--expires-in", "--chunks", "--chunks-url"},
                                {"--force", "--dry-run"});
     PackOptions options;
     options.platform = text(given.required("--platform", "P"));
@@ -117,6 +143,10 @@ PackOptions parse(const std::vector<std::string>& arguments) {
             throw UsageError("--expires-in needs --sign-key: only a signed manifest can expire");
         options.expiresInDays = parseDays(*days);
     }
+    options.chunkStore = text(given.one("--chunks").value_or(std::string()));
+    options.chunkStoreUrl = text(given.one("--chunks-url").value_or(std::string()));
+    if (options.chunkStore.isEmpty() != options.chunkStoreUrl.isEmpty())
+        throw UsageError("--chunks STORE_DIR and --chunks-url URL go together");
     if (given.operands().size() > 1)
         throw UsageError("more than one SRC given");
     if (given.operands().empty() || given.operands().front().empty())
@@ -131,14 +161,12 @@ PackOptions parse(const std::vector<std::string>& arguments) {
     if (const QString problem = ReleaseFiles::relativePathProblem(options.executable);
         !problem.isEmpty())
         throw UsageError("--executable: " + problem.toStdString());
-    while (options.urlBase.endsWith(QLatin1Char('/')))
-        options.urlBase.chop(1);
-    const QUrl base(options.urlBase, QUrl::StrictMode);
-    const QString scheme = base.scheme();
-    if (!base.isValid() || (scheme != QLatin1String("https") && scheme != QLatin1String("http")) ||
-        base.host().isEmpty() || base.hasQuery() || base.hasFragment())
-        throw UsageError("--url-base must be an http or https address without query, not \"" +
-                         options.urlBase.toStdString() + "\"");
+    options.urlBase = baseAddress("--url-base", options.urlBase);
+    if (!options.chunkStore.isEmpty()) {
+        if (options.platform != QLatin1String(ReleaseFiles::kGamePlatform))
+            throw UsageError("--chunks is for game releases (macos-arm64) only");
+        options.chunkStoreUrl = baseAddress("--chunks-url", options.chunkStoreUrl);
+    }
     return options;
 }
 
@@ -176,23 +204,24 @@ void checkLauncherBundle(const PackOptions& options, const QString& source) {
         ReleaseKeys::chosen(options.sealKeys, ReleaseKeys::builtInSealKeys()));
 }
 
-// The output folder, made unless this is a dry run; refused inside the source, also once
-// symlinks in its path are resolved.
-QString outputFolder(const PackOptions& options, const QString& source) {
+// A folder pack writes into (--out, --chunks), made unless this is a dry run; refused inside the
+// source, also once symlinks in its path are resolved.
+QString folderToWrite(const char* option, const QString& path, const QString& source, bool dryRun) {
     const auto inside = [&source](const QString& folder) {
         return folder == source || folder.startsWith(source + QLatin1Char('/'));
     };
-    const QString absolute = QDir::cleanPath(QFileInfo(options.out).absoluteFilePath());
+    const std::string refusal = std::string(option) + " must not be inside SRC";
+    const QString absolute = QDir::cleanPath(QFileInfo(path).absoluteFilePath());
     if (inside(absolute))
-        throw UsageError("--out must not be inside SRC");
-    if (options.dryRun && !QFileInfo(absolute).isDir())
+        throw UsageError(refusal);
+    if (dryRun && !QFileInfo(absolute).isDir())
         return absolute;
-    if (!QDir().mkpath(options.out))
-        throw failure(options.out + QStringLiteral(": cannot be created"));
-    const QString out = QFileInfo(options.out).canonicalFilePath();
-    if (inside(out))
-        throw UsageError("--out must not be inside SRC");
-    return out;
+    if (!QDir().mkpath(path))
+        throw failure(path + QStringLiteral(": cannot be created"));
+    const QString folder = QFileInfo(path).canonicalFilePath();
+    if (inside(folder))
+        throw UsageError(refusal);
+    return folder;
 }
 
 // Packs into a hidden name beside the final one and renames it into place only once tar has
@@ -242,12 +271,19 @@ int runPack(const std::vector<std::string>& arguments) {
         !problem.empty())
         throw std::runtime_error(problem);
 
-    const QString out = outputFolder(options, source);
+    const QString out = folderToWrite("--out", options.out, source, options.dryRun);
+    const QString store = options.chunkStore.isEmpty()
+                              ? QString()
+                              : folderToWrite("--chunks", options.chunkStore, source, options.dryRun);
     const QString archiveName = QStringLiteral("zentho-%1-%2.tar.gz").arg(options.version, options.platform);
     const QString archive = out + QLatin1Char('/') + archiveName;
+    const QString indexName = QStringLiteral("zentho-%1-%2.chunks.json").arg(options.version, options.platform);
+    const QString indexPath = out + QLatin1Char('/') + indexName;
     const QString manifestPath = out + QLatin1Char('/') + options.platform + QStringLiteral("-manifest.json");
     const QString signaturePath = manifestPath + QStringLiteral(".sig");
-    for (const QString& path : {archive, manifestPath, signaturePath}) {
+    for (const QString& path : {archive, indexPath, manifestPath, signaturePath}) {
+        if (path == indexPath && store.isEmpty())
+            continue;
         if (!options.force && QFileInfo(path).exists())
             throw failure(path + QStringLiteral(" already exists; use --force to replace it"));
     }
@@ -266,6 +302,15 @@ int runPack(const std::vector<std::string>& arguments) {
     manifest.url = QUrl(options.urlBase + QLatin1Char('/') + archiveName, QUrl::StrictMode);
     manifest.sha256 = packed.sha256;
     manifest.executable = options.executable;
+    // Chunks and index go down after the archive and before the manifest that names them.
+    std::optional<ChunkedRelease> chunked;
+    if (!store.isEmpty()) {
+        chunked = ChunkedRelease::make(source, store, kDefaultChunkSizes, options.dryRun);
+        if (!options.dryRun)
+            ReleaseFiles::writeFileAtomically(indexPath, chunked->json);
+        manifest.chunks = ReleaseChunks{QUrl(options.urlBase + QLatin1Char('/') + indexName, QUrl::StrictMode),
+                                        chunked->sha256, QUrl(options.chunkStoreUrl, QUrl::StrictMode)};
+    }
     QByteArray json = manifest.encode();
     std::optional<QString> expires;
     if (options.expiresInDays) {
@@ -290,6 +335,13 @@ int runPack(const std::vector<std::string>& arguments) {
     }
     std::printf("archive: %s\nsize: %lld\nsha256: %s\nmanifest: %s\n", qPrintable(archive),
                 static_cast<long long>(packed.size), qPrintable(packed.sha256), qPrintable(manifestPath));
+    if (chunked) {
+        std::printf("index: %s\nindex sha256: %s\nchunks: %lld (%lld new, %lld already in the store)\n"
+                    "new chunk bytes: %lld (compressed, of %lld bytes in the build)\n",
+                    qPrintable(indexPath), qPrintable(chunked->sha256), static_cast<long long>(chunked->chunks),
+                    static_cast<long long>(chunked->added), static_cast<long long>(chunked->chunks - chunked->added),
+                    static_cast<long long>(chunked->addedBytes), static_cast<long long>(chunked->buildBytes));
+    }
     if (signingKey)
         std::printf("signature: %s\n", qPrintable(signaturePath));
     if (expires)

@@ -1,5 +1,6 @@
 #include "ReleaseCheck.h"
 
+#include "ChunkCheck.h"
 #include "ReleaseCommand.h"
 #include "ReleaseFiles.h"
 
@@ -9,8 +10,11 @@
 #include "update/BundleSignature.h"
 #include "update/ManifestSignature.h"
 
+#include "storage/StrictJson.h"
+
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonObject>
 #include <QTemporaryDir>
 
 #include <cstdio>
@@ -80,10 +84,25 @@ void checkFields(const ReleaseManifest& manifest, const QString& archive) {
     if (const QString problem = ReleaseFiles::relativePathProblem(manifest.executable);
         !problem.isEmpty())
         throw CheckFailed("executable", problem);
+    if (manifest.chunks) {
+        for (const QUrl& url : {manifest.chunks->index, manifest.chunks->store}) {
+            if (url.scheme() != QLatin1String("https") && url.scheme() != QLatin1String("http"))
+                throw CheckFailed("chunks", url.toString() + QStringLiteral(" is not an http or https address"));
+        }
+    }
+}
+
+// A "chunks" member that does not decode is ignored by launchers: say so rather than publish a
+// release whose chunks nobody will use.
+void checkChunksMember(const QByteArray& bytes, const ReleaseManifest& manifest) {
+    if (!manifest.chunks && StrictJson::parse(bytes).value.toObject().contains(QStringLiteral("chunks")))
+        throw CheckFailed("chunks", QStringLiteral("the manifest's \"chunks\" is not {\"index\": URL, \"sha256\": "
+                                                   "64 hex digits, \"store\": URL}; launchers ignore it"));
 }
 
 // Lists and unpacks the archive into a temporary folder and checks what it holds.
-void checkContents(const ReleaseManifest& manifest, const QString& archive, const TrustedKeys& sealKeys) {
+void checkContents(const ReleaseManifest& manifest, const QString& archive, const TrustedKeys& sealKeys,
+                   const std::optional<ChunkIndex>& index) {
     QString listing;
     try {
         listing = runTar({QStringLiteral("-tzf"), archive});
@@ -106,6 +125,8 @@ void checkContents(const ReleaseManifest& manifest, const QString& archive, cons
         throw CheckFailed("executable", QStringLiteral("\"%1\" is not in the archive").arg(manifest.executable));
     if (manifest.platform == QLatin1String(ReleaseFiles::kLauncherPlatform))
         ReleaseCheck::checkLauncherBundle(staged, manifest.version, QStringLiteral("the manifest"), sealKeys);
+    if (index)
+        ChunkCheck::compareWithTree(*index, trial.path());
 }
 
 } // namespace
@@ -117,7 +138,7 @@ CheckFailed::CheckFailed(const std::string& check, const QString& reason)
 namespace ReleaseCheck {
 
 CheckedRelease check(const QString& manifestPath, const QString& archivePath,
-                     const ReleaseCheckKeys& keys) {
+                     const ReleaseCheckKeys& keys, const ReleaseChunkFiles& chunkFiles) {
     if (!QFileInfo(archivePath).isFile())
         throw CheckFailed("archive", archivePath + QStringLiteral(" is not a file"));
     CheckedRelease release;
@@ -138,12 +159,24 @@ CheckedRelease check(const QString& manifestPath, const QString& archivePath,
     }
     const ReleaseManifest& manifest = release.manifest;
     checkFields(manifest, archivePath);
+    checkChunksMember(bytes, manifest);
+    if (!manifest.chunks && (!chunkFiles.index.isEmpty() || !chunkFiles.store.isEmpty()))
+        throw CheckFailed("chunks", QStringLiteral("the manifest names no chunks"));
 
     const QString digest = ReleaseFiles::sha256OfFile(archivePath);
     if (manifest.sha256.toLower() != digest)
         throw CheckFailed("sha256", QStringLiteral("the archive's digest is %1, the manifest says \"%2\"")
                                         .arg(digest, manifest.sha256));
-    checkContents(manifest, archivePath, keys.seal);
+    if (manifest.chunks) {
+        release.indexPath = chunkFiles.index.isEmpty() ? QFileInfo(archivePath).absolutePath() + QLatin1Char('/') +
+                                                             manifest.chunks->index.fileName()
+                                                       : chunkFiles.index;
+        release.index = ChunkCheck::readIndex(*release.indexPath, *manifest.chunks);
+    }
+    checkContents(manifest, archivePath, keys.seal, release.index);
+    qint64 chunkCount = -1;
+    if (release.index && !chunkFiles.store.isEmpty())
+        chunkCount = ChunkCheck::checkStore(*release.index, chunkFiles.store);
 
     QStringList checks;
     if (release.signaturePath)
@@ -153,6 +186,10 @@ CheckedRelease check(const QString& manifestPath, const QString& archivePath,
     checks << QStringLiteral("digest") << QStringLiteral("listing") << QStringLiteral("executable");
     if (manifest.platform == QLatin1String(ReleaseFiles::kLauncherPlatform))
         checks << QStringLiteral("seal") << QStringLiteral("version");
+    if (release.index)
+        checks << QStringLiteral("chunk index");
+    if (chunkCount >= 0)
+        checks << QStringLiteral("%1 chunks").arg(chunkCount);
     release.checks = checks.join(QStringLiteral(", "));
     return release;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "update/ChunkIndex.h"
 #include "update/ReleaseManifest.h"
 #include "update/TrustedKeys.h"
 
@@ -23,6 +24,14 @@ struct ReleaseCheckKeys {
     TrustedKeys manifest;
 };
 
+// Where a release's chunks are checked from, when its manifest names chunks: the index (empty:
+// beside the archive, under the name its url gives) and the chunk store folder (empty: the
+// chunks are not checked).
+struct ReleaseChunkFiles {
+    QString index;
+    QString store;
+};
+
 // A release that passed every check.
 struct CheckedRelease {
     ReleaseManifest manifest;
@@ -30,6 +39,8 @@ struct CheckedRelease {
     QString archivePath;
     std::optional<QString> signaturePath; // MANIFEST.sig, when the manifest is signed
     std::optional<QDateTime> expires;     // the signed manifest's "expires"
+    std::optional<QString> indexPath;     // the chunk index, when the manifest names chunks
+    std::optional<ChunkIndex> index;      // and what it says
     QString checks;                       // what was checked, e.g. "digest, listing, executable"
 };
 
@@ -39,10 +50,12 @@ namespace ReleaseCheck {
 // its order: the signature MANIFEST.sig (required when `keys.manifest` is not empty, checked
 // whenever it is there), decoding, the "expires" of a signed manifest, the platform, a version
 // that can name a folder, an http(s) url, the digest, the listing, and after a trial extraction
-// the executable and, for a launcher, checkLauncherBundle. Throws CheckFailed, or UsageError when
-// a signature is there and no key can check it.
+// the executable and, for a launcher, checkLauncherBundle. When the manifest names chunks: the
+// index's digest and content against the unpacked archive and, with a store, every chunk (see
+// ChunkCheck). Throws CheckFailed, or UsageError when a signature is there and no key can check
+// it.
 CheckedRelease check(const QString& manifestPath, const QString& archivePath,
-                     const ReleaseCheckKeys& keys);
+                     const ReleaseCheckKeys& keys, const ReleaseChunkFiles& chunkFiles = {});
 
 // A launcher bundle's own checks: an executable Contents/MacOS/ZenthoLauncher, a seal by one of
 // `sealKeys` that matches every entry, and a Contents/Info.json that says `version`, the one

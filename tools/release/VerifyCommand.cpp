@@ -13,7 +13,7 @@ namespace {
 
 const char kUsage[] =
     "usage: zentho-release verify [--key PUBLIC_KEY]... [--manifest-key PUBLIC_KEY]...\n"
-    "                             MANIFEST ARCHIVE\n"
+    "                             [--index INDEX] [--chunks STORE_DIR] MANIFEST ARCHIVE\n"
     "\n"
     "Checks, in the launcher's order, that MANIFEST and ARCHIVE make a release the launcher\n"
     "accepts: MANIFEST.sig, when there or required, is an Ed25519 signature over the manifest's\n"
@@ -23,6 +23,11 @@ const char kUsage[] =
     "or has a \"..\" component; after a trial extraction into a temporary folder the executable\n"
     "is there, and for a launcher the bundle holds an executable Contents/MacOS/ZenthoLauncher,\n"
     "its seal is valid for a seal key and its Contents/Info.json says the manifest's version.\n"
+    "When the manifest names chunks (\"zentho-release pack --chunks\"): the chunk index (INDEX,\n"
+    "else the file beside ARCHIVE named as its url says) has the manifest's digest, passes the\n"
+    "launcher's strict reading, and lists exactly the unpacked archive's tree: paths, kinds,\n"
+    "modes, symlink targets, sizes, digests and chunk cuts; with --chunks every chunk it names\n"
+    "is in STORE_DIR, decompresses and matches its name and size.\n"
     "\n"
     "Seal keys are the --key files, else the keys this build's launcher trusts\n"
     "(ZENTHO_SIGNING_PUBLIC_KEY). Manifest keys are the --manifest-key files, else this build's\n"
@@ -30,7 +35,7 @@ const char kUsage[] =
     "Exit status 0 with one line \"ok: ...\"; 1 with one line naming the failed check.\n";
 
 int runVerify(const std::vector<std::string>& arguments) {
-    const ReleaseOptions options(arguments, {"--key", "--manifest-key"});
+    const ReleaseOptions options(arguments, {"--key", "--manifest-key", "--index", "--chunks"});
     const std::vector<std::string> sealKeys = options.all("--key");
     const std::vector<std::string> manifestKeys = options.all("--manifest-key");
     const std::vector<std::string> files = options.operands();
@@ -38,8 +43,10 @@ int runVerify(const std::vector<std::string>& arguments) {
         throw UsageError("give MANIFEST and ARCHIVE");
     const ReleaseCheckKeys keys{ReleaseKeys::chosen(sealKeys, ReleaseKeys::builtInSealKeys()),
                                 ReleaseKeys::chosen(manifestKeys, ReleaseKeys::builtInManifestKeys())};
+    const ReleaseChunkFiles chunkFiles{QString::fromStdString(options.one("--index").value_or(std::string())),
+                                       QString::fromStdString(options.one("--chunks").value_or(std::string()))};
     const CheckedRelease release = ReleaseCheck::check(QString::fromStdString(files.at(0)),
-                                                       QString::fromStdString(files.at(1)), keys);
+                                                       QString::fromStdString(files.at(1)), keys, chunkFiles);
     std::printf("ok: %s %s: %s checked\n", qPrintable(release.manifest.platform),
                 qPrintable(release.manifest.version), qPrintable(release.checks));
     return 0;

@@ -7,6 +7,8 @@
 #include <QJsonObject>
 #include <QJsonValue>
 
+#include <cctype>
+
 namespace {
 
 QString requiredString(const QJsonObject& object, const QString& key) {
@@ -28,6 +30,33 @@ QUrl requiredURL(const QJsonObject& object, const QString& key) {
         throw ManifestDecodingError(
             QStringLiteral("The manifest's \"%1\" is not a valid URL.").arg(key));
     return url;
+}
+
+bool isHexDigest(const QString& text) {
+    if (text.size() != 64)
+        return false;
+    for (const QChar c : text) {
+        if (c.unicode() > 0x7f || !std::isxdigit(c.unicode()))
+            return false;
+    }
+    return true;
+}
+
+// The "chunks" member when it is complete and well formed; nothing otherwise.
+std::optional<ReleaseChunks> optionalChunks(const QJsonObject& object) {
+    const QJsonValue value = object.value(QStringLiteral("chunks"));
+    if (!value.isObject())
+        return std::nullopt;
+    const QJsonObject chunks = value.toObject();
+    const auto url = [&chunks](const QString& key) {
+        const QJsonValue text = chunks.value(key);
+        return text.isString() && !text.toString().isEmpty() ? QUrl(text.toString(), QUrl::StrictMode) : QUrl();
+    };
+    ReleaseChunks result{url(QStringLiteral("index")), chunks.value(QStringLiteral("sha256")).toString(),
+                         url(QStringLiteral("store"))};
+    if (!result.index.isValid() || !result.store.isValid() || !isHexDigest(result.sha256))
+        return std::nullopt;
+    return result;
 }
 
 // One JSON string literal, quotes and escapes included.
@@ -53,6 +82,7 @@ ReleaseManifest ReleaseManifest::decode(const QByteArray& json) {
     manifest.url = requiredURL(object, QStringLiteral("url"));
     manifest.sha256 = requiredString(object, QStringLiteral("sha256"));
     manifest.executable = requiredString(object, QStringLiteral("executable"));
+    manifest.chunks = optionalChunks(object);
     return manifest;
 }
 
@@ -60,5 +90,9 @@ QByteArray ReleaseManifest::encode() const {
     return "{\"version\":" + jsonString(version) + ",\"platform\":" + jsonString(platform) +
            ",\"url\":" + jsonString(url.toString(QUrl::FullyEncoded)) +
            ",\"sha256\":" + jsonString(sha256) + ",\"executable\":" + jsonString(executable) +
+           (chunks ? ",\"chunks\":{\"index\":" + jsonString(chunks->index.toString(QUrl::FullyEncoded)) +
+                         ",\"sha256\":" + jsonString(chunks->sha256) +
+                         ",\"store\":" + jsonString(chunks->store.toString(QUrl::FullyEncoded)) + "}"
+                   : QByteArray()) +
            "}";
 }

@@ -4,6 +4,7 @@
 #include <QString>
 #include <QUrl>
 
+#include <optional>
 #include <stdexcept>
 
 // A manifest body that does not decode: not JSON, not an object, a required key missing or null,
@@ -15,6 +16,16 @@ public:
         : std::runtime_error(description.toStdString()) {}
 };
 
+// Where a release's build can also be fetched as chunks: the chunk index, its SHA-256 (64 hex
+// digits, either case) and the base address of the chunk store.
+struct ReleaseChunks {
+    QUrl index;
+    QString sha256;
+    QUrl store;
+
+    bool operator==(const ReleaseChunks&) const = default;
+};
+
 // One downloadable release as the release server describes it. The launcher only reads these.
 struct ReleaseManifest {
     QString version;
@@ -22,12 +33,16 @@ struct ReleaseManifest {
     QUrl url;         // the gzip tar archive
     QString sha256;   // 64 hex digits, either case
     QString executable;
+    // The optional member "chunks": {"index": URL, "sha256": HEX, "store": URL}. It never makes a
+    // manifest fail to decode: one that is malformed is left out, like any key not known here, and
+    // the release is then what the five keys say.
+    std::optional<ReleaseChunks> chunks = std::nullopt; // defaulted, so five-field initialisers stay complete
 
     // Decodes a whole response body. The five keys are required and read in field order (the
     // first failure is the one reported); other keys are ignored. Checks nothing beyond the JSON
     // types and that `url` parses. Throws ManifestDecodingError.
     static ReleaseManifest decode(const QByteArray& json);
-    // The same five keys in field order, `url` as a string.
+    // The same five keys in field order, `url` as a string, then "chunks" when there are chunks.
     QByteArray encode() const;
 
     bool operator==(const ReleaseManifest&) const = default;

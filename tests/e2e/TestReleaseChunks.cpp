@@ -1,0 +1,341 @@
+// zentho-release with a chunk store, used as a release engineer would: two releases packed into one
+// store, the second adding only what changed; verify checking the index and the chunks against
+// the archive, and failing on a damaged chunk or index; publish laying chunks and index out
+// before the manifest that names them; and the real launcher, which does not use chunks yet,
+// installing such a release from its archive as before.
+
+#include "LauncherBundles.h"
+#include "RealLauncher.h"
+#include "ReleaseTool.h"
+#include "StandinGames.h"
+#include "TestArchives.h"
+#include "TestFiles.h"
+#include "TestServer.h"
+
+#include "update/ChunkIndex.h"
+#include "update/ChunkStore.h"
+#include "update/ReleaseManifest.h"
+
+#include <QDir>
+#include <QDirIterator>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <sys/stat.h>
+
+using ReleaseTool::Run;
+
+namespace {
+
+const QString kBase = QStringLiteral("https://cdn.example.invalid/builds");
+const QString kStoreUrl = QStringLiteral("https://cdn.example.invalid/chunks");
+
+// Every chunk file in a store, relative to it, with its bytes.
+QMap<QString, QByteArray> storeContent(const QString& store) {
+    QMap<QString, QByteArray> files;
+    QDirIterator walk(store, QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    while (walk.hasNext()) {
+        const QString path = walk.next();
+        files.insert(QDir(store).relativeFilePath(path), TestFiles::readFile(path));
+    }
+    return files;
+}
+
+// The numbers of pack's "chunks: N (A new, R already in the store)" line.
+QList<qint64> chunkCounts(const Run& run) {
+    const QRegularExpressionMatch match =
+        QRegularExpression(QStringLiteral("^(\\d+) \\((\\d+) new, (\\d+) already in the store\\)$"))
+            .match(run.line(QStringLiteral("chunks")));
+    if (!match.hasMatch())
+        return {};
+    return {match.captured(1).toLongLong(), match.captured(2).toLongLong(), match.captured(3).toLongLong()};
+}
+
+qint64 newChunkBytes(const Run& run) {
+    return run.line(QStringLiteral("new chunk bytes")).section(QLatin1Char(' '), 0, 0).toLongLong();
+}
+
+} // namespace
+
+class TestReleaseChunks : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir* tmp_ = nullptr;
+
+    QString path(const QString& relative) const { return tmp_->filePath(relative); }
+    QString store() const { return path(QStringLiteral("store")); }
+
+    // Game 0.3.0: the stand-in as "zentho", eight files of 1 MiB that do not compress, text that
+    // does, a symlink and an empty folder: about 12 MiB.
+    QString makeRelease030() {
+        const QString source = path(QStringLiteral("game-0.3.0"));
+        TestFiles::makeFolder(source + QStringLiteral("/data/empty"));
+        QFile::copy(ReleaseTool::standinGame020(), source + QStringLiteral("/zentho"));
+        for (int i = 0; i < 8; ++i)
+            TestFiles::writeFile(source + QStringLiteral("/data/pack%1.bin").arg(i), TestFiles::randomBytes(1 << 20, quint32(i)));
+        QByteArray text;
+        for (int line = 0; text.size() < (3 << 20); ++line)
+            text += "level " + QByteArray::number(line) + ": spawn=" + QByteArray::number(line * 7 % 113) + "\n";
+        TestFiles::writeFile(source + QStringLiteral("/data/levels.txt"), text);
+        QFile::link(QStringLiteral("levels.txt"), source + QStringLiteral("/data/current"));
+        return source;
+    }
+
+    // Game 0.3.1: 0.3.0 with 16 KiB rewritten in the middle of two files and a new file of 300 KiB.
+    QString makeRelease031(const QString& from) {
+        const QString source = path(QStringLiteral("game-0.3.1"));
+        ReleaseTool::copyTree(from, source);
+        for (const QString& name : {QStringLiteral("pack2.bin"), QStringLiteral("pack5.bin")}) {
+            QFile file(source + QStringLiteral("/data/") + name);
+            if (!file.open(QIODevice::ReadWrite) || !file.seek(400000))
+                return {};
+            file.write(TestFiles::randomBytes(16384, 99));
+        }
+        TestFiles::writeFile(source + QStringLiteral("/data/patch.bin"), TestFiles::randomBytes(300000, 77));
+        return source;
+    }
+
+    Run packWithChunks(const QString& source, const QString& version, const QString& out,
+                       const QStringList& extra = {}) {
+        return ReleaseTool::packGame(source, version, kBase, out,
+                                     QStringList{QStringLiteral("--chunks"), store(), QStringLiteral("--chunks-url"), kStoreUrl} + extra);
+    }
+    Run verify(const Run& packed, const QStringList& extra = {}) {
+        return ReleaseTool::run(QStringList{QStringLiteral("verify")} + extra +
+                                QStringList{packed.line(QStringLiteral("manifest")), packed.line(QStringLiteral("archive"))});
+    }
+
+private slots:
+    void initTestCase() {
+        QVERIFY(RealLauncher::becomeSubreaper());
+        QVERIFY2(QFileInfo::exists(LauncherBundles::releaseTool()), "zentho-release is not built");
+        QVERIFY2(QFileInfo::exists(ReleaseTool::standinGame020()), "the 0.2.0 stand-in is not built");
+    }
+    void init() { tmp_ = new QTemporaryDir; }
+    void cleanup() { delete tmp_; }
+
+    void aSecondReleaseAddsOnlyTheChunksThatChanged() {
+        const QString source030 = makeRelease030();
+        const Run first = packWithChunks(source030, QStringLiteral("0.3.0"), path(QStringLiteral("out-0.3.0")));
+        QVERIFY2(first.ok(), first.errors.constData());
+        const QList<qint64> firstCounts = chunkCounts(first);
+        QCOMPARE(firstCounts.size(), 3);
+        QCOMPARE(firstCounts[1], firstCounts[0]);
+        QCOMPARE(firstCounts[2], qint64(0));
+        const QMap<QString, QByteArray> afterFirst = storeContent(store());
+        QCOMPARE(qint64(afterFirst.size()), firstCounts[0]);
+        qint64 stored = 0;
+        for (auto it = afterFirst.cbegin(); it != afterFirst.cend(); ++it) {
+            QVERIFY2(QRegularExpression(QStringLiteral("^([0-9a-f]{2})/\\1[0-9a-f]{62}\\.zst$")).match(it.key()).hasMatch(),
+                     qPrintable(it.key()));
+            stored += it.value().size();
+        }
+        QCOMPARE(newChunkBytes(first), stored);
+
+        // The index lies beside the archive and the manifest names it, its digest and the store.
+        const QString index = first.line(QStringLiteral("index"));
+        QCOMPARE(index, path(QStringLiteral("out-0.3.0/zentho-0.3.0-macos-arm64.chunks.json")));
+        const ReleaseManifest manifest = ReleaseManifest::decode(TestFiles::readFile(first.line(QStringLiteral("manifest"))));
+        QVERIFY(manifest.chunks.has_value());
+        QCOMPARE(manifest.chunks->index.toString(), kBase + QStringLiteral("/zentho-0.3.0-macos-arm64.chunks.json"));
+        QCOMPARE(manifest.chunks->sha256, TestArchives::sha256sum(index));
+        QCOMPARE(manifest.chunks->store.toString(), kStoreUrl);
+        const ChunkIndex read = ChunkIndex::decode(TestFiles::readFile(index));
+        QCOMPARE(read.chunking, kDefaultChunkSizes);
+        QCOMPARE(read.entries.size(), std::size_t(13));
+
+        // 0.3.1 changes 32 KiB of 12 MiB and adds 300 KiB: a handful of chunks, nothing else.
+        const QString source031 = makeRelease031(source030);
+        QVERIFY(!source031.isEmpty());
+        const Run second = packWithChunks(source031, QStringLiteral("0.3.1"), path(QStringLiteral("out-0.3.1")));
+        QVERIFY2(second.ok(), second.errors.constData());
+        const QList<qint64> secondCounts = chunkCounts(second);
+        QCOMPARE(secondCounts.size(), 3);
+        QVERIFY2(secondCounts[1] >= 3 && secondCounts[1] <= 8, second.output.constData());
+        QCOMPARE(secondCounts[1] + secondCounts[2], secondCounts[0]);
+        const qint64 archive031 = QFileInfo(second.line(QStringLiteral("archive"))).size();
+        QVERIFY2(newChunkBytes(second) * 5 < archive031, second.output.constData());
+
+        // The store kept every chunk of 0.3.0 as it was and gained exactly the new ones.
+        const QMap<QString, QByteArray> afterSecond = storeContent(store());
+        QCOMPARE(qint64(afterSecond.size()), firstCounts[0] + secondCounts[1]);
+        for (auto it = afterFirst.cbegin(); it != afterFirst.cend(); ++it)
+            QCOMPARE(afterSecond.value(it.key()), it.value());
+
+        for (const Run* packed : {&first, &second}) {
+            const Run checked = verify(*packed, {QStringLiteral("--chunks"), store()});
+            QVERIFY2(checked.ok(), checked.errors.constData());
+            QVERIFY2(checked.output.endsWith(", chunk index, " +
+                                             QByteArray::number(chunkCounts(*packed)[0]) + " chunks checked\n"),
+                     checked.output.constData());
+        }
+        // Without the store, the index is still checked against the archive.
+        const Run indexOnly = verify(second);
+        QVERIFY2(indexOnly.ok() && indexOnly.output.endsWith("executable, chunk index checked\n"), indexOnly.output.constData());
+    }
+
+    void verifyFailsOnADamagedChunkOrIndex() {
+        const Run packed = packWithChunks(makeRelease030(), QStringLiteral("0.3.0"), path(QStringLiteral("out")));
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        const QString index = packed.line(QStringLiteral("index"));
+        QVERIFY(verify(packed, {QStringLiteral("--chunks"), store()}).ok());
+
+        // One flipped byte in one chunk of the store.
+        const QMap<QString, QByteArray> chunks = storeContent(store());
+        const QString damaged = store() + QLatin1Char('/') + chunks.lastKey();
+        const QByteArray good = chunks.last();
+        ReleaseTool::flipOneByte(damaged);
+        Run checked = verify(packed, {QStringLiteral("--chunks"), store()});
+        QVERIFY2(checked.failedWithOneLine(), checked.errors.constData());
+        QVERIFY2(checked.errors.startsWith("zentho-release verify: chunks: " + QFile::encodeName(damaged)), checked.errors.constData());
+        // A missing chunk is named too.
+        QVERIFY(QFile::remove(damaged));
+        checked = verify(packed, {QStringLiteral("--chunks"), store()});
+        QVERIFY2(checked.failedWithOneLine() && checked.errors.contains("cannot be read"), checked.errors.constData());
+        TestFiles::writeFile(damaged, good);
+        QVERIFY(verify(packed, {QStringLiteral("--chunks"), store()}).ok());
+
+        // An index changed after packing no longer has the manifest's digest.
+        const QByteArray original = TestFiles::readFile(index);
+        QByteArray edited = original;
+        edited.replace("\"mode\":493", "\"mode\":511");
+        QVERIFY(edited != original);
+        TestFiles::writeFile(index, edited);
+        checked = verify(packed);
+        QVERIFY2(checked.failedWithOneLine() && checked.errors.contains("verify: index: the index's digest is"),
+                 checked.errors.constData());
+
+        // An index with the manifest's digest that says something else than the archive.
+        const QString manifestPath = packed.line(QStringLiteral("manifest"));
+        const QByteArray manifest = TestFiles::readFile(manifestPath);
+        QByteArray lying = original;
+        lying.replace("{\"path\":\"data/current\",\"kind\":\"symlink\",\"target\":\"levels.txt\"}",
+                      "{\"path\":\"data/current\",\"kind\":\"symlink\",\"target\":\"pack0.bin\"}");
+        QVERIFY(lying != original);
+        TestFiles::writeFile(index, lying);
+        QByteArray relinked = manifest;
+        relinked.replace(ReleaseManifest::decode(manifest).chunks->sha256.toUtf8(), TestArchives::sha256sum(index).toUtf8());
+        TestFiles::writeFile(manifestPath, relinked);
+        checked = verify(packed);
+        QVERIFY2(checked.failedWithOneLine() &&
+                     checked.errors.contains("index: \"data/current\" points to \"pack0.bin\" in the index and to \"levels.txt\" in the archive"),
+                 checked.errors.constData());
+
+        // Back as packed, it passes again: the failures were the damage, not the release.
+        TestFiles::writeFile(index, original);
+        TestFiles::writeFile(manifestPath, manifest);
+        QVERIFY(verify(packed, {QStringLiteral("--chunks"), store()}).ok());
+    }
+
+    void publishLaysOutChunksAndIndexBeforeTheManifest() {
+        const QString source030 = makeRelease030();
+        const Run first = packWithChunks(source030, QStringLiteral("0.3.0"), path(QStringLiteral("out-0.3.0")));
+        QVERIFY2(first.ok(), first.errors.constData());
+        const QString www = path(QStringLiteral("www"));
+
+        // A release with chunks is not published without its store.
+        const Run withoutStore = ReleaseTool::run({QStringLiteral("publish"), QStringLiteral("--to"), www,
+                                                   first.line(QStringLiteral("manifest"))});
+        QCOMPARE(withoutStore.exitCode, 2);
+        QVERIFY(!QFileInfo::exists(www));
+
+        const Run published = ReleaseTool::run({QStringLiteral("publish"), QStringLiteral("--to"), www, QStringLiteral("--chunks"),
+                                                store(), first.line(QStringLiteral("manifest"))});
+        QVERIFY2(published.ok(), published.errors.constData());
+        const qint64 count = chunkCounts(first)[0];
+        QCOMPARE(published.output, "chunks: " + QFile::encodeName(www) + "/chunks (" + QByteArray::number(count) +
+                                       " copied, 0 kept)\nindex: " + QFile::encodeName(www) +
+                                       "/builds/zentho-0.3.0-macos-arm64.chunks.json\narchive: " + QFile::encodeName(www) +
+                                       "/builds/zentho-0.3.0-macos-arm64.tar.gz\nmanifest: " + QFile::encodeName(www) +
+                                       "/release/macos-arm64-manifest.json\n");
+        QCOMPARE(storeContent(www + QStringLiteral("/chunks")), storeContent(store()));
+        QCOMPARE(TestFiles::readFile(www + QStringLiteral("/builds/zentho-0.3.0-macos-arm64.chunks.json")),
+                 TestFiles::readFile(first.line(QStringLiteral("index"))));
+
+        // The next release copies only its new chunks and keeps the rest.
+        const QString source031 = makeRelease031(source030);
+        const Run second = packWithChunks(source031, QStringLiteral("0.3.1"), path(QStringLiteral("out-0.3.1")));
+        QVERIFY2(second.ok(), second.errors.constData());
+        const Run again = ReleaseTool::run({QStringLiteral("publish"), QStringLiteral("--to"), www, QStringLiteral("--chunks"),
+                                            store(), second.line(QStringLiteral("manifest"))});
+        QVERIFY2(again.ok(), again.errors.constData());
+        QCOMPARE(again.line(QStringLiteral("chunks")),
+                 www + QStringLiteral("/chunks (%1 copied, %2 kept)").arg(chunkCounts(second)[1]).arg(chunkCounts(second)[2]));
+        QCOMPARE(storeContent(www + QStringLiteral("/chunks")), storeContent(store()));
+        QVERIFY(QFileInfo::exists(www + QStringLiteral("/builds/zentho-0.3.0-macos-arm64.chunks.json")));
+    }
+
+    void aReleaseWithChunksIsInstalledFromItsArchiveByTheRealLauncher() {
+        TestServer server;
+        const QString www = server.documentRoot();
+        const Run packed = ReleaseTool::packGame(
+            makeRelease030(), QStringLiteral("0.3.0"), server.url(QStringLiteral("/builds")).toString(), path(QStringLiteral("out")),
+            {QStringLiteral("--chunks"), store(), QStringLiteral("--chunks-url"), server.url(QStringLiteral("/chunks")).toString()});
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        const Run published = ReleaseTool::run({QStringLiteral("publish"), QStringLiteral("--to"), www, QStringLiteral("--chunks"),
+                                                store(), packed.line(QStringLiteral("manifest"))});
+        QVERIFY2(published.ok(), published.errors.constData());
+        QVERIFY(ReleaseManifest::decode(TestFiles::readFile(www + QStringLiteral("/release/macos-arm64-manifest.json"))).chunks);
+
+        const QString data = path(QStringLiteral("data"));
+        const QString record = path(QStringLiteral("record"));
+        RealLauncher launcher(LauncherBundles::builtBundle(), data);
+        launcher.useManifests(server.url(QStringLiteral("/release/macos-arm64-manifest.json")).toString(),
+                              QStringLiteral("file:///dev/null/no-launcher-manifest.json"));
+        launcher.recordGameStartIn(record);
+        launcher.start(server, QStringLiteral("zentho://invite/chunks"));
+        QCOMPARE(launcher.waitForExit(), std::optional<int>(0));
+
+        const QByteArray recorded = RealLauncher::waitForGameRecord(record);
+        const QString installed = data + QStringLiteral("/Zentho/launcher/versions/0.3.0");
+        QVERIFY2(recorded.contains("\ncwd=" + QFile::encodeName(installed) + "\n"), (recorded + launcher.errors()).constData());
+        QCOMPARE(TestFiles::readFile(installed + QStringLiteral("/data/levels.txt")),
+                 TestFiles::readFile(path(QStringLiteral("game-0.3.0/data/levels.txt"))));
+        RealLauncher::terminateAndCollect(RealLauncher::recordedPid(recorded));
+    }
+
+    void packRefusesChunksItCannotMakeRight() {
+        const QString source = makeRelease030();
+        // The two options go together, and only for the game.
+        Run refused = ReleaseTool::packGame(source, QStringLiteral("0.3.0"), kBase, path(QStringLiteral("out")),
+                                            {QStringLiteral("--chunks"), store()});
+        QCOMPARE(refused.exitCode, 2);
+        refused = ReleaseTool::packGame(source, QStringLiteral("0.3.0"), kBase, path(QStringLiteral("out")),
+                                        {QStringLiteral("--chunks"), store(), QStringLiteral("--chunks-url"),
+                                         QStringLiteral("ftp://cdn.example.invalid/chunks")});
+        QCOMPARE(refused.exitCode, 2);
+        // A store inside the build would change the build while it is cut.
+        refused = ReleaseTool::packGame(source, QStringLiteral("0.3.0"), kBase, path(QStringLiteral("out")),
+                                        {QStringLiteral("--chunks"), source + QStringLiteral("/store"),
+                                         QStringLiteral("--chunks-url"), kStoreUrl});
+        QCOMPARE(refused.exitCode, 2);
+        QVERIFY(!QFileInfo::exists(source + QStringLiteral("/store")));
+        // A setuid file is refused, as launchers would refuse the index that holds it.
+        ::chmod(QFile::encodeName(source + QStringLiteral("/zentho")).constData(), 04755);
+        refused = packWithChunks(source, QStringLiteral("0.3.0"), path(QStringLiteral("out")));
+        QVERIFY2(refused.failedWithOneLine() && refused.errors.contains("\"zentho\" has a setuid"), refused.errors.constData());
+        QVERIFY(!QFileInfo::exists(path(QStringLiteral("out/macos-arm64-manifest.json"))));
+        // The same build without the bit packs.
+        ::chmod(QFile::encodeName(source + QStringLiteral("/zentho")).constData(), 0755);
+        const Run packed = packWithChunks(source, QStringLiteral("0.3.0"), path(QStringLiteral("out")), {QStringLiteral("--force")});
+        QVERIFY2(packed.ok(), packed.errors.constData());
+    }
+
+    void aDryRunCountsTheChunksAndWritesNone() {
+        const QString source = makeRelease030();
+        const Run dry = packWithChunks(source, QStringLiteral("0.3.0"), path(QStringLiteral("out")), {QStringLiteral("--dry-run")});
+        QVERIFY2(dry.ok(), dry.errors.constData());
+        QVERIFY(!QFileInfo::exists(store()));
+        QVERIFY(!QFileInfo::exists(path(QStringLiteral("out"))));
+        const Run real = packWithChunks(source, QStringLiteral("0.3.0"), path(QStringLiteral("out")));
+        QVERIFY2(real.ok(), real.errors.constData());
+        for (const QString& key : {QStringLiteral("index sha256"), QStringLiteral("chunks"), QStringLiteral("new chunk bytes")})
+            QCOMPARE(dry.line(key), real.line(key));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestReleaseChunks)
+#include "TestReleaseChunks.moc"

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "update/ChunkIndex.h"
+#include "update/ReleaseManifest.h"
+
+#include <QString>
+
+// The checks of a release's chunks, as a launcher that installs from them depends on: the index
+// the manifest names, the tree it describes and the chunks in the store. Each failure is a
+// CheckFailed naming "index" or "chunks".
+namespace ChunkCheck {
+
+// The index at `path`, whose SHA-256 must be the one `chunks` gives and which must pass the
+// launcher's own strict reading.
+ChunkIndex readIndex(const QString& path, const ReleaseChunks& chunks);
+
+// The index must describe the unpacked build at `folder` exactly: the same entries in the same
+// order, kinds, symlink targets, sizes, digests and chunk cuts, and the same modes as far as the
+// unpacking process's umask lets them show.
+void compareWithTree(const ChunkIndex& index, const QString& folder);
+
+// Every chunk the index names must be in the store folder `store`, decode and match its name
+// and size. Returns how many distinct chunks were checked.
+qint64 checkStore(const ChunkIndex& index, const QString& store);
+
+} // namespace ChunkCheck

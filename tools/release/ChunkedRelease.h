@@ -1,0 +1,25 @@
+#pragma once
+
+#include "update/ChunkIndex.h"
+
+#include <QByteArray>
+#include <QString>
+
+// A build cut into chunks for a chunk store: the index that describes it and what it added to
+// the store.
+struct ChunkedRelease {
+    ChunkIndex index;
+    QByteArray json;     // the index as written
+    QString sha256;      // of `json`
+    qint64 chunks = 0;   // distinct chunks in the build
+    qint64 added = 0;    // of those, chunks the store did not hold yet
+    qint64 addedBytes = 0; // their size in the store, compressed
+    qint64 buildBytes = 0; // every file's bytes, uncompressed
+
+    // Cuts every file below `source` (already vetted by ReleaseTree) into chunks of `sizes`
+    // and writes each chunk that `store` lacks as STORE/ab/<sha256>.zst, under a hidden name
+    // renamed into place so a store is never left with half a chunk. A dry run writes nothing
+    // and counts the same. The index must read back as written: what a launcher would refuse
+    // (a setuid mode, say) is refused here. Throws std::runtime_error.
+    static ChunkedRelease make(const QString& source, const QString& store, const ChunkSizes& sizes, bool dryRun);
+};
