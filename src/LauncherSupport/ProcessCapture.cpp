@@ -31,6 +31,12 @@ public:
     }
     // Once the child has been set up, the file is ours to delete whatever happens next.
     void armRemoval() { removeOnRelease_ = true; }
+    // Takes the name off the disk now; the descriptor still reads and writes the file.
+    void removeNow() {
+        if (!path_.empty())
+            ::unlink(path_.c_str());
+        path_.clear();
+    }
     int fd() const { return fd_; }
 
     void sync() const {
@@ -208,6 +214,12 @@ Running start(const std::string& executable, const std::vector<std::string>& arg
     argv.push_back(nullptr);
 
     state->pid = spawnTiedToParent(executable, argv, state->out.fd(), state->err.fd(), standardInput);
+    // A child fed through a pipe runs as long as a download does, so a launcher killed meanwhile
+    // must not leave its capture files behind: both are read through their descriptors only.
+    if (standardInput >= 0) {
+        state->out.removeNow();
+        state->err.removeNow();
+    }
     return Running(std::move(state));
 }
 

@@ -58,7 +58,8 @@ private:
 // Starts `executable` (an absolute path) with `arguments` (the program name is not prepended).
 // The child inherits environment, working folder and, unless `standardInput` names a descriptor
 // to read instead, standard input. Output goes through two temporary files named with one shared
-// UUID, which are removed on every path once the child has been started. Throws FileWriteError
+// UUID, which are removed on every path once the child has been started (at once when it reads
+// from `standardInput`). Throws FileWriteError
 // when the temporary files cannot be made, and std::system_error when the child cannot be
 // started.
 Running start(const std::string& executable, const std::vector<std::string>& arguments,
