@@ -103,7 +103,7 @@ QCoro::Task<void> GameInstaller::unpackAndPlace(DownloadedFile archive, Streamed
                                                   QStringLiteral("staging-") +
                                                       QString::fromStdString(makeUpperUuid())));
     {
-        // The temporary archive is only needed by the two tar runs; it goes right after them,
+        // The downloaded archive is only needed by the two tar runs; it goes right after them,
         // before the build is moved into place, so a large download never lingers. Nothing is
         // unpacked before the whole listing has passed the rule.
         DownloadedFile download = std::move(archive);
