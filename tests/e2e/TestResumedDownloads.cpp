@@ -153,6 +153,16 @@ class TestResumedDownloads : public QObject {
         return parts.isEmpty() ? 0
                                : QFileInfo(downloads() + QLatin1Char('/') + parts.first()).size();
     }
+    // The second attempt asked for the rest after the `kept` bytes, was sent the whole file of
+    // `size` bytes instead, and took it from the start.
+    void verifyStartedOver(const QString& archivePath, qint64 kept, qint64 size) {
+        const QList<TestServer::Served> served = server_->servedFor(archivePath);
+        QCOMPARE(served.size(), 2);
+        QCOMPARE(served[1].range, QStringLiteral("bytes=%1-").arg(kept));
+        QCOMPARE(served[1].status, 200);
+        QCOMPARE(served[1].bytes, size);
+        verifyNothingLeft();
+    }
     // Nothing of a download left in the storage or the temporary folder.
     void verifyNothingLeft() {
         QVERIFY2(
@@ -221,12 +231,7 @@ private slots:
 
         std::unique_ptr<RealLauncher> second = launcher(manifest);
         QCOMPARE(press(*second), build(kNew));
-        const QList<TestServer::Served> served = server_->servedFor(archivePath);
-        QCOMPARE(served.size(), 2);
-        QCOMPARE(served[1].range, QStringLiteral("bytes=%1-").arg(kept));
-        QCOMPARE(served[1].status, 200);
-        QCOMPARE(served[1].bytes, archive.size());
-        verifyNothingLeft();
+        verifyStartedOver(archivePath, kept, archive.size());
     }
 
     // The archive was wrong when the first attempt took half of it, and has been replaced since
@@ -251,12 +256,7 @@ private slots:
 
         std::unique_ptr<RealLauncher> second = launcher(manifest);
         QCOMPARE(press(*second), build(kNew));
-        const QList<TestServer::Served> served = server_->servedFor(archivePath);
-        QCOMPARE(served.size(), 2);
-        QCOMPARE(served[1].range, QStringLiteral("bytes=%1-").arg(kept));
-        QCOMPARE(served[1].status, 200);
-        QCOMPARE(served[1].bytes, good.size());
-        verifyNothingLeft();
+        verifyStartedOver(archivePath, kept, good.size());
     }
 
     // A connection cut in the middle of the body is resumed at once, in the same attempt.
