@@ -1,3 +1,4 @@
+#include "ResidentMemory.h"
 #include "TestArchives.h"
 #include "TestFiles.h"
 
@@ -114,6 +115,23 @@ private slots:
         InflatedTarRun spoiled(kTar, {"-tf", "-", "--occurrence=1", "zentho"});
         spoiled.finishFrom(broken.toStdString());
         QVERIFY(!spoiled.wait().clean);
+    }
+
+    // Bytes that are not gzip end the run at once; an endless body that keeps arriving after that
+    // must not pile up in memory waiting for a reader that is gone.
+    void bytesAfterTheRunGaveUpAreNotKept() {
+        InflatedTarRun run(kTar, {"-tf", "-"});
+        const QByteArray blanks(64 * 1024, ' ');
+        run.append(blanks.constData(), std::size_t(blanks.size()));
+        QTRY_VERIFY_WITH_TIMEOUT(run.outcome().has_value(), 10000);
+        QVERIFY(!run.outcome()->clean);
+        const long before = ResidentMemory::currentKiB();
+        for (std::size_t appended = 0; appended < InflatedTarRun::maximumQueuedBytes - blanks.size();
+             appended += std::size_t(blanks.size()))
+            run.append(blanks.constData(), std::size_t(blanks.size()));
+        const long grown = ResidentMemory::currentKiB() - before;
+        qInfo("grown %ld KiB", grown);
+        QVERIFY2(before > 0 && grown < 4 * 1024, qPrintable(QStringLiteral("%1 KiB").arg(grown)));
     }
 
     void failingTarIsNotClean() {

@@ -236,6 +236,14 @@ void InflatedTarRun::feed() {
     }
 
     const bool clean = fed && gzip.complete() && !s.stopping;
+    {
+        // Nothing reads the queue any more: what waits there, and whatever is still appended,
+        // would only hold memory while an endless body keeps arriving.
+        std::lock_guard lock(s.mutex);
+        s.dropping = true;
+        s.chunks.clear();
+        s.queuedBytes = 0;
+    }
     closeDescriptor(s.input); // tar sees the end of its input
     if (!clean)
         s.killTar(); // its result will not be used, so it need not go on
