@@ -2,52 +2,29 @@
 
 #include "errors/LauncherError.h"
 #include "platform/FileManager.h"
+#include "storage/BuildIndexes.h"
+#include "storage/ChunkCache.h"
 #include "storage/InstalledState.h"
 #include "storage/StaleWork.h"
 #include "storage/StorageLock.h"
 #include "update/Archive.h"
 #include "update/ArchiveExtraction.h"
+#include "update/ChunkAssembly.h"
+#include "update/ChunkDownload.h"
+#include "update/ChunkedInstall.h"
+#include "update/FreeSpace.h"
+#include "update/HttpClient.h"
 #include "update/ManifestFetch.h"
+#include "update/StagingFolder.h"
 #include "update/StreamedListing.h"
 #include "update/VerifiedDownload.h"
+#include "update/WorkerThread.h"
 
 #include <Uuid.h>
 
+#include <QDebug>
+
 namespace {
-
-// A staging folder that removes itself, with whatever was unpacked into it, on every way out
-// until it has been renamed into place. A failed removal is not worth masking the error that
-// got us here, so it is ignored.
-class StagingFolder {
-public:
-    StagingFolder(const FileManager& files, QString path) : files_(files), path_(std::move(path)) {
-        files_.createDirectory(path_);
-        armed_ = true;
-    }
-    StagingFolder(const StagingFolder&) = delete;
-    StagingFolder& operator=(const StagingFolder&) = delete;
-    ~StagingFolder() {
-        if (!armed_)
-            return;
-        try {
-            files_.removeItem(path_);
-        } catch (...) {
-        }
-    }
-
-    const QString& path() const { return path_; }
-    // Renames the folder to `destination`, which must not exist yet; after that there is
-    // nothing left to clean up.
-    void moveTo(const QString& destination) {
-        files_.moveItem(path_, destination);
-        armed_ = false;
-    }
-
-private:
-    const FileManager& files_;
-    QString path_;
-    bool armed_ = false;
-};
 
 QString appendComponent(const QString& folder, const QString& name) {
     return folder + QLatin1Char('/') + name;
@@ -85,23 +62,91 @@ QCoro::Task<QString> GameInstaller::install(ReleaseManifest manifest) {
 
 QCoro::Task<void> GameInstaller::downloadAndPlace(ReleaseManifest manifest, QString installFolder) {
     reportStatus_(downloadingStatus());
-    // Listed while it arrives, so the listing is ready about when the digest is; nothing of it is
-    // trusted until the digest has matched.
-    StreamedListing listing;
-    // Named, not a braced temporary in the co_await: g++ 12 destroys such a temporary twice.
-    const ArchiveDownload where{locations_.launcherRoot, ManifestKind::game().platform, &listing,
-                                downloadObserver_};
-    DownloadedFile archive = co_await downloadVerifiedArchive(manifest.url, manifest.sha256, where);
+    // A release that also comes as chunks is put together from the builds already here and the
+    // chunks they lack; whatever goes wrong on that way, the archive installs the release as
+    // always.
+    std::optional<FetchedChunkIndex> chunkIndex;
+    bool placed = false;
+    if (manifest.chunks) {
+        chunkIndex = co_await fetchChunkIndexOrNothing(*manifest.chunks);
+        if (chunkIndex)
+            placed = co_await placeFromChunks(*chunkIndex, manifest.chunks->store, manifest.executable,
+                                              installFolder);
+    }
 
-    reportStatus_(installingStatus());
-    co_await unpackAndPlace(std::move(archive), listing, manifest.executable, installFolder);
+    if (!placed) {
+        // Listed while it arrives, so the listing is ready about when the digest is; nothing of it
+        // is trusted until the digest has matched.
+        StreamedListing listing;
+        // Named, not a braced temporary in the co_await: g++ 12 destroys such a temporary twice.
+        const ArchiveDownload where{locations_.launcherRoot, ManifestKind::game().platform, &listing,
+                                    downloadObserver_};
+        DownloadedFile archive = co_await downloadVerifiedArchive(manifest.url, manifest.sha256, where);
+
+        reportStatus_(installingStatus());
+        co_await unpackAndPlace(std::move(archive), listing, manifest.executable, installFolder);
+    }
+
+    if (chunkIndex) {
+        // The chunks kept for this build are in it now, and its index tells the next update where.
+        ChunkCache(locations_.launcherRoot).clear();
+        BuildIndexes(locations_.launcherRoot).write(installFolder, chunkIndex->bytes);
+    }
+}
+
+QCoro::Task<std::optional<FetchedChunkIndex>> GameInstaller::fetchChunkIndexOrNothing(ReleaseChunks chunks) {
+    try {
+        co_return co_await fetchChunkIndex(HttpClient::shared(), chunks);
+    } catch (const std::exception& error) {
+        qWarning().noquote() << "The release's chunk index is not usable, so its archive is downloaded:"
+                             << error.what();
+    }
+    co_return std::nullopt;
+}
+
+QCoro::Task<bool> GameInstaller::placeFromChunks(const FetchedChunkIndex& release, QUrl store,
+                                                 QString executable, QString installFolder) {
+    HttpClient& client = HttpClient::shared();
+    const ChunkIndex& index = release.index;
+    const ChunkCache cache(locations_.launcherRoot);
+    try {
+        cache.trimTo(client.limits().chunkCacheBytes);
+        const QString current = InstalledState::read(files_, locations_.statePath, {}).path;
+        const std::vector<SeedBuild> seeds =
+            seedBuilds(files_, locations_.launcherRoot, locations_.versionsRoot, current);
+        ChunkPlan plan = co_await onWorkerThread([&] { return planChunks(index, cache, seeds); });
+        const BuildIndexes keptIndexes(locations_.launcherRoot);
+        for (const auto& [folder, made] : plan.madeIndexes)
+            keptIndexes.write(folder, made.encode());
+        if (!chunksArePaying(plan, client.limits().chunkCacheBytes))
+            co_return false;
+
+        FreeSpace::require({{locations_.launcherRoot, plan.missingBytes + buildBytes(index)}},
+                           client.limits().freeSpaceReserve);
+        ChunkDownload download{store, plan.missing, plan.keptBytes, downloadObserver_};
+        co_await downloadChunks(client, std::move(download), cache);
+        for (const ChunkRef& chunk : plan.missing)
+            plan.found.insert(chunk.sha256, ChunkLocation{cache.pathOf(chunk.sha256), 0});
+
+        reportStatus_(installingStatus());
+        StagingFolder staging(files_, newStagingPath());
+        co_await onWorkerThread([&] { assembleBuild(index, plan.found, staging.path()); });
+        placeStaged(staging, executable, installFolder);
+        co_return true;
+    } catch (const std::exception& error) {
+        qWarning().noquote() << "Installing from chunks failed, so the archive is downloaded:" << error.what();
+    }
+    co_return false;
+}
+
+QString GameInstaller::newStagingPath() const {
+    return appendComponent(locations_.launcherRoot,
+                           QStringLiteral("staging-") + QString::fromStdString(makeUpperUuid()));
 }
 
 QCoro::Task<void> GameInstaller::unpackAndPlace(DownloadedFile archive, StreamedListing& listing,
                                                 QString executable, QString installFolder) {
-    StagingFolder staging(files_, appendComponent(locations_.launcherRoot,
-                                                  QStringLiteral("staging-") +
-                                                      QString::fromStdString(makeUpperUuid())));
+    StagingFolder staging(files_, newStagingPath());
     {
         // The downloaded archive is only needed by the two tar runs; it goes right after them,
         // before the build is moved into place, so a large download never lingers. Nothing is
@@ -110,7 +155,10 @@ QCoro::Task<void> GameInstaller::unpackAndPlace(DownloadedFile archive, Streamed
         checkArchiveListing(co_await listing.listingOf(download.path()));
         co_await extractArchive(files_, download.path(), staging.path());
     }
+    placeStaged(staging, executable, installFolder);
+}
 
+void GameInstaller::placeStaged(StagingFolder& staging, const QString& executable, const QString& installFolder) const {
     // Only a plain file of the build itself can be the game: a link out of the staging folder
     // would have the permission change below land on a file that is not ours, and a folder or
     // a device recorded as current would block every later start.

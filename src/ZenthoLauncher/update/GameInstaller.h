@@ -1,5 +1,6 @@
 #pragma once
 
+#include "update/ChunkedInstall.h"
 #include "update/ReleaseManifest.h"
 
 #include <QString>
@@ -7,16 +8,22 @@
 #include <QCoroTask>
 
 #include <functional>
+#include <optional>
 
 class DownloadObserver;
 class DownloadedFile;
 class FileManager;
+class StagingFolder;
 class StreamedListing;
 
 // Turns one game release into an installed, recorded build: download, verify the digest, list
 // and vet the archive, unpack it into a private staging folder, make the executable runnable,
-// rename the staging folder into the versions folder and record the build as current. A failure
-// anywhere before the rename leaves the versions folder and the state file as they were.
+// rename the staging folder into the versions folder and record the build as current. A release
+// that also comes as chunks is first tried that way: its checked index, the chunks the saved
+// builds and earlier tries already hold, the missing ones fetched and checked, the build written
+// and checked file by file into the staging folder; any failure there leaves the archive to do
+// the install. A failure anywhere before the rename leaves the versions folder and the state file
+// as they were.
 class GameInstaller {
 public:
     struct Locations {
@@ -45,11 +52,20 @@ public:
 
 private:
     QCoro::Task<void> downloadAndPlace(ReleaseManifest manifest, QString installFolder);
+    // The release's chunk index, or nothing when it cannot be had or used.
+    QCoro::Task<std::optional<FetchedChunkIndex>> fetchChunkIndexOrNothing(ReleaseChunks chunks);
+    // Puts the build together from chunks and renames it to `installFolder`; false, with nothing
+    // placed, when that does not pay or fails, for whatever reason.
+    QCoro::Task<bool> placeFromChunks(const FetchedChunkIndex& release, QUrl store, QString executable,
+                                      QString installFolder);
     // Stages `archive`, whose body `listing` saw, and renames the staging folder to
     // `installFolder`; consumes the download, whose temporary file goes as soon as tar has
     // finished reading it.
     QCoro::Task<void> unpackAndPlace(DownloadedFile archive, StreamedListing& listing,
                                      QString executable, QString installFolder);
+    // Makes the staged executable runnable and renames `staging` to `installFolder`.
+    void placeStaged(StagingFolder& staging, const QString& executable, const QString& installFolder) const;
+    QString newStagingPath() const;
 
     const FileManager& files_;
     Locations locations_;

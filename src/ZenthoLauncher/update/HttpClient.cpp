@@ -144,12 +144,22 @@ HttpClient& HttpClient::shared() {
 QCoro::Task<HttpResponse> HttpClient::data(QUrl url) {
     const qint64 cap = limits_.maximumManifestBytes;
     const QString tooLarge = QStringLiteral("The manifest is larger than %1.").arg(sizeText(cap));
+    co_return co_await fetch(url, cap, limits_.manifest, tooLarge);
+}
+
+QCoro::Task<HttpResponse> HttpClient::capped(QUrl url, qint64 maximumBytes) {
+    const QString tooLarge = QStringLiteral("The answer is larger than %1.").arg(sizeText(maximumBytes));
+    co_return co_await fetch(url, maximumBytes, limits_.download, tooLarge);
+}
+
+QCoro::Task<HttpResponse> HttpClient::fetch(QUrl url, qint64 cap, TransferWatchdog::Limits limits,
+                                            QString tooLarge) {
     QByteArray body;
 
     UnreachableHosts::refuseKnown(url);
     ReplyPtr reply(manager().get(requestFor(url)));
     reply->setReadBufferSize(readBufferSize);
-    auto* const watchdog = new TransferWatchdog(reply.get(), limits_.manifest);
+    auto* const watchdog = new TransferWatchdog(reply.get(), limits);
     QNetworkReply* const raw = reply.get();
     const auto take = [&, raw] {
         if (!collect(*raw, body, cap))

@@ -64,6 +64,9 @@ public:
     // One GET of `url` into memory: a manifest. Its body is capped and the whole fetch has a
     // deadline.
     QCoro::Task<HttpResponse> data(QUrl url);
+    // One GET of `url` into memory with the download limits and a body of at most `maximumBytes`:
+    // a chunk index or a chunk.
+    QCoro::Task<HttpResponse> capped(QUrl url, qint64 maximumBytes);
     // One GET of `url` with `headers` whose body streams into `receiver`: an archive. It stops
     // when the body outgrows its Content-Length; the receiver keeps to the free-space reserve.
     QCoro::Task<ResponseHead> stream(QUrl url, RequestHeaders headers, BodyReceiver& receiver);
@@ -71,5 +74,7 @@ public:
     const TransferLimits& limits() const { return limits_; }
 
 private:
+    QCoro::Task<HttpResponse> fetch(QUrl url, qint64 cap, TransferWatchdog::Limits limits, QString tooLarge);
+
     TransferLimits limits_;
 };

@@ -20,6 +20,12 @@ struct TransferLimits {
     // on writing their logs and caches while the launcher fails cleanly, small next to any disk
     // a game is installed on.
     static constexpr qint64 defaultFreeSpaceReserve = qint64(64) * 1024 * 1024;
+    // Chunks of an update kept between attempts take at most this; an update that would need more
+    // comes as its archive instead, which streams and installs at once.
+    static constexpr qint64 defaultChunkCacheBytes = qint64(1) << 30;
+    // Chunks are small: a few requests in flight keep a link busy where one would wait on each
+    // round trip, and a server sees no more connections than a browser opens.
+    static constexpr int defaultParallelChunks = 6;
 
     // Archives keep the throughput floor and no overall deadline: slow links must work.
     TransferWatchdog::Limits download{};
@@ -30,4 +36,6 @@ struct TransferLimits {
     }();
     qint64 maximumManifestBytes = defaultMaximumManifestBytes;
     qint64 freeSpaceReserve = defaultFreeSpaceReserve;
+    qint64 chunkCacheBytes = defaultChunkCacheBytes;
+    int parallelChunks = defaultParallelChunks;
 };

@@ -1,0 +1,59 @@
+#include "storage/BuildIndexes.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QSaveFile>
+
+namespace {
+
+// Far above any index a launcher accepts; only guards against reading something huge that
+// should not be there.
+constexpr qint64 kLargestKept = qint64(64) << 20;
+
+} // namespace
+
+BuildIndexes::BuildIndexes(QString launcherRoot) : path_(launcherRoot + QStringLiteral("/indexes")) {}
+
+// Named after the build folder's path, so that any version text, "/" included, makes one plain
+// file name.
+QString BuildIndexes::fileFor(const QString& buildFolder) const {
+    return path_ + QLatin1Char('/') +
+           QString::fromLatin1(QCryptographicHash::hash(buildFolder.toUtf8(), QCryptographicHash::Sha256).toHex()) +
+           QStringLiteral(".json");
+}
+
+std::optional<QByteArray> BuildIndexes::read(const QString& buildFolder) const {
+    QFile file(fileFor(buildFolder));
+    if (!file.open(QIODevice::ReadOnly) || file.size() > kLargestKept)
+        return std::nullopt;
+    // The first line names the build, so that indexes of builds that are gone can be told apart.
+    const QByteArray bytes = file.readAll();
+    const qsizetype lineEnd = bytes.indexOf('\n');
+    if (lineEnd < 0 || bytes.left(lineEnd) != buildFolder.toUtf8())
+        return std::nullopt;
+    return bytes.mid(lineEnd + 1);
+}
+
+bool BuildIndexes::write(const QString& buildFolder, const QByteArray& index) const {
+    if (!QDir().mkpath(path_))
+        return false;
+    for (const QString& name : QDir(path_).entryList(QDir::Files | QDir::Hidden)) {
+        QFile kept(path_ + QLatin1Char('/') + name);
+        QByteArray folder;
+        if (kept.open(QIODevice::ReadOnly))
+            folder = kept.readLine(4096);
+        kept.close();
+        while (folder.endsWith('\n'))
+            folder.chop(1);
+        if (folder.isEmpty() || !QFileInfo::exists(QString::fromUtf8(folder)))
+            QFile::remove(kept.fileName());
+    }
+    QSaveFile file(fileFor(buildFolder));
+    if (!file.open(QIODevice::WriteOnly))
+        return false;
+    file.write(buildFolder.toUtf8() + '\n');
+    file.write(index);
+    return file.commit();
+}

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+
+#include <optional>
+
+// The "indexes" folder under the storage root: for each saved build that came from a release
+// with chunks, that release's chunk index, so a later update can find the chunks the build
+// already holds without reading all of it. Kept beside the builds, never inside one: a build
+// folder holds exactly what its release holds. An index here is only a hint about what a build
+// holds; whatever uses it checks the bytes it reads.
+class BuildIndexes {
+public:
+    explicit BuildIndexes(QString launcherRoot);
+
+    // The index kept for the build in `buildFolder`, if any.
+    std::optional<QByteArray> read(const QString& buildFolder) const;
+    // Keeps `index` for the build in `buildFolder`, replacing any earlier one, and forgets the
+    // indexes of builds that are no longer on disk. False when it could not be written; an update
+    // then reads the build itself.
+    bool write(const QString& buildFolder, const QByteArray& index) const;
+
+private:
+    QString fileFor(const QString& buildFolder) const;
+
+    QString path_;
+};
