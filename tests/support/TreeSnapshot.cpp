@@ -33,7 +33,7 @@ QString digestOf(const QString& path) {
 
 } // namespace
 
-QStringList of(const QString& folder) {
+QStringList of(const QString& folder, Times times) {
     QStringList paths;
     QDirIterator it(folder, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
                     QDirIterator::Subdirectories);
@@ -53,10 +53,9 @@ QStringList of(const QString& folder) {
         QString line = relative + QLatin1Char(' ') + kindOf(st.st_mode) +
                        QStringLiteral(" %1").arg(st.st_mode & 07777, 4, 8, QLatin1Char('0'));
         if (S_ISREG(st.st_mode)) {
-            line += QStringLiteral(" %1 %2 %3")
-                        .arg(st.st_size)
-                        .arg(digestOf(path))
-                        .arg(qlonglong(st.st_mtim.tv_sec));
+            line += QStringLiteral(" %1 %2").arg(st.st_size).arg(digestOf(path));
+            if (times == Times::compared)
+                line += QStringLiteral(" %1").arg(qlonglong(st.st_mtim.tv_sec));
             const auto identity = qMakePair(quint64(st.st_dev), quint64(st.st_ino));
             if (st.st_nlink > 1) {
                 if (firstNameOfFile.contains(identity))

@@ -8,6 +8,10 @@
 // links) say which name came first. Two trees are the same when their snapshots are.
 namespace TreeSnapshot {
 
-QStringList of(const QString& folder);
+// Whether a file's line ends with its modification time. A build put together from chunks has
+// the times of its writing, where tar gives the archive's; everything else must agree.
+enum class Times { compared, ignored };
+
+QStringList of(const QString& folder, Times times = Times::compared);
 
 } // namespace TreeSnapshot

@@ -1,0 +1,278 @@
+#include "InstallSandbox.h"
+#include "TreeSnapshot.h"
+
+#include "storage/BuildIndexes.h"
+#include "update/ChunkStore.h"
+#include "update/TreeChunker.h"
+
+#include <QCryptographicHash>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRandomGenerator>
+
+namespace {
+
+QByteArray noise(qsizetype size, quint32 seed) {
+    QByteArray bytes(size, '\0');
+    QRandomGenerator generator(seed);
+    generator.fillRange(reinterpret_cast<quint32*>(bytes.data()), size / 4);
+    return bytes;
+}
+
+QByteArray prose(int lines) {
+    QByteArray text;
+    for (int i = 0; i < lines; ++i)
+        text += "line " + QByteArray::number(i) + " of the level script, spawn point " + QByteArray::number(i * 7) + '\n';
+    return text;
+}
+
+QString sha256Of(const QByteArray& bytes) {
+    return QString::fromLatin1(QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex());
+}
+
+// The chunk of `index` named `sha256`.
+ChunkRef chunkNamed(const ChunkIndex& index, const QString& sha256) {
+    for (const ChunkIndexEntry& entry : index.entries)
+        for (const ChunkRef& chunk : entry.chunks)
+            if (chunk.sha256 == sha256)
+                return chunk;
+    return {};
+}
+
+} // namespace
+
+// A release that also comes as chunks: put together from the build already here and the chunks it
+// lacks, and whenever anything on that way is wrong, installed from its archive exactly as one
+// without chunks.
+class TestGameInstallerChunks : public InstallSandbox {
+    Q_OBJECT
+
+    // A build of a few files, a nested and an empty folder and a link inside; `edited` changes a
+    // few bytes in the middle of the large file and adds one.
+    static void makeTree(const QString& folder, bool edited) {
+        TestFiles::makeBuild(folder);
+        QByteArray big = noise(1536 * 1024, 7);
+        if (edited)
+            big.replace(700 * 1024, 5, "EDIT!");
+        TestFiles::writeFile(folder + QStringLiteral("/data/big.pak"), big);
+        TestFiles::writeFile(folder + QStringLiteral("/data/levels/one.txt"), prose(4000), 0600);
+        TestFiles::makeFolder(folder + QStringLiteral("/saves"));
+        QVERIFY(QFile::link(QStringLiteral("levels/one.txt"), folder + QStringLiteral("/data/current")));
+        if (edited)
+            TestFiles::writeFile(folder + QStringLiteral("/data/new.pak"), noise(200 * 1024, 11));
+    }
+
+    struct Release {
+        QString tree;
+        QString archive;
+        ReleaseManifest manifest;
+        int chunks = 0; // distinct chunks in its index
+    };
+
+    // Publishes `tree` as archive, index and chunks in the server's one store.
+    Release publish(const QString& name, bool edited) {
+        Release release;
+        release.tree = scratch(name);
+        makeTree(release.tree, edited);
+        release.archive = scratch(name + QStringLiteral(".tar.gz"));
+        TestArchives::create(release.archive, release.tree, {QStringLiteral("zentho"), QStringLiteral("data"),
+                                                             QStringLiteral("saves")});
+        QSet<QString> names;
+        const ChunkIndex index = TreeChunker::index(
+            release.tree, kDefaultChunkSizes,
+            [&](const ChunkIndexEntry&, const ChunkRef& chunk, std::uint64_t, const unsigned char* data, std::size_t size) {
+                names.insert(chunk.sha256);
+                server_->writeFile(QStringLiteral("store/") + ChunkStore::relativePath(chunk.sha256),
+                                   ChunkStore::compress(reinterpret_cast<const char*>(data), size));
+            });
+        release.chunks = int(names.size());
+        const QByteArray indexBytes = index.encode();
+        server_->writeFile(QStringLiteral("indexes/%1.json").arg(name), indexBytes);
+        release.manifest = manifestFor(name, serve(release.archive), release.archive);
+        release.manifest.chunks = ReleaseChunks{server_->url(QStringLiteral("/indexes/%1.json").arg(name)),
+                                                sha256Of(indexBytes),
+                                                server_->url(QStringLiteral("/store"))};
+        return release;
+    }
+
+    // The previous build becomes `tree`, as if it had been installed from it.
+    void makeCurrent(const QString& tree) {
+        QVERIFY(QDir(previousBuild()).removeRecursively());
+        QCOMPARE(QProcess::execute(QStringLiteral("/bin/cp"), {QStringLiteral("-a"), tree, previousBuild()}), 0);
+    }
+
+    int requestsUnder(const QString& prefix) const {
+        int count = 0;
+        for (const QString& line : server_->accessLog().split(QLatin1Char('\n')))
+            count += line.contains(QStringLiteral("\"GET ") + prefix) ? 1 : 0;
+        return count;
+    }
+    int archiveRequests(const Release& release) const {
+        return requestsUnder(release.manifest.url.path());
+    }
+
+    void verifyTreeOf(const Release& release, const QUrl& folder) {
+        verifyInstalled(release.manifest.version, folder);
+        QCOMPARE(TreeSnapshot::of(folder.toLocalFile(), TreeSnapshot::Times::ignored),
+                 TreeSnapshot::of(installedByTar(release), TreeSnapshot::Times::ignored));
+        QVERIFY(!QFileInfo::exists(home_->launcherRoot() + QStringLiteral("/chunks")));
+    }
+    // The archive unpacked as the archive path unpacks it, executable made runnable.
+    QString installedByTar(const Release& release) {
+        const QString folder = scratch(release.manifest.version + QStringLiteral("-by-tar"));
+        if (!QFileInfo::exists(folder)) {
+            TestFiles::makeFolder(folder);
+            TestArchives::tar({QStringLiteral("-xzf"), release.archive, QStringLiteral("-C"), folder});
+            QFile::setPermissions(folder + QStringLiteral("/zentho"),
+                                  QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup |
+                                      QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+        }
+        return folder;
+    }
+
+private slots:
+    void initTestCase() { startServer(); }
+    void init() { setUpSandbox(); }
+    void cleanup() { tearDownSandbox(); }
+
+    // The current build is read and cut into chunks, and only what it lacks is fetched.
+    void onlyTheMissingChunksAreFetched() {
+        const Release old = publish(QStringLiteral("0.3.0"), false);
+        const Release update = publish(QStringLiteral("0.3.1"), true);
+        makeCurrent(old.tree);
+        const int before = requestsUnder(QStringLiteral("/store/"));
+        QUrl folder;
+        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
+        QCOMPARE(statuses_, (QStringList{kDownloading, kInstalling}));
+        verifyTreeOf(update, folder);
+        QCOMPARE(archiveRequests(update), 0);
+        const int fetched = requestsUnder(QStringLiteral("/store/")) - before;
+        QVERIFY2(fetched > 0 && fetched <= 6, qPrintable(QString::number(fetched))); // the edit and the new file
+        QVERIFY(fetched < update.chunks);
+        // What the build holds is known to the next update without reading it.
+        QVERIFY(BuildIndexes(home_->launcherRoot()).read(folder.toLocalFile()).has_value());
+        QVERIFY(BuildIndexes(home_->launcherRoot()).read(previousBuild()).has_value());
+    }
+
+    // The twin: a manifest without chunks downloads the archive, to the same tree.
+    void withoutChunksTheArchiveIsDownloaded() {
+        const Release old = publish(QStringLiteral("0.3.0"), false);
+        Release update = publish(QStringLiteral("0.3.1"), true);
+        makeCurrent(old.tree);
+        update.manifest.chunks.reset();
+        const int before = requestsUnder(QStringLiteral("/store/"));
+        QUrl folder;
+        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
+        QCOMPARE(archiveRequests(update), 1);
+        QCOMPARE(requestsUnder(QStringLiteral("/store/")), before);
+        verifyTreeOf(update, folder);
+    }
+
+    // A chunk whose bytes are not what its name says: the archive installs the release instead.
+    void corruptedChunkFallsBackToTheArchive() {
+        const Release old = publish(QStringLiteral("0.3.0"), false);
+        const Release update = publish(QStringLiteral("0.3.1"), true);
+        makeCurrent(old.tree);
+        const QByteArray other = QByteArray("not the chunk ").repeated(100);
+        // Every chunk of the new file is needed; spoil all of them.
+        const ChunkIndex index = TreeChunker::index(update.tree, kDefaultChunkSizes);
+        for (const ChunkIndexEntry& entry : index.entries) {
+            if (entry.path == QStringLiteral("data/new.pak")) {
+                for (const ChunkRef& chunk : entry.chunks)
+                    server_->writeFile(QStringLiteral("store/") + ChunkStore::relativePath(chunk.sha256),
+                                       ChunkStore::compress(other.constData(), std::size_t(other.size())));
+            }
+        }
+        QUrl folder;
+        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
+        QCOMPARE(statuses_, (QStringList{kDownloading, kInstalling}));
+        QCOMPARE(archiveRequests(update), 1);
+        verifyTreeOf(update, folder);
+    }
+
+    // An index that is not the one the manifest names is never read: no chunk is asked for.
+    void indexWithAnotherDigestIsNeverUsed() {
+        const Release old = publish(QStringLiteral("0.3.0"), false);
+        Release update = publish(QStringLiteral("0.3.1"), true);
+        makeCurrent(old.tree);
+        update.manifest.chunks->sha256 = old.manifest.chunks->sha256;
+        const int before = requestsUnder(QStringLiteral("/store/"));
+        QUrl folder;
+        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
+        QCOMPARE(requestsUnder(QStringLiteral("/store/")), before);
+        QCOMPARE(archiveRequests(update), 1);
+        verifyTreeOf(update, folder);
+        QVERIFY(!BuildIndexes(home_->launcherRoot()).read(folder.toLocalFile()).has_value());
+    }
+
+    // Indexes no release tool writes, served with the digest the manifest gives: each is refused
+    // before anything of it is acted on, and the archive installs the release.
+    void hostileIndexIsRefused_data() {
+        QTest::addColumn<QByteArray>("entry");
+        QTest::newRow("dot-dot") << QByteArray(R"({"path":"../escape","kind":"folder","mode":493})");
+        QTest::newRow("absolute") << QByteArray(R"({"path":"/tmp/escape","kind":"folder","mode":493})");
+        QTest::newRow("link out") << QByteArray(R"({"path":"out","kind":"symlink","target":"../../outside"})");
+        QTest::newRow("setuid") << QByteArray(R"({"path":"suid","kind":"folder","mode":2541})");
+    }
+    void hostileIndexIsRefused() {
+        QFETCH(QByteArray, entry);
+        const Release old = publish(QStringLiteral("0.3.0"), false);
+        Release update = publish(QStringLiteral("0.3.1"), true);
+        makeCurrent(old.tree);
+        QJsonObject index = QJsonDocument::fromJson(TestFiles::readFile(
+                                server_->documentRoot() + QStringLiteral("/indexes/0.3.1.json"))).object();
+        QByteArray hostile = QJsonDocument(index).toJson(QJsonDocument::Compact);
+        hostile.replace("\"entries\":[", "\"entries\":[" + entry + ',');
+        server_->writeFile(QStringLiteral("indexes/hostile.json"), hostile);
+        update.manifest.chunks->index = server_->url(QStringLiteral("/indexes/hostile.json"));
+        update.manifest.chunks->sha256 = sha256Of(hostile);
+        const int before = requestsUnder(QStringLiteral("/store/"));
+        QUrl folder;
+        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
+        QCOMPARE(requestsUnder(QStringLiteral("/store/")), before);
+        QCOMPARE(archiveRequests(update), 1);
+        verifyTreeOf(update, folder);
+        QCOMPARE(entriesOf(outside()), QStringList());
+    }
+
+    // Chunks kept by an earlier try that did not finish are not fetched again.
+    void chunksKeptFromAnEarlierTryAreNotFetchedAgain() {
+        const Release old = publish(QStringLiteral("0.3.0"), false);
+        const Release update = publish(QStringLiteral("0.3.1"), true);
+        makeCurrent(old.tree);
+        const ChunkIndex index = TreeChunker::index(update.tree, kDefaultChunkSizes);
+        QString kept;
+        for (const ChunkIndexEntry& entry : index.entries) {
+            if (entry.path == QStringLiteral("data/new.pak"))
+                kept = entry.chunks.front().sha256;
+        }
+        const QByteArray stored = TestFiles::readFile(server_->documentRoot() + QStringLiteral("/store/") +
+                                                      ChunkStore::relativePath(kept));
+        TestFiles::writeFile(home_->launcherRoot() + QStringLiteral("/chunks/") + kept,
+                             ChunkStore::decode(stored, chunkNamed(index, kept).size, kept));
+        const QString keptPath = QStringLiteral("/store/") + ChunkStore::relativePath(kept);
+        const int keptBefore = requestsUnder(keptPath);
+        const int before = requestsUnder(QStringLiteral("/store/"));
+        QUrl folder;
+        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
+        QCOMPARE(requestsUnder(keptPath), keptBefore);
+        QVERIFY(requestsUnder(QStringLiteral("/store/")) > before); // the other missing ones
+        verifyTreeOf(update, folder);
+    }
+
+    // Nothing here to build from: the archive is quicker, and the index is kept for the next update.
+    void firstInstallComesFromTheArchiveAndKeepsItsIndex() {
+        const Release update = publish(QStringLiteral("0.3.1"), true);
+        const int before = requestsUnder(QStringLiteral("/store/"));
+        QUrl folder;
+        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
+        QCOMPARE(archiveRequests(update), 1);
+        QCOMPARE(requestsUnder(QStringLiteral("/store/")), before);
+        verifyTreeOf(update, folder);
+        QVERIFY(BuildIndexes(home_->launcherRoot()).read(folder.toLocalFile()).has_value());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestGameInstallerChunks)
+#include "TestGameInstallerChunks.moc"
