@@ -1,0 +1,131 @@
+#include "TestFiles.h"
+#include "TreeSnapshot.h"
+
+#include "update/ChunkAssembly.h"
+#include "update/TreeChunker.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <sys/stat.h>
+
+namespace {
+
+constexpr ChunkSizes kSmall{64, 256, 1024};
+
+QByteArray pattern(int size, int seed) {
+    QByteArray bytes(size, '\0');
+    for (int i = 0; i < size; ++i)
+        bytes[i] = char((i * 131 + i / 97 + seed * 7) & 0xff);
+    return bytes;
+}
+
+} // namespace
+
+// A build written from its chunks: the same tree as the one it was cut from, and nothing accepted
+// that differs from the index.
+class TestChunkAssembly : public QObject {
+    Q_OBJECT
+
+    QTemporaryDir dir_;
+    QString source_;
+    ChunkIndex index_;
+    QHash<QString, ChunkLocation> locations_;
+    int staged_ = 0;
+
+    QString freshStaging() {
+        const QString staging = dir_.filePath(QStringLiteral("staging-%1").arg(++staged_));
+        TestFiles::makeFolder(staging);
+        return staging;
+    }
+
+    // The outcome of assembling `index` from `locations`: "ok" or the error's text.
+    QString assemble(const ChunkIndex& index, const QHash<QString, ChunkLocation>& locations, QString* staging = nullptr) {
+        const QString folder = freshStaging();
+        if (staging)
+            *staging = folder;
+        try {
+            assembleBuild(index, locations, folder);
+            return QStringLiteral("ok");
+        } catch (const ChunkAssemblyError& error) {
+            return QString::fromUtf8(error.what());
+        }
+    }
+
+private slots:
+    void initTestCase() {
+        source_ = dir_.filePath(QStringLiteral("source"));
+        TestFiles::makeBuild(source_);
+        TestFiles::writeFile(source_ + QStringLiteral("/data/a.pak"), pattern(5000, 1));
+        TestFiles::writeFile(source_ + QStringLiteral("/data/b.txt"), pattern(3000, 2) + pattern(3000, 2), 0600);
+        TestFiles::writeFile(source_ + QStringLiteral("/empty.txt"), QByteArray());
+        TestFiles::makeFolder(source_ + QStringLiteral("/saves/none"));
+        QVERIFY(QFile::link(QStringLiteral("data/a.pak"), source_ + QStringLiteral("/current.pak")));
+        // A folder nobody may write to, filled all the same.
+        TestFiles::writeFile(source_ + QStringLiteral("/locked/inside.txt"), "inside");
+        QVERIFY(::chmod(QFile::encodeName(source_ + QStringLiteral("/locked")).constData(), 0555) == 0);
+        index_ = TreeChunker::index(source_, kSmall,
+                                    [&](const ChunkIndexEntry& file, const ChunkRef& chunk, std::uint64_t offset,
+                                        const unsigned char*, std::size_t) {
+                                        locations_.insert(chunk.sha256, ChunkLocation{source_ + QLatin1Char('/') + file.path,
+                                                                                      qint64(offset)});
+                                    });
+    }
+    void cleanupTestCase() {
+        // Let the temporary folder go, read-only folders and all.
+        for (const QString& locked : QDir(dir_.path()).entryList({QStringLiteral("*")}, QDir::Dirs | QDir::NoDotAndDotDot))
+            ::chmod(QFile::encodeName(dir_.filePath(locked + QStringLiteral("/locked"))).constData(), 0755);
+    }
+
+    void treeComesOutAsItWasCut() {
+        QString staging;
+        QCOMPARE(assemble(index_, locations_, &staging), QStringLiteral("ok"));
+        QCOMPARE(TreeSnapshot::of(staging, TreeSnapshot::Times::ignored),
+                 TreeSnapshot::of(source_, TreeSnapshot::Times::ignored));
+    }
+
+    // A location that holds other bytes: the file's digest gives it away.
+    void bytesOtherThanTheIndexSaysAreRefused() {
+        QHash<QString, ChunkLocation> wrong = locations_;
+        const ChunkIndexEntry* file = nullptr;
+        for (const ChunkIndexEntry& entry : index_.entries)
+            if (entry.path == QStringLiteral("data/a.pak"))
+                file = &entry;
+        QVERIFY(file && file->chunks.size() > 1);
+        wrong[file->chunks[1].sha256].offset += 1;
+        QVERIFY(assemble(index_, wrong).contains(QStringLiteral("does not have the SHA-256")));
+    }
+
+    void chunkThatIsNowhereIsRefused() {
+        QHash<QString, ChunkLocation> partial = locations_;
+        partial.erase(partial.begin());
+        QVERIFY(assemble(index_, partial).contains(QStringLiteral("which is nowhere")));
+    }
+
+    // A source shorter than the chunk read from it.
+    void sourceThatEndsEarlyIsRefused() {
+        QHash<QString, ChunkLocation> shortened = locations_;
+        const QString shortFile = dir_.filePath(QStringLiteral("short.pak"));
+        TestFiles::writeFile(shortFile, "tiny");
+        for (auto it = shortened.begin(); it != shortened.end(); ++it)
+            it->file = shortFile;
+        QVERIFY(assemble(index_, shortened).contains(QStringLiteral("ends before the chunk does")));
+    }
+
+    // Modes come out as tar leaves them for a user who is not root: the index's less the umask.
+    void umaskIsApplied() {
+        const mode_t previous = ::umask(027);
+        QString staging;
+        const QString outcome = assemble(index_, locations_, &staging);
+        ::umask(previous);
+        QCOMPARE(outcome, QStringLiteral("ok"));
+        QCOMPARE(TestFiles::modeOf(staging + QStringLiteral("/zentho")), 0750);
+        QCOMPARE(TestFiles::modeOf(staging + QStringLiteral("/data/b.txt")), 0600);
+        QCOMPARE(TestFiles::modeOf(staging + QStringLiteral("/locked")), 0550);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestChunkAssembly)
+#include "TestChunkAssembly.moc"
