@@ -110,6 +110,16 @@ private slots:
         QCOMPARE(response.body, manifest);
     }
 
+    // A chunk or an index comes whole into memory, never beyond what it can be.
+    void cappedFetchStopsAtItsCap() {
+        const HttpResponse whole = awaitResult(HttpClient::shared().capped(server->url("/big.bin"), 1024 * 1024));
+        QCOMPARE(whole.statusCode, std::optional<int>(200));
+        QCOMPARE(whole.body.size(), 1024 * 1024);
+        const QString error = networkErrorOf(
+            [&] { awaitResult(HttpClient::shared().capped(server->url("/big.bin"), 1024 * 1024 - 1)); });
+        QVERIFY2(error.startsWith(QStringLiteral("The answer is larger than")), qPrintable(error));
+    }
+
     void errorStatusesAreAnswersNotFailures_data() {
         QTest::addColumn<int>("code");
         QTest::addColumn<QByteArray>("body");

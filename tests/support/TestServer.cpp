@@ -178,6 +178,7 @@ QString TestServer::configuration() const {
         "        location ^~ /drip/ { alias " + root + "/www/; limit_rate 1k; }\n"
         "        location ^~ /trickle/ { alias " + root + "/www/; limit_rate 4k; }\n"
         "        location ^~ /rate50m/ { alias " + root + "/www/; limit_rate 50m; }\n"
+        "        location ^~ /rate8m/ { alias " + root + "/www/; limit_rate 8m; }\n"
         "        location ^~ /throttle/ { alias " + root + "/www/; limit_rate 1m; }\n"
         "        location ^~ /norange/ { alias " + root + "/www/; limit_rate 1m; max_ranges 0; }\n"
         "        location ^~ /fault/ {\n"
