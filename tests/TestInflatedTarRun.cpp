@@ -117,11 +117,13 @@ private slots:
         QVERIFY(!spoiled.wait().clean);
     }
 
-    // Bytes that are not gzip end the run at once; an endless body that keeps arriving after that
-    // must not pile up in memory waiting for a reader that is gone.
+    // A gzip header that goes wrong ends the run at once; an endless body that keeps arriving
+    // after that must not pile up in memory waiting for a reader that is gone.
     void bytesAfterTheRunGaveUpAreNotKept() {
         InflatedTarRun run(kTar, {"-tf", "-"});
         const QByteArray blanks(64 * 1024, ' ');
+        const QByteArray spoiledHeader("\x1f\x8b\x00\x00", 4); // no compression method 0
+        run.append(spoiledHeader.constData(), std::size_t(spoiledHeader.size()));
         run.append(blanks.constData(), std::size_t(blanks.size()));
         QTRY_VERIFY_WITH_TIMEOUT(run.outcome().has_value(), 10000);
         QVERIFY(!run.outcome()->clean);
@@ -132,6 +134,20 @@ private slots:
         const long grown = ResidentMemory::currentKiB() - before;
         qInfo("grown %ld KiB", grown);
         QVERIFY2(before > 0 && grown < 4 * 1024, qPrintable(QStringLiteral("%1 KiB").arg(grown)));
+    }
+
+    // Nor are they copied while the feeding thread has yet to look at them: an archive that does
+    // not begin as gzip is refused as it arrives.
+    void bytesThatAreNotGzipAreNeverQueued() {
+        InflatedTarRun run(kTar, {"-tf", "-"});
+        const QByteArray blanks(int(InflatedTarRun::maximumQueuedBytes) - 1024, ' ');
+        ResidentMemory::resetPeak();
+        const long before = ResidentMemory::peakKiB();
+        run.append(blanks.constData(), std::size_t(blanks.size()));
+        const long grown = ResidentMemory::peakKiB() - before;
+        QVERIFY2(before > 0 && grown < 4 * 1024, qPrintable(QStringLiteral("%1 KiB").arg(grown)));
+        run.finishFrom(dir_.filePath(QStringLiteral("absent")).toStdString());
+        QVERIFY(!run.wait().clean);
     }
 
     void failingTarIsNotClean() {

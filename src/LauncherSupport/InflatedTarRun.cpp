@@ -74,7 +74,7 @@ struct InflatedTarRun::Shared {
     std::deque<std::string> chunks;
     std::size_t queuedBytes = 0;
     std::uint64_t keptBytes = 0; // appended bytes that were queued, the file's part starts here
-    bool dropping = false;       // the queue overflowed: every later byte comes from the file
+    bool dropping = false;       // the queue overflowed or the bytes are not gzip: the rest comes from the file
     std::optional<std::string> finishPath;
     std::atomic<bool> stopping = false;
     bool reaped = false; // tar's process id is no longer ours to signal
@@ -145,6 +145,15 @@ void InflatedTarRun::append(const char* bytes, std::size_t size) {
         std::lock_guard lock(s.mutex);
         if (s.dropping || s.finishPath)
             return;
+        // Bytes that do not open a gzip member are never inflated: refused here, before they are
+        // queued, however long the feeding thread takes to see them.
+        static constexpr unsigned char magic[] = {0x1f, 0x8b};
+        for (std::size_t i = 0; s.keptBytes + i < sizeof magic && i < size; ++i) {
+            if (static_cast<unsigned char>(bytes[i]) != magic[s.keptBytes + i]) {
+                s.dropping = true;
+                return;
+            }
+        }
         if (s.queuedBytes + size > maximumQueuedBytes) {
             s.dropping = true;
             return;
