@@ -1,0 +1,421 @@
+// The real launcher updating 0.3.0 to 0.3.1, both published by zentho-release into one chunk
+// store: it fetches only the chunks 0.3.0 lacks and puts together exactly the archive's build.
+// A damaged chunk, an index that is not the one the manifest names, an index that reaches out of
+// the build and a launcher killed halfway all end in that same build too, from the archive or
+// from the chunks the killed try kept. Observed through nginx's access log, the game that starts
+// and what is on disk afterwards.
+
+#include "ChunkTraffic.h"
+#include "LauncherBundles.h"
+#include "RealLauncher.h"
+#include "ReleaseTool.h"
+#include "TestArchives.h"
+#include "TestFiles.h"
+#include "TestServer.h"
+#include "TreeSnapshot.h"
+
+#include "storage/BuildIndexes.h"
+#include "update/ReleaseManifest.h"
+
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QRegularExpression>
+#include <QSet>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QTime>
+
+#include <algorithm>
+#include <csignal>
+#include <memory>
+#include <sys/wait.h>
+
+using namespace ChunkTraffic;
+using ReleaseTool::Run;
+
+namespace {
+
+const QString kInvite = QStringLiteral("zentho://invite/chunked-updates");
+const QString kNoLauncherUpdate = QStringLiteral("file:///dev/null/no-launcher-manifest.json");
+const QString k030 = QStringLiteral("0.3.0");
+const QString k031 = QStringLiteral("0.3.1");
+const QByteArray kSentinel = "not the launcher's\n";
+
+// The stand-in game: records where it was started from, then stays up past the launcher's watch
+// over its start.
+const QByteArray kGame = "{\n"
+                         "  printf 'cwd=%s\\n' \"$(pwd -P)\"\n"
+                         "  printf 'pid=%s\\n' \"$$\"\n"
+                         "} > \"$ZENTHO_STANDIN_RECORD.tmp\"\n"
+                         "mv \"$ZENTHO_STANDIN_RECORD.tmp\" \"$ZENTHO_STANDIN_RECORD\"\n"
+                         "exec sleep 3\n";
+
+QSet<QString> setOf(const QStringList& list) { return QSet<QString>(list.cbegin(), list.cend()); }
+
+// A set in a stable order, for comparisons that show what differs.
+QString printed(const QSet<QString>& set) {
+    QStringList list(set.cbegin(), set.cend());
+    list.sort();
+    return list.join(QLatin1Char(' '));
+}
+
+void collectOrphans() {
+    while (::waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+}
+
+} // namespace
+
+class TestChunkedUpdates : public QObject {
+    Q_OBJECT
+
+    std::unique_ptr<TestServer> server_;
+    std::unique_ptr<QTemporaryDir> dir_;
+    QByteArray index030_;
+    QByteArray index031_;
+    ReleaseManifest manifest031_;
+    qint64 chunks031_ = 0;
+    QSet<QString> missing_; // the chunks of 0.3.1 that 0.3.0 lacks
+    QStringList expected_;  // a fresh extraction of the 0.3.1 archive
+    qsizetype logMark_ = 0; // where the access log stood when the last launcher started
+
+    QString path(const QString& name) const { return dir_->filePath(name); }
+    QString data() const { return path(QStringLiteral("data")); }
+    QString root() const { return data() + QStringLiteral("/Zentho/launcher"); }
+    QString build(const QString& version) const { return root() + QStringLiteral("/versions/") + version; }
+    QString record() const { return path(QStringLiteral("record")); }
+    QString www() const { return server_->documentRoot(); }
+    QString archivePath() const { return manifest031_.url.path(); }
+    std::optional<QByteArray> keptIndexOf031() const { return BuildIndexes(root()).read(build(k031)); }
+
+    // 0.3.0: the game, text at the top, incompressible packs, text that compresses, a relative
+    // symlink, an empty folder and a nested folder with a script: about 4 MiB.
+    void makeBuild030(const QString& folder) const {
+        TestFiles::writeScript(folder + QStringLiteral("/zentho"), kGame);
+        QByteArray readme = "ZENTHO 0.3.0\n";
+        while (readme.size() < 3000)
+            readme += "Thanks for playing. ";
+        TestFiles::writeFile(folder + QStringLiteral("/README.txt"), readme);
+        for (int i = 0; i < 3; ++i)
+            TestFiles::writeFile(folder + QStringLiteral("/data/pack%1.bin").arg(i),
+                                 TestFiles::randomBytes(1 << 20, quint32(i + 1)));
+        QByteArray levels;
+        for (int line = 0; levels.size() < 600000; ++line)
+            levels += "level " + QByteArray::number(line) + ": spawn=" + QByteArray::number(line * 7 % 113) + "\n";
+        TestFiles::writeFile(folder + QStringLiteral("/data/levels.txt"), levels);
+        QVERIFY(QFile::link(QStringLiteral("levels.txt"), folder + QStringLiteral("/data/current")));
+        TestFiles::makeFolder(folder + QStringLiteral("/data/empty"));
+        TestFiles::writeFile(folder + QStringLiteral("/data/maps/intro.map"), TestFiles::randomBytes(300000, 11));
+        TestFiles::writeScript(folder + QStringLiteral("/data/maps/tools/bake.sh"), "exit 0\n");
+    }
+    // 0.3.1: the README's version, 16 KiB rewritten inside one pack, one level changed, a new map.
+    void makeBuild031(const QString& from, const QString& folder) const {
+        ReleaseTool::copyTree(from, folder);
+        QByteArray readme = TestFiles::readFile(folder + QStringLiteral("/README.txt"));
+        TestFiles::writeFile(folder + QStringLiteral("/README.txt"), readme.replace("0.3.0", "0.3.1"));
+        QFile pack(folder + QStringLiteral("/data/pack1.bin"));
+        QVERIFY(pack.open(QIODevice::ReadWrite) && pack.seek(500000));
+        pack.write(TestFiles::randomBytes(16384, 99));
+        pack.close();
+        QByteArray levels = TestFiles::readFile(folder + QStringLiteral("/data/levels.txt"));
+        TestFiles::writeFile(folder + QStringLiteral("/data/levels.txt"),
+                             levels.replace("level 9000: ", "level 9000: boss "));
+        TestFiles::writeFile(folder + QStringLiteral("/data/maps/arena.map"), TestFiles::randomBytes(500000, 12));
+    }
+    Run packAndPublish(const QString& version) {
+        const Run packed = ReleaseTool::packGame(
+            path(QStringLiteral("game-") + version), version, server_->url(QStringLiteral("/builds")).toString(),
+            path(QStringLiteral("out-") + version),
+            {QStringLiteral("--chunks"), path(QStringLiteral("store")), QStringLiteral("--chunks-url"),
+             server_->url(QStringLiteral("/chunks")).toString()});
+        if (!packed.ok())
+            return packed;
+        const Run published =
+            ReleaseTool::run({QStringLiteral("publish"), QStringLiteral("--to"), www(), QStringLiteral("--chunks"),
+                              path(QStringLiteral("store")), packed.line(QStringLiteral("manifest"))});
+        return published.ok() ? packed : published;
+    }
+    // Serves `manifest` and returns its address.
+    QString serve(const QString& name, const ReleaseManifest& manifest) const {
+        server_->writeFile(QStringLiteral("m/") + name + QStringLiteral(".json"), manifest.encode());
+        return server_->url(QStringLiteral("/m/") + name + QStringLiteral(".json")).toString();
+    }
+    std::unique_ptr<RealLauncher> launcher(const QString& manifest) {
+        auto real = std::make_unique<RealLauncher>(LauncherBundles::builtBundle(), data());
+        real->useManifests(manifest, kNoLauncherUpdate);
+        real->recordGameStartIn(record());
+        real->environment().insert(QStringLiteral("TMPDIR"), path(QStringLiteral("tmp")));
+        real->environment().insert(QStringLiteral("XDG_RUNTIME_DIR"), path(QStringLiteral("runtime")));
+        QFile::remove(record());
+        logMark_ = server_->accessLog().size();
+        return real;
+    }
+    // One press of the main button; the folder of the game that started, or empty.
+    QString press(const QString& manifest) {
+        std::unique_ptr<RealLauncher> real = launcher(manifest);
+        real->start(*server_, kInvite);
+        const std::optional<int> exit = real->waitForExit(60000);
+        const QByteArray recorded = RealLauncher::waitForGameRecord(record(), exit ? 20000 : 1000);
+        if (exit != std::optional<int>(0) || recorded.isEmpty())
+            qWarning("launcher ended with %d: %s", exit.value_or(-1), real->errors().constData());
+        if (recorded.isEmpty())
+            return {};
+        RealLauncher::terminateAndCollect(RealLauncher::recordedPid(recorded));
+        const qsizetype cwd = recorded.indexOf("cwd=");
+        return cwd < 0 ? QString() : QFile::decodeName(recorded.mid(cwd + 4, recorded.indexOf('\n', cwd) - cwd - 4));
+    }
+    QList<Get> getsSinceStart() const { return getsIn(server_->accessLog().mid(logMark_)); }
+    QSet<QString> keptChunks() const { return setOf(QDir(root() + QStringLiteral("/chunks")).entryList(QDir::Files)); }
+    // 0.3.1 is exactly the archive's build, and nothing of the way there is left in the storage.
+    void verifyInstalled031() {
+        QCOMPARE(TreeSnapshot::of(build(k031), TreeSnapshot::Times::ignored), expected_);
+        QVERIFY(!QFileInfo::exists(root() + QStringLiteral("/chunks")));
+        QCOMPARE(QDir(root()).entryList({QStringLiteral("staging-*")}, QDir::AllEntries | QDir::Hidden), QStringList());
+    }
+    // Everything in the test's folder but the launcher's storage and scratch folders.
+    QStringList outside() const {
+        QStringList lines = TreeSnapshot::of(dir_->path());
+        static const QRegularExpression ours(QStringLiteral("^(data|tmp|runtime|record)\\b"));
+        lines.removeIf([](const QString& line) { return ours.match(line).hasMatch(); });
+        return lines;
+    }
+
+private slots:
+    void initTestCase() {
+        QVERIFY(RealLauncher::becomeSubreaper());
+        QVERIFY(QFileInfo(RealLauncher::executableOf(LauncherBundles::builtBundle())).isExecutable());
+        QVERIFY2(QFileInfo::exists(LauncherBundles::releaseTool()), "zentho-release is not built");
+        server_ = std::make_unique<TestServer>();
+        dir_ = std::make_unique<QTemporaryDir>();
+        TestFiles::makeFolder(path(QStringLiteral("tmp")));
+        TestFiles::makeFolder(path(QStringLiteral("runtime")));
+        QVERIFY(QFile::setPermissions(path(QStringLiteral("runtime")),
+                                      QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        TestFiles::writeFile(path(QStringLiteral("outside/sentinel")), kSentinel);
+
+        makeBuild030(path(QStringLiteral("game-0.3.0")));
+        makeBuild031(path(QStringLiteral("game-0.3.0")), path(QStringLiteral("game-0.3.1")));
+        const Run first = packAndPublish(k030);
+        QVERIFY2(first.ok(), first.errors.constData());
+        const Run second = packAndPublish(k031);
+        QVERIFY2(second.ok(), second.errors.constData());
+        index030_ = TestFiles::readFile(first.line(QStringLiteral("index")));
+        index031_ = TestFiles::readFile(second.line(QStringLiteral("index")));
+        chunks031_ = chunksOf(index031_).size();
+        missing_ = chunksOf(index031_) - chunksOf(index030_);
+        manifest031_ = ReleaseManifest::decode(TestFiles::readFile(second.line(QStringLiteral("manifest"))));
+        QVERIFY(manifest031_.chunks);
+        qInfo("0.3.1: %lld chunks, %lld of them not in 0.3.0", chunks031_, qint64(missing_.size()));
+        QVERIFY(missing_.size() >= 6 && missing_.size() * 3 < chunks031_);
+
+        TestFiles::makeFolder(path(QStringLiteral("expected")));
+        TestArchives::tar({QStringLiteral("-xzf"), second.line(QStringLiteral("archive")), QStringLiteral("-C"),
+                           path(QStringLiteral("expected"))});
+        expected_ = TreeSnapshot::of(path(QStringLiteral("expected")), TreeSnapshot::Times::ignored);
+        QVERIFY(expected_.contains(QStringLiteral("data/empty folder 0755")));
+        QVERIFY(expected_.contains(QStringLiteral("data/current link 0777 -> levels.txt")));
+
+        // A first install has nothing to take chunks from: the archive, and 0.3.0's index is kept.
+        const ReleaseManifest manifest030 =
+            ReleaseManifest::decode(TestFiles::readFile(first.line(QStringLiteral("manifest"))));
+        QCOMPARE(press(serve(k030, manifest030)), build(k030));
+        const QList<Get> gets = getsSinceStart();
+        QVERIFY(fetched(gets, manifest030.chunks->index.path()));
+        QVERIFY(fetched(gets, manifest030.url.path()));
+        QCOMPARE(chunkGets(gets, QStringLiteral("/chunks")), QStringList());
+        QCOMPARE(BuildIndexes(root()).read(build(k030)), std::optional<QByteArray>(index030_));
+        ReleaseTool::copyTree(data(), path(QStringLiteral("installed-0.3.0")));
+    }
+    void init() {
+        QVERIFY(QDir(data()).removeRecursively());
+        ReleaseTool::copyTree(path(QStringLiteral("installed-0.3.0")), data());
+    }
+    void cleanup() { collectOrphans(); }
+
+    // Only the chunks 0.3.0 lacks come over the network, never the archive.
+    void updateFetchesOnlyTheMissingChunks() {
+        QCOMPARE(press(serve(k031, manifest031_)), build(k031));
+        const QList<Get> gets = getsSinceStart();
+        const QStringList chunks = chunkGets(gets, QStringLiteral("/chunks"));
+        qInfo("%lld chunk GETs of %lld chunks in the index", qint64(chunks.size()), chunks031_);
+        QCOMPARE(qint64(chunks.size()), qint64(missing_.size()));
+        QCOMPARE(printed(setOf(chunks)), printed(missing_));
+        QVERIFY(chunks.size() < chunks031_);
+        for (const Get& get : gets) {
+            QVERIFY2(get.path == manifest031_.chunks->index.path() || get.path.startsWith(QLatin1String("/m/")) ||
+                         !chunkOf(get.path).isEmpty(),
+                     qPrintable(get.path));
+            QCOMPARE(get.status, 200);
+        }
+        QVERIFY(fetched(gets, manifest031_.chunks->index.path()));
+        verifyInstalled031();
+        QCOMPARE(keptIndexOf031(), std::optional<QByteArray>(index031_));
+    }
+
+    // The same release without chunks comes as its archive and gives the same build.
+    void updateWithoutChunksTakesTheArchive() {
+        ReleaseManifest plain = manifest031_;
+        plain.chunks = std::nullopt;
+        QCOMPARE(press(serve(QStringLiteral("plain-0.3.1"), plain)), build(k031));
+        const QList<Get> gets = getsSinceStart();
+        QVERIFY(fetched(gets, archivePath()));
+        QVERIFY(!fetched(gets, manifest031_.chunks->index.path()));
+        QCOMPARE(chunkGets(gets, QStringLiteral("/chunks")), QStringList());
+        verifyInstalled031();
+    }
+
+    // A chunk whose bytes are another chunk's (a good zstd frame of other content): the archive.
+    void damagedChunkFallsBackToTheArchive() {
+        ReleaseTool::copyTree(www() + QStringLiteral("/chunks"), www() + QStringLiteral("/chunks-damaged"));
+        const QString damaged = *std::min_element(missing_.cbegin(), missing_.cend());
+        const QString other = chunksOf(index030_).values().first();
+        const QString chunkFile = QStringLiteral("/chunks-damaged/%1/%2.zst").arg(damaged.left(2), damaged);
+        const QString otherFile = QStringLiteral("/chunks/%1/%2.zst").arg(other.left(2), other);
+        TestFiles::writeFile(www() + chunkFile, TestFiles::readFile(www() + otherFile));
+        ReleaseManifest manifest = manifest031_;
+        manifest.chunks->store = server_->url(QStringLiteral("/chunks-damaged"));
+
+        QCOMPARE(press(serve(QStringLiteral("damaged-0.3.1"), manifest)), build(k031));
+        const QList<Get> gets = getsSinceStart();
+        QVERIFY(fetched(gets, chunkFile));
+        QVERIFY(fetched(gets, archivePath()));
+        verifyInstalled031();
+    }
+
+    // Killed while chunks trickle in, started again: what the first try kept is not fetched
+    // again, and the second try fetches exactly the rest.
+    void killedUpdateFetchesOnlyWhatItHadNot() {
+        ReleaseManifest slow = manifest031_;
+        slow.chunks->store = server_->url(QStringLiteral("/trickle/chunks"));
+        std::unique_ptr<RealLauncher> first = launcher(serve(QStringLiteral("slow-0.3.1"), slow));
+        first->start(*server_, kInvite);
+        const qint64 pid = first->launcherPid();
+        QVERIFY(pid > 0);
+        // nginx sends each body 4 KiB at a time as a second of the clock begins: killed in the
+        // middle of a second, the launcher has kept every chunk that came whole.
+        QSet<QString> seen;
+        QElapsedTimer clock;
+        clock.start();
+        qint64 changedAt = 0;
+        while (clock.elapsed() < 30000) {
+            QTest::qWait(20);
+            const QSet<QString> now = keptChunks();
+            if (now != seen) {
+                seen = now;
+                changedAt = clock.elapsed();
+            } else if (seen.size() >= 2 && clock.elapsed() - changedAt >= 300 && QTime::currentTime().msec() >= 400 &&
+                       QTime::currentTime().msec() < 700) {
+                break;
+            }
+        }
+        ::kill(pid_t(pid), SIGKILL);
+        first->waitForExit(10000);
+        collectOrphans();
+        const QSet<QString> kept = keptChunks();
+        qInfo("killed after %lld ms with %lld of %lld missing chunks kept", clock.elapsed(), qint64(kept.size()),
+              qint64(missing_.size()));
+        QVERIFY2(kept.size() >= 2 && kept.size() < missing_.size(), qPrintable(printed(kept)));
+        QVERIFY2(missing_.contains(kept), qPrintable(printed(kept)));
+
+        QCOMPARE(press(serve(k031, manifest031_)), build(k031));
+        const QList<Get> gets = getsSinceStart();
+        QVERIFY(!fetched(gets, archivePath()));
+        const QStringList again = chunkGets(gets, QStringLiteral("/chunks"));
+        const QSet<QString> second = setOf(again);
+        QCOMPARE(qint64(again.size()), qint64(second.size()));
+        QCOMPARE(printed(second), printed(missing_ - kept));
+        // The chunks the first try was sent whole; a body cut by the kill is not fetched.
+        const QList<Get> all = getsIn(server_->accessLog());
+        const QStringList asked = chunkGets(all, QStringLiteral("/trickle/chunks"));
+        QSet<QString> whole;
+        for (const Get& get : all) {
+            if (get.path.startsWith(QLatin1String("/trickle/chunks/")) && get.status == 200 &&
+                get.bytes == QFileInfo(www() + get.path.mid(8)).size())
+                whole.insert(chunkOf(get.path));
+        }
+        qInfo("first try: %lld chunk GETs, %lld sent whole; second try: %lld chunk GETs",
+              qint64(asked.size()), qint64(whole.size()), qint64(second.size()));
+        QCOMPARE(printed(whole), printed(kept));
+        QVERIFY(!second.intersects(whole));
+        QCOMPARE(printed(second + whole), printed(missing_));
+        verifyInstalled031();
+    }
+
+    // An index that is not the one the manifest names is never used, even a good one of another
+    // release.
+    void indexWithAnotherDigestIsNeverUsed_data() {
+        QTest::addColumn<bool>("otherRelease");
+        QTest::newRow("0.3.0's index at the address") << true;
+        QTest::newRow("one digit of the digest changed") << false;
+    }
+    void indexWithAnotherDigestIsNeverUsed() {
+        QFETCH(bool, otherRelease);
+        ReleaseManifest manifest = manifest031_;
+        if (otherRelease) {
+            server_->writeFile(QStringLiteral("m/other.chunks.json"), index030_);
+            manifest.chunks->index = server_->url(QStringLiteral("/m/other.chunks.json"));
+        } else {
+            QString& digest = manifest.chunks->sha256;
+            digest[10] = digest[10] == QLatin1Char('0') ? QLatin1Char('1') : QLatin1Char('0');
+        }
+        QCOMPARE(press(serve(QStringLiteral("digest-0.3.1"), manifest)), build(k031));
+        const QList<Get> gets = getsSinceStart();
+        QVERIFY(fetched(gets, manifest.chunks->index.path()));
+        QCOMPARE(chunkGets(gets, QStringLiteral("/chunks")), QStringList());
+        QVERIFY(fetched(gets, archivePath()));
+        verifyInstalled031();
+        QCOMPARE(keptIndexOf031(), std::optional<QByteArray>());
+    }
+
+    // An index with the manifest's digest whose content reaches out of the build is refused as a
+    // whole; the same bytes unchanged are used.
+    void hostileIndexIsNeverUsed_data() {
+        QTest::addColumn<QByteArray>("from");
+        QTest::addColumn<QByteArray>("to");
+        QTest::newRow("as published") << QByteArray() << QByteArray();
+        QTest::newRow("dot-dot path") << QByteArray("\"path\":\"README.txt\"")
+                                      << QByteArray("\"path\":\"../../../../outside/sentinel\"");
+        QTest::newRow("absolute path") << QByteArray("\"path\":\"README.txt\"") << QByteArray("\"path\":\"@OUTSIDE@\"");
+        QTest::newRow("link leading out") << QByteArray("\"target\":\"levels.txt\"")
+                                          << QByteArray("\"target\":\"../../../../../outside/sentinel\"");
+        QTest::newRow("link to /etc") << QByteArray("\"target\":\"levels.txt\"") << QByteArray("\"target\":\"/etc\"");
+        QTest::newRow("setuid") << QByteArray("\"path\":\"zentho\",\"kind\":\"file\",\"mode\":493")
+                                << QByteArray("\"path\":\"zentho\",\"kind\":\"file\",\"mode\":2541");
+    }
+    void hostileIndexIsNeverUsed() {
+        QFETCH(QByteArray, from);
+        QFETCH(QByteArray, to);
+        QByteArray index = index031_;
+        if (!from.isEmpty()) {
+            index.replace(from, to.replace("@OUTSIDE@", QFile::encodeName(path(QStringLiteral("outside/sentinel")))));
+            QVERIFY2(index != index031_, from.constData());
+        }
+        server_->writeFile(QStringLiteral("m/hostile.chunks.json"), index);
+        ReleaseManifest manifest = manifest031_;
+        manifest.chunks->index = server_->url(QStringLiteral("/m/hostile.chunks.json"));
+        manifest.chunks->sha256 = TestArchives::sha256sum(www() + QStringLiteral("/m/hostile.chunks.json"));
+        const QStringList before = outside();
+
+        QCOMPARE(press(serve(QStringLiteral("hostile-0.3.1"), manifest)), build(k031));
+        const QList<Get> gets = getsSinceStart();
+        QVERIFY(fetched(gets, QStringLiteral("/m/hostile.chunks.json")));
+        const QStringList chunks = chunkGets(gets, QStringLiteral("/chunks"));
+        if (from.isEmpty()) {
+            QCOMPARE(printed(setOf(chunks)), printed(missing_));
+            QVERIFY(!fetched(gets, archivePath()));
+            QCOMPARE(keptIndexOf031(), std::optional<QByteArray>(index));
+        } else {
+            QCOMPARE(chunks, QStringList());
+            QVERIFY(fetched(gets, archivePath()));
+            QCOMPARE(keptIndexOf031(), std::optional<QByteArray>());
+        }
+        verifyInstalled031();
+        QCOMPARE(outside(), before);
+        QCOMPARE(TestFiles::readFile(path(QStringLiteral("outside/sentinel"))), kSentinel);
+    }
+};
+
+QTEST_GUILESS_MAIN(TestChunkedUpdates)
+#include "TestChunkedUpdates.moc"

@@ -1,0 +1,52 @@
+#include "ChunkTraffic.h"
+
+#include "update/ChunkIndex.h"
+
+#include <QRegularExpression>
+
+#include <algorithm>
+
+namespace ChunkTraffic {
+
+QList<Get> getsIn(const QString& log) {
+    // 127.0.0.1 [time] "GET /path HTTP/1.1" 200 1234 ...
+    static const QRegularExpression line(QStringLiteral("\"GET (\\S+) [^\"]*\" (\\d+) (\\d+)"));
+    QList<Get> gets;
+    for (const QString& entry : log.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        const QRegularExpressionMatch match = line.match(entry);
+        if (match.hasMatch())
+            gets.append(
+                {match.captured(1), match.captured(2).toInt(), match.captured(3).toLongLong()});
+    }
+    return gets;
+}
+
+bool fetched(const QList<Get>& gets, const QString& path) {
+    return std::any_of(gets.cbegin(), gets.cend(),
+                       [&](const Get& get) { return get.path == path && get.status == 200; });
+}
+
+QString chunkOf(const QString& path) {
+    static const QRegularExpression chunk(QStringLiteral("/[0-9a-f]{2}/([0-9a-f]{64})\\.zst$"));
+    return chunk.match(path).captured(1);
+}
+
+QStringList chunkGets(const QList<Get>& gets, const QString& storePath) {
+    QStringList chunks;
+    for (const Get& get : gets) {
+        if (get.path.startsWith(storePath + QLatin1Char('/')) && !chunkOf(get.path).isEmpty())
+            chunks << chunkOf(get.path);
+    }
+    return chunks;
+}
+
+QSet<QString> chunksOf(const QByteArray& index) {
+    QSet<QString> chunks;
+    for (const ChunkIndexEntry& entry : ChunkIndex::decode(index).entries) {
+        for (const ChunkRef& chunk : entry.chunks)
+            chunks.insert(chunk.sha256);
+    }
+    return chunks;
+}
+
+} // namespace ChunkTraffic

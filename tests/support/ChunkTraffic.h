@@ -1,0 +1,30 @@
+#pragma once
+
+#include <QByteArray>
+#include <QList>
+#include <QSet>
+#include <QString>
+#include <QStringList>
+
+// What a launcher asked a release server for, read from TestServer::accessLog(), and the chunks of
+// a chunk store among it (STORE/ab/<sha256>.zst).
+namespace ChunkTraffic {
+
+struct Get {
+    QString path;
+    int status = 0;
+    qint64 bytes = 0; // of the body, as nginx sent it: fewer than the file's when it was cut
+};
+
+// The GETs of an access log excerpt, in order.
+QList<Get> getsIn(const QString& log);
+// True when `gets` hold a GET of `path` answered with 200.
+bool fetched(const QList<Get>& gets, const QString& path);
+// The chunk a GET of a store asked for, or empty.
+QString chunkOf(const QString& path);
+// The chunks asked for from the store at `storePath` (a path on the server), once per GET.
+QStringList chunkGets(const QList<Get>& gets, const QString& storePath);
+// Every chunk a chunk index names (ChunkIndex JSON), once.
+QSet<QString> chunksOf(const QByteArray& index);
+
+} // namespace ChunkTraffic
