@@ -87,11 +87,11 @@ QCoro::Task<void> GameInstaller::downloadAndPlace(ReleaseManifest manifest, QStr
         co_await unpackAndPlace(std::move(archive), listing, manifest.executable, installFolder);
     }
 
-    if (chunkIndex) {
-        // The chunks kept for this build are in it now, and its index tells the next update where.
-        ChunkCache(locations_.launcherRoot).clear();
+    // Chunks kept by earlier tries are in the build now, or belong to a release no longer wanted;
+    // the index tells the next update what the build holds without reading it.
+    ChunkCache(locations_.launcherRoot).clear();
+    if (chunkIndex)
         BuildIndexes(locations_.launcherRoot).write(installFolder, chunkIndex->bytes);
-    }
 }
 
 QCoro::Task<std::optional<FetchedChunkIndex>> GameInstaller::fetchChunkIndexOrNothing(ReleaseChunks chunks) {
