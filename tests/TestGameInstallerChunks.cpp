@@ -6,8 +6,6 @@
 #include "update/TreeChunker.h"
 
 #include <QCryptographicHash>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QProcess>
 #include <QRandomGenerator>
 
@@ -69,6 +67,7 @@ class TestGameInstallerChunks : public InstallSandbox {
         ReleaseManifest manifest;
         int chunks = 0; // distinct chunks in its index
     };
+    Release old_;
 
     // Publishes `tree` as archive, index and chunks in the server's one store.
     Release publish(const QString& name, bool edited) {
@@ -100,6 +99,25 @@ class TestGameInstallerChunks : public InstallSandbox {
     void makeCurrent(const QString& tree) {
         QVERIFY(QDir(previousBuild()).removeRecursively());
         QCOMPARE(QProcess::execute(QStringLiteral("/bin/cp"), {QStringLiteral("-a"), tree, previousBuild()}), 0);
+    }
+
+    // 0.3.0 installed and current, and 0.3.1 published beside it: what every update here starts from.
+    Release publishUpdateOverCurrent() {
+        old_ = publish(QStringLiteral("0.3.0"), false);
+        makeCurrent(old_.tree);
+        return publish(QStringLiteral("0.3.1"), true);
+    }
+
+    // Installs `update` and checks it came from its archive alone, to the right tree.
+    void verifyInstalledFromTheArchive(const Release& update) {
+        const int before = requestsUnder(QStringLiteral("/store/"));
+        const int archiveBefore = archiveRequests(update);
+        QUrl folder;
+        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
+        QCOMPARE(statuses_, (QStringList{kDownloading, kInstalling}));
+        QCOMPARE(requestsUnder(QStringLiteral("/store/")), before);
+        QCOMPARE(archiveRequests(update), archiveBefore + 1);
+        verifyTreeOf(update, folder);
     }
 
     int requestsUnder(const QString& prefix) const {
@@ -138,9 +156,7 @@ private slots:
 
     // The current build is read and cut into chunks, and only what it lacks is fetched.
     void onlyTheMissingChunksAreFetched() {
-        const Release old = publish(QStringLiteral("0.3.0"), false);
-        const Release update = publish(QStringLiteral("0.3.1"), true);
-        makeCurrent(old.tree);
+        const Release update = publishUpdateOverCurrent();
         const int before = requestsUnder(QStringLiteral("/store/"));
         QUrl folder;
         QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
@@ -157,23 +173,14 @@ private slots:
 
     // The twin: a manifest without chunks downloads the archive, to the same tree.
     void withoutChunksTheArchiveIsDownloaded() {
-        const Release old = publish(QStringLiteral("0.3.0"), false);
-        Release update = publish(QStringLiteral("0.3.1"), true);
-        makeCurrent(old.tree);
+        Release update = publishUpdateOverCurrent();
         update.manifest.chunks.reset();
-        const int before = requestsUnder(QStringLiteral("/store/"));
-        QUrl folder;
-        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
-        QCOMPARE(archiveRequests(update), 1);
-        QCOMPARE(requestsUnder(QStringLiteral("/store/")), before);
-        verifyTreeOf(update, folder);
+        verifyInstalledFromTheArchive(update);
     }
 
     // A chunk whose bytes are not what its name says: the archive installs the release instead.
     void corruptedChunkFallsBackToTheArchive() {
-        const Release old = publish(QStringLiteral("0.3.0"), false);
-        const Release update = publish(QStringLiteral("0.3.1"), true);
-        makeCurrent(old.tree);
+        const Release update = publishUpdateOverCurrent();
         const QByteArray other = QByteArray("not the chunk ").repeated(100);
         // Every chunk of the new file is needed; spoil all of them.
         const ChunkIndex index = TreeChunker::index(update.tree, kDefaultChunkSizes);
@@ -184,26 +191,21 @@ private slots:
                                        ChunkStore::compress(other.constData(), std::size_t(other.size())));
             }
         }
+        const int before = requestsUnder(QStringLiteral("/store/"));
         QUrl folder;
         QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
         QCOMPARE(statuses_, (QStringList{kDownloading, kInstalling}));
+        QVERIFY(requestsUnder(QStringLiteral("/store/")) > before);
         QCOMPARE(archiveRequests(update), 1);
         verifyTreeOf(update, folder);
     }
 
     // An index that is not the one the manifest names is never read: no chunk is asked for.
     void indexWithAnotherDigestIsNeverUsed() {
-        const Release old = publish(QStringLiteral("0.3.0"), false);
-        Release update = publish(QStringLiteral("0.3.1"), true);
-        makeCurrent(old.tree);
-        update.manifest.chunks->sha256 = old.manifest.chunks->sha256;
-        const int before = requestsUnder(QStringLiteral("/store/"));
-        QUrl folder;
-        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
-        QCOMPARE(requestsUnder(QStringLiteral("/store/")), before);
-        QCOMPARE(archiveRequests(update), 1);
-        verifyTreeOf(update, folder);
-        QVERIFY(!BuildIndexes(home_->launcherRoot()).read(folder.toLocalFile()).has_value());
+        Release update = publishUpdateOverCurrent();
+        update.manifest.chunks->sha256 = old_.manifest.chunks->sha256;
+        verifyInstalledFromTheArchive(update);
+        QVERIFY(!BuildIndexes(home_->launcherRoot()).read(home_->versionsRoot() + QStringLiteral("/0.3.1")).has_value());
     }
 
     // Indexes no release tool writes, served with the digest the manifest gives: each is refused
@@ -217,41 +219,30 @@ private slots:
     }
     void hostileIndexIsRefused() {
         QFETCH(QByteArray, entry);
-        const Release old = publish(QStringLiteral("0.3.0"), false);
-        Release update = publish(QStringLiteral("0.3.1"), true);
-        makeCurrent(old.tree);
-        QJsonObject index = QJsonDocument::fromJson(TestFiles::readFile(
-                                server_->documentRoot() + QStringLiteral("/indexes/0.3.1.json"))).object();
-        QByteArray hostile = QJsonDocument(index).toJson(QJsonDocument::Compact);
+        Release update = publishUpdateOverCurrent();
+        QByteArray hostile = TestFiles::readFile(server_->documentRoot() + QStringLiteral("/indexes/0.3.1.json"));
+        QVERIFY(hostile.contains("\"entries\":["));
         hostile.replace("\"entries\":[", "\"entries\":[" + entry + ',');
         server_->writeFile(QStringLiteral("indexes/hostile.json"), hostile);
         update.manifest.chunks->index = server_->url(QStringLiteral("/indexes/hostile.json"));
         update.manifest.chunks->sha256 = sha256Of(hostile);
-        const int before = requestsUnder(QStringLiteral("/store/"));
-        QUrl folder;
-        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
-        QCOMPARE(requestsUnder(QStringLiteral("/store/")), before);
-        QCOMPARE(archiveRequests(update), 1);
-        verifyTreeOf(update, folder);
+        verifyInstalledFromTheArchive(update);
         QCOMPARE(entriesOf(outside()), QStringList());
     }
 
     // Chunks kept by an earlier try that did not finish are not fetched again.
     void chunksKeptFromAnEarlierTryAreNotFetchedAgain() {
-        const Release old = publish(QStringLiteral("0.3.0"), false);
-        const Release update = publish(QStringLiteral("0.3.1"), true);
-        makeCurrent(old.tree);
+        const Release update = publishUpdateOverCurrent();
         const ChunkIndex index = TreeChunker::index(update.tree, kDefaultChunkSizes);
         QString kept;
         for (const ChunkIndexEntry& entry : index.entries) {
             if (entry.path == QStringLiteral("data/new.pak"))
                 kept = entry.chunks.front().sha256;
         }
-        const QByteArray stored = TestFiles::readFile(server_->documentRoot() + QStringLiteral("/store/") +
-                                                      ChunkStore::relativePath(kept));
-        TestFiles::writeFile(home_->launcherRoot() + QStringLiteral("/chunks/") + kept,
-                             ChunkStore::decode(stored, chunkNamed(index, kept).size, kept));
         const QString keptPath = QStringLiteral("/store/") + ChunkStore::relativePath(kept);
+        TestFiles::writeFile(home_->launcherRoot() + QStringLiteral("/chunks/") + kept,
+                             ChunkStore::decode(TestFiles::readFile(server_->documentRoot() + keptPath),
+                                                chunkNamed(index, kept).size, kept));
         const int keptBefore = requestsUnder(keptPath);
         const int before = requestsUnder(QStringLiteral("/store/"));
         QUrl folder;
@@ -264,13 +255,8 @@ private slots:
     // Nothing here to build from: the archive is quicker, and the index is kept for the next update.
     void firstInstallComesFromTheArchiveAndKeepsItsIndex() {
         const Release update = publish(QStringLiteral("0.3.1"), true);
-        const int before = requestsUnder(QStringLiteral("/store/"));
-        QUrl folder;
-        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
-        QCOMPARE(archiveRequests(update), 1);
-        QCOMPARE(requestsUnder(QStringLiteral("/store/")), before);
-        verifyTreeOf(update, folder);
-        QVERIFY(BuildIndexes(home_->launcherRoot()).read(folder.toLocalFile()).has_value());
+        verifyInstalledFromTheArchive(update);
+        QVERIFY(BuildIndexes(home_->launcherRoot()).read(home_->versionsRoot() + QStringLiteral("/0.3.1")).has_value());
     }
 };
 
