@@ -4,9 +4,14 @@
 
 #include <QFile>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <exception>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -87,25 +92,10 @@ void writeAll(int fd, const char* bytes, std::size_t size, const std::string& pa
     }
 }
 
-class Assembly {
+// Writes files from their chunks, checking each against its entry. One per thread.
+class FileWriter {
 public:
-    Assembly(const QHash<QString, ChunkLocation>& locations, mode_t umask) : locations_(locations), umask_(umask) {}
-
-    void folder(const std::string& path, const ChunkIndexEntry& entry) {
-        if (::mkdir(path.c_str(), 0700) != 0)
-            failWithErrno(path, "cannot be made");
-        folders_.emplace_back(path, mode_t(entry.mode) & ~umask_);
-    }
-
-    void symlink(const std::string& path, const ChunkIndexEntry& entry) {
-        const std::string target = QFile::encodeName(entry.target).toStdString();
-        if (::symlink(target.c_str(), path.c_str()) != 0)
-            failWithErrno(path, "cannot be made");
-        std::string read(target.size() + 1, '\0');
-        const ssize_t n = ::readlink(path.c_str(), read.data(), read.size());
-        if (n < 0 || std::size_t(n) != target.size() || read.compare(0, target.size(), target) != 0)
-            fail(path, "does not lead where the index says");
-    }
+    FileWriter(const QHash<QString, ChunkLocation>& locations, mode_t umask) : locations_(locations), umask_(umask) {}
 
     void file(const std::string& path, const ChunkIndexEntry& entry) {
         const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
@@ -139,6 +129,34 @@ public:
             failWithErrno(path, "cannot be written");
     }
 
+private:
+    const QHash<QString, ChunkLocation>& locations_;
+    mode_t umask_;
+    ChunkReader reader_;
+    std::vector<char> buffer_;
+};
+
+// Folders and symlinks, made before any file so that every file's folder is there.
+class TreeWriter {
+public:
+    explicit TreeWriter(mode_t umask) : umask_(umask) {}
+
+    void folder(const std::string& path, const ChunkIndexEntry& entry) {
+        if (::mkdir(path.c_str(), 0700) != 0)
+            failWithErrno(path, "cannot be made");
+        folders_.emplace_back(path, mode_t(entry.mode) & ~umask_);
+    }
+
+    static void symlink(const std::string& path, const ChunkIndexEntry& entry) {
+        const std::string target = QFile::encodeName(entry.target).toStdString();
+        if (::symlink(target.c_str(), path.c_str()) != 0)
+            failWithErrno(path, "cannot be made");
+        std::string read(target.size() + 1, '\0');
+        const ssize_t n = ::readlink(path.c_str(), read.data(), read.size());
+        if (n < 0 || std::size_t(n) != target.size() || read.compare(0, target.size(), target) != 0)
+            fail(path, "does not lead where the index says");
+    }
+
     // Innermost first, so that a folder without write permission is filled before it gets it.
     void finishFolders() {
         for (auto it = folders_.rbegin(); it != folders_.rend(); ++it) {
@@ -152,31 +170,68 @@ public:
     }
 
 private:
-    const QHash<QString, ChunkLocation>& locations_;
     mode_t umask_;
-    ChunkReader reader_;
-    std::vector<char> buffer_;
     std::vector<std::pair<std::string, mode_t>> folders_;
 };
+
+// Writes `files` on up to four threads, the calling one included: hashing and copying a build
+// is bound by the processor, and each file is written by one thread from start to end. The
+// first failure stops the others from starting another file and is thrown.
+void writeFiles(const std::vector<std::pair<std::string, const ChunkIndexEntry*>>& files,
+                const QHash<QString, ChunkLocation>& locations, mode_t umask) {
+    std::atomic<std::size_t> next{0};
+    std::atomic<bool> failed{false};
+    std::mutex failureLock;
+    std::exception_ptr failure;
+    const auto work = [&] {
+        FileWriter writer(locations, umask);
+        while (!failed.load()) {
+            const std::size_t i = next.fetch_add(1);
+            if (i >= files.size())
+                return;
+            try {
+                writer.file(files[i].first, *files[i].second);
+            } catch (...) {
+                const std::lock_guard lock(failureLock);
+                if (!failure)
+                    failure = std::current_exception();
+                failed = true;
+            }
+        }
+    };
+    const unsigned helpers = std::min(std::max(std::thread::hardware_concurrency(), 1u), 4u) - 1;
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < helpers && i + 1 < files.size(); ++i)
+        threads.emplace_back(work);
+    work();
+    for (std::thread& thread : threads)
+        thread.join();
+    if (failure)
+        std::rethrow_exception(failure);
+}
 
 } // namespace
 
 void assembleBuild(const ChunkIndex& index, const QHash<QString, ChunkLocation>& locations, const QString& staging) {
     const std::string top = QFile::encodeName(staging).toStdString();
-    Assembly assembly(locations, currentUmask());
+    // tar keeps an archive's modes exactly for root and takes the umask off for anyone else.
+    const mode_t umask = ::geteuid() == 0 ? 0 : currentUmask();
+    TreeWriter tree(umask);
+    std::vector<std::pair<std::string, const ChunkIndexEntry*>> files;
     for (const ChunkIndexEntry& entry : index.entries) {
-        const std::string path = top + '/' + QFile::encodeName(entry.path).toStdString();
+        std::string path = top + '/' + QFile::encodeName(entry.path).toStdString();
         switch (entry.kind) {
         case ChunkIndexEntry::Kind::folder:
-            assembly.folder(path, entry);
+            tree.folder(path, entry);
             break;
         case ChunkIndexEntry::Kind::symlink:
-            assembly.symlink(path, entry);
+            TreeWriter::symlink(path, entry);
             break;
         case ChunkIndexEntry::Kind::file:
-            assembly.file(path, entry);
+            files.emplace_back(std::move(path), &entry);
             break;
         }
     }
-    assembly.finishFolders();
+    writeFiles(files, locations, umask);
+    tree.finishFolders();
 }

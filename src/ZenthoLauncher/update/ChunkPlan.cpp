@@ -4,6 +4,7 @@
 #include "update/TreeChunker.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QSet>
 
 #include <stdexcept>
@@ -64,12 +65,14 @@ private:
 ChunkPlan planChunks(const ChunkIndex& wanted, const ChunkCache& cache, const std::vector<SeedBuild>& seeds) {
     ChunkPlan plan;
     Finder finder(plan);
+    // Emptied after every install, the cache is usually not there at all.
+    const bool cacheHoldsAny = QFileInfo(cache.path()).isDir();
     for (const ChunkIndexEntry& entry : wanted.entries) {
         for (const ChunkRef& chunk : entry.chunks) {
             if (finder.pending.contains(chunk.sha256) || plan.found.contains(chunk.sha256))
                 continue;
             plan.wantedBytes += chunk.size;
-            if (cache.holds(chunk.sha256, chunk.size)) {
+            if (cacheHoldsAny && cache.holds(chunk.sha256, chunk.size)) {
                 plan.found.insert(chunk.sha256, ChunkLocation{cache.pathOf(chunk.sha256), 0});
                 plan.keptBytes += chunk.size;
             } else {
