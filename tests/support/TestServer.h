@@ -24,6 +24,8 @@ class FaultServer;
 //   /drip/<path>            the file at 1 KiB/s
 //   /trickle/<path>         the file at 4 KiB/s: above the throughput floor, never quick
 //   /rate50m/<path>         the file at 50 MiB/s, a fast home link
+//   /rate8m/<path>          the file at 8 MiB/s a request: a sixth of that link for each of
+//                           six requests at once
 //   /throttle/<path>        the file at 1 MiB/s
 //   /norange/<path>         the file at 1 MiB/s, always whole: Range is ignored
 //   /stall                  status 200, 64 KiB of body, then nothing for an hour

@@ -1,0 +1,413 @@
+// What an update costs the player through chunks next to its archive, press to game: the real
+// launcher of this build, started as for an invite link (the press), updates a game from 0.3.0 to
+// 0.3.1 on a real nginx over loopback HTTPS, timed until the stand-in game of 0.3.1 writes its
+// record; nginx's access log tells what was sent.
+//
+// The builds are BenchChunkStore's (same generator and seed: half bytes that do not compress,
+// half text-like; 0.3.1 changes 1 % of the bytes in 20 files and adds a 5 MiB file), plus empty
+// folders, a private file and a symlink 0.3.1 points elsewhere, so that comparing the installed
+// trees covers every kind of entry. Both are packed with the real zentho-release into one store.
+// The launcher installs 0.3.0 itself (nothing to take chunks from, so from its archive, keeping
+// its index); each run starts from a copy of that storage at the same path, since a kept index
+// names the folder of its build.
+//
+//   A  the 0.3.1 manifest without "chunks": the archive at 50 MiB/s (nginx limit_rate 50m)
+//   B  the same with "chunks": the index at 50 MiB/s, each chunk request at 8 MiB/s; the launcher
+//      runs 6 at a time, so together they stay under 50 MiB/s
+//   C  as B without the kept indexes: the launcher reads 0.3.0 to find its chunks
+//   D  a press with 0.3.1 already in place: what every press costs besides the install
+//
+// Exit status 0 when both goals are met, 2 when one is not, 1 when a run failed, B fell back to
+// the archive or the installed trees differ.
+//
+//   BenchChunkedUpdate          a 1 GiB build, B three times
+//   BenchChunkedUpdate 256 1    another size in MiB, and how often B runs
+
+#include "LauncherBundles.h"
+#include "PatchedBuilds.h"
+#include "RealLauncher.h"
+#include "ReleaseTool.h"
+#include "TestServer.h"
+#include "TreeSnapshot.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <random>
+
+namespace {
+
+const qint64 kMiB = 1024 * 1024;
+const QString kNew = QStringLiteral("0.3.1");
+const QString kNoLauncherUpdate = QStringLiteral("file:///dev/null/no-launcher-manifest.json");
+
+// Entries other than 0644 files and 0755 folders, for the tree comparison to see.
+bool addOtherKinds(const QString& root, const QString& linkTarget) {
+    std::mt19937_64 random(11);
+    const QString config = root + QStringLiteral("/config");
+    return QDir().mkpath(root + QStringLiteral("/saves/slots")) && QDir().mkpath(config) &&
+           PatchedBuilds::write(config + QStringLiteral("/user.cfg"), PatchedBuilds::text(4096, random)) &&
+           QFile::setPermissions(config + QStringLiteral("/user.cfg"), QFile::ReadOwner | QFile::WriteOwner) &&
+           QFile::setPermissions(config, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner |
+                                             QFile::ReadGroup | QFile::ExeGroup) &&
+           QFile::link(linkTarget, root + QStringLiteral("/data/current"));
+}
+
+// BenchChunkStore's builds, and entries other than 0644 files and 0755 folders; returns the bytes
+// changed in existing files, or -1.
+qint64 makeBuilds(const QString& old, const QString& next, qint64 total) {
+    const qint64 changed = PatchedBuilds::make(old, next, total);
+    if (changed < 0 || !addOtherKinds(old, QStringLiteral("levels00.txt")) ||
+        !addOtherKinds(next, QStringLiteral("levels01.txt")))
+        return -1;
+    return changed;
+}
+
+struct Release {
+    QString archive, index, manifest, chunks; // chunks: pack's "chunks:" line
+    qint64 archiveBytes = -1, newChunkBytes = -1;
+    double seconds = 0;
+};
+
+// Packs `source` into `store` (served at /rate8m/chunks) and links its archive and index into
+// the server's /builds, which the manifest names as `buildsPath`.
+Release pack(const TestServer& server, const QString& source, const QString& version, const QString& out,
+             const QString& store, const QString& buildsPath) {
+    QElapsedTimer clock;
+    clock.start();
+    const ReleaseTool::Run run = ReleaseTool::packGame(
+        source, version, server.url(buildsPath).toString(), out,
+        {QStringLiteral("--chunks"), store, QStringLiteral("--chunks-url"), server.url(QStringLiteral("/rate8m/chunks")).toString()},
+        30 * 60 * 1000);
+    Release release;
+    release.seconds = double(clock.elapsed()) / 1000;
+    if (!run.ok()) {
+        std::fprintf(stderr, "pack %s failed (status %d): %s\n", qPrintable(version), run.exitCode, run.errors.constData());
+        return release;
+    }
+    release.archive = run.line(QStringLiteral("archive"));
+    release.index = run.line(QStringLiteral("index"));
+    release.manifest = run.line(QStringLiteral("manifest"));
+    release.chunks = run.line(QStringLiteral("chunks"));
+    release.newChunkBytes = run.line(QStringLiteral("new chunk bytes")).section(QLatin1Char(' '), 0, 0).toLongLong();
+    const QString builds = server.documentRoot() + QStringLiteral("/builds/");
+    if (QDir().mkpath(builds) && QFile::link(release.archive, builds + QFileInfo(release.archive).fileName()) &&
+        QFile::link(release.index, builds + QFileInfo(release.index).fileName()))
+        release.archiveBytes = QFileInfo(release.archive).size();
+    return release;
+}
+
+// Serves the manifest of `release`, without its "chunks" member unless `withChunks`; returns its URL.
+QString serveManifest(const TestServer& server, const Release& release, const QString& name, bool withChunks) {
+    QFile file(release.manifest);
+    file.open(QIODevice::ReadOnly);
+    QJsonObject manifest = QJsonDocument::fromJson(file.readAll()).object();
+    if (!withChunks)
+        manifest.remove(QStringLiteral("chunks"));
+    server.writeFile(QStringLiteral("manifests/") + name, QJsonDocument(manifest).toJson());
+    return server.url(QStringLiteral("/manifests/") + name).toString();
+}
+
+// The storage as it was after 0.3.0, at the path it had.
+bool restore(const QString& pristine, const QString& data) {
+    return QDir(data).removeRecursively() &&
+           QProcess::execute(QStringLiteral("/bin/cp"), {QStringLiteral("-a"), pristine, data}) == 0;
+}
+
+struct Press {
+    double seconds = -1; // from the launcher's start to the game's record
+    QString cwd;         // where the game ran
+    QList<QPair<QString, double>> signs; // when each sign of progress first showed
+    std::optional<int> exit;
+    QByteArray errors;
+};
+
+// Presses the button once on the storage `data`, watching every few milliseconds for signs of the
+// install's steps in the storage and for the game's record.
+Press press(const TestServer& server, const QString& data, const QString& manifestUrl, const QString& record,
+            const QString& version) {
+    QFile::remove(record);
+    const QString root = data + QStringLiteral("/Zentho/launcher");
+    const auto holds = [](const QString& folder, const QStringList& names = {}) {
+        return !QDir(folder).entryList(names, QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).isEmpty();
+    };
+    const QList<QPair<QString, std::function<bool()>>> watched{
+        {QStringLiteral("archive bytes arriving"), [&] { return holds(root + QStringLiteral("/downloads")); }},
+        {QStringLiteral("first chunk kept"), [&] { return holds(root + QStringLiteral("/chunks")); }},
+        {QStringLiteral("staging made"), [&] { return holds(root, {QStringLiteral("staging-*")}); }},
+        {QStringLiteral("build in place"), [&] { return QFileInfo::exists(root + QStringLiteral("/versions/") + version); }},
+    };
+    QList<bool> pending; // a sign there from the start tells nothing
+    for (const auto& sign : watched)
+        pending << !sign.second();
+
+    RealLauncher launcher(LauncherBundles::builtBundle(), data);
+    launcher.useManifests(manifestUrl, kNoLauncherUpdate);
+    launcher.recordGameStartIn(record);
+    Press result;
+    QElapsedTimer clock;
+    clock.start();
+    launcher.start(server, QStringLiteral("zentho://invite/bench-chunked-update"));
+    QByteArray recorded;
+    for (QDeadlineTimer deadline(240000); !deadline.hasExpired();) {
+        const double now = double(clock.nsecsElapsed()) / 1e9;
+        for (int i = 0; i < watched.size(); ++i) {
+            if (pending[i] && watched[i].second()) {
+                pending[i] = false;
+                result.signs.append({watched[i].first, now});
+            }
+        }
+        QFile file(record);
+        if (file.open(QIODevice::ReadOnly))
+            recorded = file.readAll();
+        if (RealLauncher::recordedPid(recorded) > 0 && recorded.endsWith('\n')) {
+            result.seconds = now;
+            break;
+        }
+        QCoreApplication::processEvents();
+        QThread::msleep(5);
+    }
+    const qsizetype cwd = recorded.indexOf("\ncwd=") + 5;
+    result.cwd = cwd < 5 ? QString() : QString::fromLocal8Bit(recorded.mid(cwd, recorded.indexOf('\n', cwd) - cwd));
+    // The launcher watches the game for a moment before it quits: a game ended sooner keeps it open.
+    result.exit = launcher.waitForExit(30000);
+    result.errors = launcher.errors();
+    if (const qint64 pid = RealLauncher::recordedPid(recorded); pid > 0)
+        RealLauncher::terminateAndCollect(pid);
+    return result;
+}
+
+// What nginx sent from line `from` of its access log on, by kind of request.
+struct Sent {
+    qint64 bytes = 0;
+    int requests = 0;
+};
+struct Traffic {
+    Sent archive, index, chunks;
+    int failed = 0;
+};
+
+int logLines(const TestServer& server) {
+    return int(server.accessLog().split(QLatin1Char('\n'), Qt::SkipEmptyParts).size());
+}
+
+Traffic trafficSince(const TestServer& server, int from) {
+    static const QRegularExpression request(QStringLiteral("\"GET (\\S+) [^\"]*\" (\\d+) (\\d+)"));
+    const QStringList lines = server.accessLog().split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    Traffic traffic;
+    for (qsizetype i = from; i < lines.size(); ++i) {
+        const QRegularExpressionMatch match = request.match(lines[i]);
+        const QString path = match.captured(1);
+        Sent* kind = path.endsWith(QLatin1String(".tar.gz"))        ? &traffic.archive
+                     : path.endsWith(QLatin1String(".chunks.json")) ? &traffic.index
+                     : path.contains(QLatin1String("/chunks/"))     ? &traffic.chunks
+                                                                    : nullptr;
+        if (!kind)
+            continue;
+        kind->bytes += match.captured(3).toLongLong();
+        ++kind->requests;
+        traffic.failed += match.captured(2) == QLatin1String("200") ? 0 : 1;
+    }
+    return traffic;
+}
+
+// A snapshot without the files' modification times: the index carries none, so a build put
+// together from chunks has the times it was written at, where tar gives the archive's.
+QStringList withoutTimes(const QStringList& snapshot) {
+    QStringList lines;
+    for (const QString& line : snapshot) {
+        QStringList fields = line.split(QLatin1Char(' '));
+        if (fields.size() >= 6 && fields[1] == QLatin1String("file"))
+            fields.removeAt(5);
+        lines << fields.join(QLatin1Char(' '));
+    }
+    return lines;
+}
+
+struct Run {
+    Press press;
+    Traffic traffic;
+    QStringList tree;
+};
+
+void printRun(const QString& name, const Run& run) {
+    const Traffic& t = run.traffic;
+    std::printf("%-3s press->game %6.2f s, sent %10lld bytes (archive %d req %lld B, index %d req %lld B, chunks %d req "
+                "%lld B)%s\n",
+                qPrintable(name), run.press.seconds, t.archive.bytes + t.index.bytes + t.chunks.bytes,
+                t.archive.requests, t.archive.bytes, t.index.requests, t.index.bytes, t.chunks.requests,
+                t.chunks.bytes, t.failed ? " SOME NOT 200" : "");
+    QString steps;
+    for (const auto& [sign, at] : run.press.signs)
+        steps += QStringLiteral("%1 %2 s, ").arg(sign).arg(at, 0, 'f', 2);
+    std::printf("    steps: %sgame running %.2f s\n", qPrintable(steps), run.press.seconds);
+}
+
+double stepAt(const Press& press, const char* sign) {
+    for (const auto& [name, at] : press.signs) {
+        if (name == QLatin1String(sign))
+            return at;
+    }
+    return -1;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    QElapsedTimer wall;
+    wall.start();
+    const qint64 total = (argc > 1 ? QByteArray(argv[1]).toLongLong() : 1024) * kMiB;
+    const int chunkRounds = argc > 2 ? std::max(1, QByteArray(argv[2]).toInt()) : 3;
+    if (total < 64 * kMiB) {
+        std::fprintf(stderr, "usage: BenchChunkedUpdate [MiB, at least 64] [runs of B]\n");
+        return 2;
+    }
+    if (qEnvironmentVariableIsEmpty("ZENTHO_BUILD_DIR"))
+        qputenv("ZENTHO_BUILD_DIR", QFile::encodeName(QCoreApplication::applicationDirPath() + QStringLiteral("/..")));
+    for (const QString& needed : {LauncherBundles::releaseTool(), ReleaseTool::standinGame020(),
+                                  RealLauncher::executableOf(LauncherBundles::builtBundle())}) {
+        if (!QFileInfo(needed).isExecutable()) {
+            std::fprintf(stderr, "%s is missing: build the bench target\n", qPrintable(needed));
+            return 1;
+        }
+    }
+    QTemporaryDir work(QDir::tempPath() + QStringLiteral("/BenchChunkedUpdate-XXXXXX"));
+    const auto at = [&](const char* name) { return work.filePath(QString::fromLatin1(name)); };
+    const QString data = at("data"), pristine = at("pristine"), record = at("record"), store = at("store");
+    const QString root = data + QStringLiteral("/Zentho/launcher");
+    const qint64 changed = work.isValid() ? makeBuilds(at("game-0.3.0"), at("game-0.3.1"), total) : -1;
+    if (changed < 0 || !RealLauncher::becomeSubreaper()) {
+        std::fprintf(stderr, "cannot write the builds in %s\n", qPrintable(work.path()));
+        return 1;
+    }
+    std::printf("working folder: %s\n", qPrintable(work.path()));
+    std::printf("build: %lld MiB (half incompressible, half text-like); 0.3.1 changes %lld bytes in %d files "
+                "(%.2f %%), adds a 5 MiB file and points a symlink elsewhere\n",
+                total / kMiB, changed, PatchedBuilds::kChangedFiles, 100.0 * double(changed) / double(total));
+
+    TestServer server;
+    QFile::link(store, server.documentRoot() + QStringLiteral("/chunks"));
+    const Release first = pack(server, at("game-0.3.0"), QStringLiteral("0.3.0"), at("out-0.3.0"), store, QStringLiteral("/builds"));
+    const Release second = pack(server, at("game-0.3.1"), kNew, at("out-0.3.1"), store, QStringLiteral("/rate50m/builds"));
+    if (first.archiveBytes < 0 || second.archiveBytes < 0)
+        return 1;
+    std::printf("pack 0.3.0: %.1f s, chunks %s; pack 0.3.1 into the same store: %.1f s, chunks %s, new chunk bytes %lld\n",
+                first.seconds, qPrintable(first.chunks), second.seconds, qPrintable(second.chunks), second.newChunkBytes);
+    std::printf("archive 0.3.1: %lld bytes; index 0.3.1: %lld bytes\n", second.archiveBytes, QFileInfo(second.index).size());
+
+    // 0.3.0 through the launcher, as a player gets it: from its archive, its index kept.
+    const Press installed = press(server, data, serveManifest(server, first, QStringLiteral("0.3.0.json"), true), record,
+                                  QStringLiteral("0.3.0"));
+    const qsizetype kept = QDir(root + QStringLiteral("/indexes")).entryList(QDir::Files).size();
+    if (installed.cwd != root + QStringLiteral("/versions/0.3.0") || kept != 1 || !QDir().rename(data, pristine)) {
+        std::fprintf(stderr, "0.3.0 was not installed with its index kept (game in \"%s\", %lld indexes kept): %s\n",
+                     qPrintable(installed.cwd), qlonglong(kept), installed.errors.constData());
+        return 1;
+    }
+    std::printf("first install of 0.3.0 (archive, unthrottled): press->game %.2f s, index kept\n\n", installed.seconds);
+
+    const QString archiveManifest = serveManifest(server, second, QStringLiteral("0.3.1-archive.json"), false);
+    const QString chunksManifest = serveManifest(server, second, QStringLiteral("0.3.1-chunks.json"), true);
+    const QString expected = root + QStringLiteral("/versions/") + kNew;
+    bool allRan = true;
+    const auto runOnce = [&](const QString& manifest, bool fromPristine, bool withoutIndexes, bool snapshot) {
+        Run run;
+        if ((fromPristine && !restore(pristine, data)) ||
+            (withoutIndexes && !QDir(root + QStringLiteral("/indexes")).removeRecursively()))
+            allRan = false;
+        const int from = logLines(server);
+        run.press = press(server, data, manifest, record, kNew);
+        run.traffic = trafficSince(server, from);
+        if (run.press.cwd != expected || run.press.exit != std::optional<int>(0)) {
+            std::fprintf(stderr, "the update did not start 0.3.1 (game in \"%s\", exit %d): %s\n",
+                         qPrintable(run.press.cwd), run.press.exit.value_or(-1), run.press.errors.constData());
+            allRan = false;
+        }
+        if (snapshot)
+            run.tree = TreeSnapshot::of(expected);
+        return run;
+    };
+    const Run a = runOnce(archiveManifest, true, false, true);
+    QList<Run> bs;
+    for (int i = 0; i < chunkRounds; ++i)
+        bs << runOnce(chunksManifest, true, false, i == 0);
+    const Run c = runOnce(chunksManifest, true, true, true);
+    const Run d = runOnce(chunksManifest, false, false, false);
+    if (!allRan)
+        return 1;
+
+    QList<double> times;
+    for (const Run& b : bs)
+        times << b.press.seconds;
+    std::sort(times.begin(), times.end());
+    const double bSeconds = times[times.size() / 2];
+    const Run& b = bs.first();
+    std::printf("A   archive, nginx limit_rate 50m (50 MiB/s)\n");
+    printRun(QStringLiteral("A"), a);
+    std::printf("B   chunks: the index under limit_rate 50m, the chunks under limit_rate 8m, which nginx applies to "
+                "each request; the launcher runs 6 at a time, so together at most 48 MiB/s\n");
+    for (int i = 0; i < bs.size(); ++i)
+        printRun(QStringLiteral("B%1").arg(i + 1), bs[i]);
+    std::printf("C   as B without the kept indexes: the launcher reads 0.3.0 to find its chunks (informational)\n");
+    printRun(QStringLiteral("C"), c);
+    std::printf("D   press with 0.3.1 already in place (informational)\n");
+    printRun(QStringLiteral("D"), d);
+    // The chunks had the link from about when the first was kept until the staging folder, which
+    // the launcher makes once the last is in.
+    for (int i = 0; i < bs.size(); ++i) {
+        const double firstChunk = stepAt(bs[i].press, "first chunk kept");
+        const double span = stepAt(bs[i].press, "staging made") - firstChunk;
+        if (firstChunk > 0 && span > 0)
+            std::printf("B%d chunks came at %.1f MiB/s together (first kept to staging made: %.2f s)\n", i + 1,
+                        double(bs[i].traffic.chunks.bytes) / kMiB / span, span);
+    }
+    std::printf("\n");
+
+    const qint64 bBytes = b.traffic.index.bytes + b.traffic.chunks.bytes;
+    const double byteShare = double(bBytes) / double(second.archiveBytes);
+    const double timeRatio = bSeconds / a.press.seconds;
+    const bool noArchive = std::all_of(bs.cbegin(), bs.cend(), [](const Run& r) { return r.traffic.archive.requests == 0; });
+    const QStringList aTree = withoutTimes(a.tree);
+    const bool sameTree = aTree == withoutTimes(b.tree) && aTree == withoutTimes(c.tree);
+    qsizetype timesDiffer = 0;
+    for (qsizetype i = 0; i < a.tree.size(); ++i)
+        timesDiffer += a.tree[i] != b.tree.value(i) ? 1 : 0;
+    std::printf("B bytes / archive 0.3.1: %lld / %lld = %.2f %% (goal <= 3 %%: %s)\n", bBytes, second.archiveBytes,
+                100 * byteShare, byteShare <= 0.03 ? "met" : "NOT MET");
+    std::printf("B time / A time: %.2f s (median of %lld) / %.2f s = %.3f (goal <= 0.15: %s)\n", bSeconds,
+                qlonglong(times.size()), a.press.seconds, timeRatio, timeRatio <= 0.15 ? "met" : "NOT MET");
+    std::printf("B asked for the archive: %s\n", noArchive ? "no" : "YES (fell back)");
+    std::printf("installed 0.3.1 of A, B and C (%lld entries; contents, kinds, modes, symlinks, folders): %s\n",
+                qlonglong(a.tree.size()), sameTree ? "identical" : "DIFFERENT");
+    std::printf("file modification times, A against B: %lld entries differ (tar sets the archive's, chunks the time of "
+                "writing)\n",
+                qlonglong(timesDiffer));
+    std::printf("C (no kept index) press->game: %.2f s, %.2f x B\n", c.press.seconds, c.press.seconds / bSeconds);
+    for (const Run* other : {&b, &c}) {
+        const QStringList tree = withoutTimes(other->tree);
+        for (qsizetype i = 0; i < std::max(aTree.size(), tree.size()); ++i) {
+            if (aTree.value(i) != tree.value(i))
+                std::fprintf(stderr, "A: %s\n%s: %s\n", qPrintable(aTree.value(i)), other == &b ? "B" : "C",
+                             qPrintable(tree.value(i)));
+        }
+    }
+    std::printf("bench wall time: %.0f s\n", double(wall.elapsed()) / 1000);
+    if (!noArchive || !sameTree)
+        return 1;
+    return byteShare <= 0.03 && timeRatio <= 0.15 ? 0 : 2;
+}
