@@ -135,7 +135,7 @@ private slots:
         QCOMPARE(f.platform.clipboardWrites.size(), 3);
     }
 
-    void returnAndEnterPressTheMainButton() {
+    void returnEnterAndSpacePressTheMainButton() {
         WindowFixture f;
         QTRY_COMPARE(focusedName(f), QStringLiteral("updateAndPlayButton"));
         QStringList seen;
@@ -151,6 +151,28 @@ private slots:
         press(f, Qt::Key_Enter);
         QCOMPARE(seen.value(0), QStringLiteral("Checking launcher version..."));
         QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 10000);
+        QTRY_COMPARE(focusedName(f), QStringLiteral("updateAndPlayButton"));
+        seen.clear();
+        press(f, Qt::Key_Space);
+        QCOMPARE(seen.value(0), QStringLiteral("Checking launcher version..."));
+        QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 10000);
+    }
+
+    void returnEnterAndSpacePressPlayThisVersion() {
+        WindowFixture f({QStringLiteral("0.2.0")});
+        QTRY_COMPARE(focusedName(f), QStringLiteral("updateAndPlayButton"));
+        press(f, Qt::Key_Tab);
+        press(f, Qt::Key_Tab);
+        QCOMPARE(focusedName(f), QStringLiteral("playInstalledButton"));
+        QStringList seen;
+        connect(f.model.get(), &LauncherModel::statusChanged, this, [&] { seen.append(f.model->status()); });
+        for (const Qt::Key key : {Qt::Key_Return, Qt::Key_Enter, Qt::Key_Space}) {
+            seen.clear();
+            press(f, key);
+            QCOMPARE(seen.value(0), QStringLiteral("Starting ZENTHO 0.2.0..."));
+            QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 10000);
+            QTRY_COMPARE(focusedName(f), QStringLiteral("playInstalledButton"));
+        }
     }
 
     void focusReturnsToTheMainButtonWhenItIsEnabledAgain() {
