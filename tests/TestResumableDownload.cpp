@@ -257,6 +257,33 @@ private slots:
         QCOMPARE(sink_.afterLastRestart, bytes);
     }
 
+    // A resume that brings no byte is not tried again: the attempt ends, keeping what it has.
+    void resumeThatAddsNothingEndsTheAttempt() {
+        const int before = server_->faultServer().rangesAsked().size();
+        QVERIFY(failureOf(fault(QStringLiteral("stuck/1000000/300000"))));
+        // A plain request, then one range from where the file ends (a drop may cost what the
+        // transport had not handed on yet), then nothing more.
+        const QList<QByteArray> ranges = server_->faultServer().rangesAsked().mid(before);
+        QCOMPARE(ranges.size(), 2);
+        QCOMPARE(ranges.first(), QByteArray());
+        const qint64 kept = QFileInfo(files().archive).size();
+        QVERIFY(kept > 0 && kept <= 300000);
+        QCOMPARE(ranges.last(), "bytes=" + QByteArray::number(kept) + '-');
+    }
+
+    // A 206 for another range than the one asked for is never spliced on: the download starts over.
+    void rangeThatDoesNotFitStartsOverWithAPlainRequest() {
+        const QUrl url = fault(QStringLiteral("misplaced/1000000/0"));
+        const QByteArray bytes = FaultServer::cutBody(1000000);
+        keep(url, bytes.left(300000), "\"cut-1000000\"");
+        const int before = server_->faultServer().rangesAsked().size();
+        const DownloadResult result = run(url);
+        verifyWhole(result, bytes);
+        QCOMPARE(server_->faultServer().rangesAsked().mid(before),
+                 (QList<QByteArray>{QByteArray("bytes=300000-"), QByteArray()}));
+        QCOMPARE(sink_.afterLastRestart, bytes);
+    }
+
     // Without a validator no range can be asked safely: a cut body is not kept.
     void bodyWithoutValidatorIsNotKept() {
         const std::exception_ptr error = failureOf(fault(QStringLiteral("longer/200000/100000")));

@@ -144,10 +144,13 @@ void FaultServer::serve(int client) {
     const Clock::time_point deadline = Clock::now() + std::chrono::seconds(maximumSeconds());
     const QByteArray request = readRequestHead(client, stopPipe_[0], deadline);
     const QList<QByteArray> parts = pathOf(request).split('/'); // "", "fault", kind, ...
-    if (parts.size() == 5 && parts[2] == "cut") {
+    if (parts.size() == 5 && (parts[2] == "cut" || parts[2] == "stuck" || parts[2] == "misplaced")) {
         const qint64 size = std::clamp<qint64>(parts[3].toLongLong(), 0, 64 * 1024 * 1024);
+        const RangeFault fault = parts[2] == "stuck"       ? RangeFault::noBody
+                                 : parts[2] == "misplaced" ? RangeFault::misplaced
+                                                           : RangeFault::none;
         serveCut(client, deadline, request, cutBody(size), "\"cut-" + QByteArray::number(size) + '"',
-                 parts[4].toLongLong());
+                 parts[4].toLongLong(), fault);
         return;
     }
     if (parts.size() == 5 && parts[2] == "cutfile" && !parts[4].startsWith('.')) {
@@ -219,7 +222,7 @@ QByteArray FaultServer::cutBody(qint64 size) {
 }
 
 void FaultServer::serveCut(int client, Clock::time_point deadline, const QByteArray& request,
-                           const QByteArray& body, const QByteArray& etag, qint64 cut) {
+                           const QByteArray& body, const QByteArray& etag, qint64 cut, RangeFault fault) {
     const qint64 size = body.size();
     const QByteArray range = headerOf(request, "Range");
     const QByteArray ifRange = headerOf(request, "If-Range");
@@ -236,6 +239,8 @@ void FaultServer::serveCut(int client, Clock::time_point deadline, const QByteAr
         sendAll(client, stopPipe_[0], deadline, refused, stopping_);
         return;
     }
+    if (from > 0 && fault == RangeFault::misplaced)
+        from = std::max<qint64>(1, from - 1000);
     QByteArray head = from > 0 ? QByteArray("HTTP/1.1 206 Partial Content\r\n")
                                : QByteArray("HTTP/1.1 200 OK\r\n");
     head += "Content-Type: application/octet-stream\r\nConnection: close\r\nAccept-Ranges: bytes\r\n";
@@ -247,7 +252,7 @@ void FaultServer::serveCut(int client, Clock::time_point deadline, const QByteAr
     head += "\r\n";
     if (!sendAll(client, stopPipe_[0], deadline, head, stopping_))
         return;
-    const qint64 end = cut > 0 ? std::min(size, from + cut) : size;
+    const qint64 end = from > 0 && fault == RangeFault::noBody ? from : cut > 0 ? std::min(size, from + cut) : size;
     for (qint64 at = from; at < end && !stopping_;) {
         const qint64 take = std::min<qint64>(64 * 1024, end - at);
         if (!sendAll(client, stopPipe_[0], deadline, body.mid(int(at), int(take)), stopping_))

@@ -26,6 +26,9 @@
 //                             body (0: never), before the announced end
 //   /fault/cutfile/<k>/<name> the same for the file <name> of fileRoot(), whose ETag is its
 //                             digest
+//   /fault/stuck/<n>/<k>      as cut, but an answer to a Range sends its head and no body
+//   /fault/misplaced/<n>/<k>  as cut, but an answer to a Range is a 206 whose range starts
+//                             1000 bytes before the one asked for
 //
 // Bounds: no connection is served longer than maximumSeconds() or past maximumBytes(); the
 // destructor stops every connection and joins its thread.
@@ -54,9 +57,11 @@ public:
 private:
     void acceptLoop();
     void serve(int client);
+    // How an answer to a Range goes wrong, or not.
+    enum class RangeFault { none, noBody, misplaced };
     void serveCut(int client, std::chrono::steady_clock::time_point deadline,
                   const QByteArray& request, const QByteArray& body, const QByteArray& etag,
-                  qint64 cut);
+                  qint64 cut, RangeFault fault = RangeFault::none);
 
     int listener_ = -1;
     int stopPipe_[2] = {-1, -1};
