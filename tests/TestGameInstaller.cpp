@@ -22,6 +22,11 @@ private slots:
         // Only the one item is made executable; the rest keeps what the archive said.
         QCOMPARE(TestFiles::modeOf(home_->versionsRoot() + QStringLiteral("/0.2.0/data/pak0")), 0644);
         QCOMPARE(model_->selectedInstalledPath(), previousBuild()); // the selection is kept
+        // The download's progress reached the taskbar, ending whole, and was taken off after.
+        const QList<double> shown = platform_->taskbarProgress;
+        QVERIFY2(shown.size() >= 2, qPrintable(QString::number(shown.size())));
+        QCOMPARE(shown.at(shown.size() - 2), 1.0);
+        QVERIFY(shown.last() < 0);
     }
 
     // The record-only path, and its twin: the same manifest without the executable on disk.
@@ -35,6 +40,7 @@ private slots:
         QUrl result;
         QCOMPARE(outcomeOf(install(manifest, &result)), QStringLiteral("ok"));
         QCOMPARE(statuses_, QStringList());
+        QCOMPARE(platform_->taskbarProgress, QList<double>()); // nothing downloads, nothing shows
         QCOMPARE(model_->status(), QStringLiteral("Ready"));
         QCOMPARE(result, QUrl::fromLocalFile(folder));
         QCOMPARE(TestFiles::readFile(home_->statePath()), (InstalledState{"0.3.0", folder}).encode());

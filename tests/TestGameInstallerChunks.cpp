@@ -166,6 +166,11 @@ private slots:
         const int fetched = requestsUnder(QStringLiteral("/store/")) - before;
         QVERIFY2(fetched > 0 && fetched <= 6, qPrintable(QString::number(fetched))); // the edit and the new file
         QVERIFY(fetched < update.chunks);
+        // The chunks' progress reached the taskbar, ending whole, and was taken off after.
+        const QList<double> shown = platform_->taskbarProgress;
+        QVERIFY2(shown.size() >= 2, qPrintable(QString::number(shown.size())));
+        QCOMPARE(shown.at(shown.size() - 2), 1.0);
+        QVERIFY(shown.last() < 0);
         // What the build holds is known to the next update without reading it.
         QVERIFY(BuildIndexes(home_->launcherRoot()).read(folder.toLocalFile()).has_value());
         QVERIFY(BuildIndexes(home_->launcherRoot()).read(previousBuild()).has_value());
