@@ -24,6 +24,7 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QRegularExpression>
+#include <QSet>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -244,16 +245,22 @@ private slots:
         const int before = server_->faultServer().rangesAsked().size();
         const std::exception_ptr error = failureOf(url);
         QVERIFY(error);
-        QCOMPARE(server_->faultServer().rangesAsked().size() - before, 6);
+        // A plain request and five ranges. Qt sends a request again by itself when a connection
+        // drops before its answer starts, so the same range may be logged twice under load; what
+        // counts is how many different tries the download made.
+        const QList<QByteArray> asked = server_->faultServer().rangesAsked().mid(before);
+        const QSet<QByteArray> tries(asked.cbegin(), asked.cend());
+        QVERIFY2(tries.size() == 6, asked.join(' ').constData());
         QCOMPARE(QFileInfo(files().archive).size(), 600000);
         QVERIFY(QFileInfo::exists(files().validator));
 
         sink_ = RecordingSink(); // each attempt has its own sink
+        const int secondBefore = server_->faultServer().rangesAsked().size();
         const DownloadResult result = run(url);
         const QByteArray bytes = FaultServer::cutBody(1000000);
         QCOMPARE(result.sha256Hex, sha256Of(bytes));
         QCOMPARE(sink_.bytes, bytes); // the kept 600000 read back, then the rest
-        QCOMPARE(server_->faultServer().rangesAsked().at(before + 6), QByteArray("bytes=600000-"));
+        QCOMPARE(server_->faultServer().rangesAsked().at(secondBefore), QByteArray("bytes=600000-"));
         QCOMPARE(sink_.afterLastRestart, bytes);
     }
 
@@ -263,12 +270,12 @@ private slots:
         QVERIFY(failureOf(fault(QStringLiteral("stuck/1000000/300000"))));
         // A plain request, then one range from where the file ends (a drop may cost what the
         // transport had not handed on yet), then nothing more.
+        // (Qt may send a request again by itself when a connection drops before its answer.)
         const QList<QByteArray> ranges = server_->faultServer().rangesAsked().mid(before);
-        QCOMPARE(ranges.size(), 2);
-        QCOMPARE(ranges.first(), QByteArray());
         const qint64 kept = QFileInfo(files().archive).size();
         QVERIFY(kept > 0 && kept <= 300000);
-        QCOMPARE(ranges.last(), "bytes=" + QByteArray::number(kept) + '-');
+        QCOMPARE(QSet<QByteArray>(ranges.cbegin(), ranges.cend()),
+                 (QSet<QByteArray>{QByteArray(), "bytes=" + QByteArray::number(kept) + '-'}));
     }
 
     // A 206 for another range than the one asked for is never spliced on: the download starts over.
