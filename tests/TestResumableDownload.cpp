@@ -226,7 +226,11 @@ private slots:
         QCOMPARE(sink_.restarts, QList<qsizetype>());
         // A plain request, then one range after the other, each from further on (a drop may cost
         // what the transport had not handed on yet, never more).
-        const QList<QByteArray> ranges = server_->faultServer().rangesAsked().mid(before);
+        // The same request twice in a row is Qt sending it again by itself, not another try.
+        QList<QByteArray> ranges;
+        for (const QByteArray& range : server_->faultServer().rangesAsked().mid(before))
+            if (ranges.isEmpty() || ranges.last() != range)
+                ranges << range;
         QVERIFY2(ranges.size() >= 4, ranges.join(' ').constData());
         QCOMPARE(ranges.first(), QByteArray());
         qint64 previous = 0;
@@ -251,7 +255,10 @@ private slots:
         const QList<QByteArray> asked = server_->faultServer().rangesAsked().mid(before);
         const QSet<QByteArray> tries(asked.cbegin(), asked.cend());
         QVERIFY2(tries.size() == 6, asked.join(' ').constData());
-        QCOMPARE(QFileInfo(files().archive).size(), 600000);
+        // Six tries of at most 100000 bytes each (a drop may cost what the transport had not
+        // handed on yet).
+        const qint64 kept = QFileInfo(files().archive).size();
+        QVERIFY2(kept > 0 && kept <= 600000, qPrintable(QString::number(kept)));
         QVERIFY(QFileInfo::exists(files().validator));
 
         sink_ = RecordingSink(); // each attempt has its own sink
@@ -259,8 +266,8 @@ private slots:
         const DownloadResult result = run(url);
         const QByteArray bytes = FaultServer::cutBody(1000000);
         QCOMPARE(result.sha256Hex, sha256Of(bytes));
-        QCOMPARE(sink_.bytes, bytes); // the kept 600000 read back, then the rest
-        QCOMPARE(server_->faultServer().rangesAsked().at(secondBefore), QByteArray("bytes=600000-"));
+        QCOMPARE(sink_.bytes, bytes); // the kept bytes read back, then the rest
+        QCOMPARE(server_->faultServer().rangesAsked().at(secondBefore), "bytes=" + QByteArray::number(kept) + '-');
         QCOMPARE(sink_.afterLastRestart, bytes);
     }
 
