@@ -237,7 +237,7 @@ private slots:
         for (const QByteArray& range : ranges.mid(1)) {
             QVERIFY2(range.startsWith("bytes=") && range.endsWith('-'), range.constData());
             const qint64 from = range.mid(6, range.size() - 7).toLongLong();
-            QVERIFY2(from > previous && from <= previous + 300000, range.constData());
+            QVERIFY2(from > previous && from <= previous + 300000, ranges.join(' ').constData());
             previous = from;
         }
     }
