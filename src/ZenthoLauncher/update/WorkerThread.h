@@ -32,12 +32,11 @@ QCoro::Task<std::invoke_result_t<Work>> onWorkerThread(Work work) {
             failure = std::current_exception();
         }
     };
-    std::unique_ptr<QThread> thread(QThread::create(body));
     const auto joined = [](QThread* running) {
         running->wait();
         delete running;
     };
-    const std::unique_ptr<QThread, decltype(joined)> owner(thread.release(), joined);
+    const std::unique_ptr<QThread, decltype(joined)> owner(QThread::create(body), joined);
     owner->start();
     co_await qCoro(owner.get()).waitForFinished();
     if (failure)
