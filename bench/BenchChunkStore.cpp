@@ -16,8 +16,8 @@
 #include "PatchedBuilds.h"
 #include "ReleaseTool.h"
 
-#include "update/ChunkStore.h"
-#include "update/TreeChunker.h"
+#include "formats/ChunkStore.h"
+#include "formats/TreeChunker.h"
 
 #include <QCoreApplication>
 #include <QDir>

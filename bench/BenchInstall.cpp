@@ -24,12 +24,12 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
+#include "archive/Archive.h"
+#include "archive/ArchiveExtraction.h"
+#include "archive/StreamedListing.h"
 #include "model/LauncherModel.h"
 #include "platform/FileManager.h"
-#include "update/Archive.h"
-#include "update/ArchiveExtraction.h"
 #include "update/ManifestFetch.h"
-#include "update/StreamedListing.h"
 #include "update/VerifiedDownload.h"
 
 #include <QCoreApplication>

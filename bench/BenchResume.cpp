@@ -9,10 +9,10 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
+#include "net/DownloadsFolder.h"
+#include "net/HttpClient.h"
+#include "net/ResumableDownload.h"
 #include "platform/FileManager.h"
-#include "storage/DownloadsFolder.h"
-#include "update/HttpClient.h"
-#include "update/ResumableDownload.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>

@@ -17,8 +17,8 @@
 #include "TestFiles.h"
 #include "WindowFixture.h"
 
-#include "storage/InstalledBuild.h"
 #include "platform/FileManager.h"
+#include "storage/InstalledBuild.h"
 
 #include <QDeadlineTimer>
 #include <QDir>

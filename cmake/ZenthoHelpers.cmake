@@ -1,10 +1,9 @@
 # The launcher's version lives in one tiny object so that tests can link the same core into a
 # launcher that believes it is another version, without compiling the core twice.
 function(zentho_version_object name version)
-    add_library(${name} OBJECT ${PROJECT_SOURCE_DIR}/src/ZenthoLauncher/LauncherVersion.cpp)
+    add_library(${name} OBJECT ${PROJECT_SOURCE_DIR}/src/ZenthoLauncher/identity/LauncherVersion.cpp)
     target_compile_definitions(${name} PRIVATE ZENTHO_LAUNCHER_VERSION="${version}")
-    target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/src/ZenthoLauncher)
-    target_link_libraries(${name} PRIVATE Qt6::Core)
+    target_link_libraries(${name} PRIVATE zentho_identity)
 endfunction()
 
 # Registers one QtTest case: tests/<Name>.cpp becomes the executable <Name> and the CTest test
@@ -58,8 +57,8 @@ function(zentho_launcher_variant target bundle_dir)
         set(keys ${target}_manifest_keys)
         zentho_manifest_keys_object(${keys} ${ARG_MANIFEST_KEYS})
     endif()
-    add_executable(${target} ${PROJECT_SOURCE_DIR}/src/ZenthoLauncher/main.cpp)
-    target_link_libraries(${target} PRIVATE zentho_core ${target}_version ${keys})
+    add_executable(${target} ${ZENTHO_MAIN_SOURCE})
+    target_link_libraries(${target} PRIVATE zentho_app ${target}_version ${keys})
     target_include_directories(${target} PRIVATE "${ZENTHO_TRUSTED_KEY_HEADER_DIR}")
     set_target_properties(${target} PROPERTIES
         OUTPUT_NAME ZenthoLauncher

@@ -88,19 +88,6 @@ else()
     endif()
 endif()
 
-# The sealing code, free of Qt, shared by the verifiers and zentho-release. The launcher core
-# compiles the same files itself.
-set(ZENTHO_UPDATE_DIR "${PROJECT_SOURCE_DIR}/src/ZenthoLauncher/update")
-add_library(zentho_bundle_signature STATIC
-    "${ZENTHO_UPDATE_DIR}/BundleListing.cpp"
-    "${ZENTHO_UPDATE_DIR}/BundleSignature.cpp"
-    "${ZENTHO_UPDATE_DIR}/BundleVerifierCommand.cpp"
-    "${ZENTHO_UPDATE_DIR}/Ed25519Key.cpp"
-    "${ZENTHO_UPDATE_DIR}/TrustedKeys.cpp")
-target_include_directories(zentho_bundle_signature PUBLIC "${PROJECT_SOURCE_DIR}/src/ZenthoLauncher")
-target_link_libraries(zentho_bundle_signature PUBLIC OpenSSL::Crypto)
-set_target_properties(zentho_bundle_signature PROPERTIES AUTOMOC OFF)
-
 # A verifier program that trusts the public keys `keys` (a list), built into `output_dir`.
 function(zentho_codesign_verifier target keys output_dir)
     set(header_dir "${CMAKE_CURRENT_BINARY_DIR}/${target}-key")
@@ -108,7 +95,7 @@ function(zentho_codesign_verifier target keys output_dir)
                            ZENTHO_SIGNING_PUBLIC_KEY ${keys})
     add_executable(${target} "${PROJECT_SOURCE_DIR}/tools/codesign/ZenthoCodesign.cpp")
     target_include_directories(${target} PRIVATE "${header_dir}")
-    target_link_libraries(${target} PRIVATE zentho_bundle_signature)
+    target_link_libraries(${target} PRIVATE zentho_trust)
     set_target_properties(${target} PROPERTIES
         OUTPUT_NAME zentho-codesign
         AUTOMOC OFF
@@ -131,9 +118,9 @@ function(zentho_manifest_keys_object name)
     set(header_dir "${CMAKE_CURRENT_BINARY_DIR}/${name}-keys")
     zentho_key_ring_header("${header_dir}/TrustedManifestKeysPem.h" kTrustedManifestKeysPem
                            ZENTHO_MANIFEST_PUBLIC_KEYS ${ARGN})
-    add_library(${name} OBJECT ${PROJECT_SOURCE_DIR}/src/ZenthoLauncher/TrustedManifestKeys.cpp)
-    target_include_directories(${name} PRIVATE "${header_dir}" ${PROJECT_SOURCE_DIR}/src/ZenthoLauncher)
-    target_link_libraries(${name} PRIVATE OpenSSL::Crypto)
+    add_library(${name} OBJECT ${PROJECT_SOURCE_DIR}/src/ZenthoLauncher/identity/TrustedManifestKeys.cpp)
+    target_include_directories(${name} PRIVATE "${header_dir}")
+    target_link_libraries(${name} PRIVATE zentho_identity)
     set_target_properties(${name} PROPERTIES AUTOMOC OFF)
 endfunction()
 

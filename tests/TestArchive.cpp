@@ -2,8 +2,8 @@
 #include "TestArchives.h"
 #include "TestFiles.h"
 
+#include "archive/Archive.h"
 #include "errors/LauncherError.h"
-#include "update/Archive.h"
 
 #include <ProcessCapture.h>
 

@@ -3,10 +3,10 @@
 #include "TestFiles.h"
 #include "TreeSnapshot.h"
 
+#include "archive/Archive.h"
+#include "archive/ArchiveExtraction.h"
 #include "errors/LauncherError.h"
 #include "platform/FileManager.h"
-#include "update/Archive.h"
-#include "update/ArchiveExtraction.h"
 
 #include <InflatedTarRun.h>
 

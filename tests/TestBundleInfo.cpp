@@ -8,8 +8,8 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
-#include "LauncherVersion.h"
-#include "update/BundleInfo.h"
+#include "formats/BundleInfo.h"
+#include "identity/LauncherVersion.h"
 #include "update/LauncherUpdater.h"
 
 #include <QTemporaryDir>

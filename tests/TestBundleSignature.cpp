@@ -4,9 +4,9 @@
 #include "LauncherBundles.h"
 #include "TestFiles.h"
 
-#include "update/BundleListing.h"
-#include "update/BundleSignature.h"
-#include "update/Ed25519Key.h"
+#include "trust/BundleListing.h"
+#include "trust/BundleSignature.h"
+#include "trust/Ed25519Key.h"
 
 #include <QDir>
 #include <QFile>

@@ -2,8 +2,8 @@
 #include "TestFiles.h"
 #include "TreeSnapshot.h"
 
-#include "update/ChunkAssembly.h"
-#include "update/TreeChunker.h"
+#include "chunks/ChunkAssembly.h"
+#include "formats/TreeChunker.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,4 +1,4 @@
-#include "update/ChunkIndex.h"
+#include "formats/ChunkIndex.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

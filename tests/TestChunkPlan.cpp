@@ -1,8 +1,8 @@
 #include "TestFiles.h"
 
+#include "chunks/ChunkPlan.h"
+#include "formats/TreeChunker.h"
 #include "storage/ChunkCache.h"
-#include "update/ChunkPlan.h"
-#include "update/TreeChunker.h"
 
 #include <QRandomGenerator>
 #include <QTemporaryDir>

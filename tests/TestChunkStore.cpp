@@ -1,4 +1,4 @@
-#include "update/ChunkStore.h"
+#include "formats/ChunkStore.h"
 
 #include "TestFiles.h"
 

@@ -1,6 +1,6 @@
 // How the launcher reads its command line: the link, --help, --version and what it refuses.
 
-#include "ui/CommandLine.h"
+#include "app/CommandLine.h"
 
 #include <QTest>
 

@@ -3,8 +3,8 @@
 
 #include "TestFiles.h"
 
+#include "net/DownloadsFolder.h"
 #include "platform/FileManager.h"
-#include "storage/DownloadsFolder.h"
 
 #include <QDir>
 #include <QTemporaryDir>

@@ -11,9 +11,9 @@
 
 #include "errors/DiskSpaceError.h"
 #include "model/LauncherModel.h"
-#include "update/FreeSpace.h"
-#include "update/TransferLimits.h"
-#include "update/TransferText.h"
+#include "net/FreeSpace.h"
+#include "net/TransferLimits.h"
+#include "net/TransferText.h"
 
 #include <QProcess>
 #include <QTemporaryDir>

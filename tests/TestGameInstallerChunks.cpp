@@ -1,9 +1,9 @@
 #include "InstallSandbox.h"
 #include "TreeSnapshot.h"
 
+#include "formats/ChunkStore.h"
+#include "formats/TreeChunker.h"
 #include "storage/BuildIndexes.h"
-#include "update/ChunkStore.h"
-#include "update/TreeChunker.h"
 
 #include <QCryptographicHash>
 #include <QProcess>

@@ -2,9 +2,9 @@
 #include "TaskOutcome.h"
 #include "TestFiles.h"
 
-#include "launch/ChildReaper.h"
-#include "launch/GameLauncher.h"
 #include "errors/LauncherError.h"
+#include "launch/GameLauncher.h"
+#include "process/ChildReaper.h"
 
 #include <ProcessCapture.h>
 

@@ -3,7 +3,7 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
-#include "update/HttpClient.h"
+#include "net/HttpClient.h"
 
 #include <QCryptographicHash>
 #include <QDir>

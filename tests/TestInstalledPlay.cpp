@@ -5,7 +5,7 @@
 #include "TaskOutcome.h"
 #include "TestFiles.h"
 
-#include "launch/ChildReaper.h"
+#include "process/ChildReaper.h"
 
 #include <QClipboard>
 #include <QDir>

@@ -1,4 +1,4 @@
-#include "ui/InviteChannel.h"
+#include "app/InviteChannel.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>

@@ -7,13 +7,13 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
-#include "LauncherVersion.h"
 #include "errors/LauncherError.h"
+#include "formats/ReleaseManifest.h"
+#include "identity/LauncherVersion.h"
+#include "net/HttpClient.h"
 #include "platform/FileManager.h"
 #include "update/FinishScript.h"
-#include "update/HttpClient.h"
 #include "update/LauncherUpdater.h"
-#include "update/ReleaseManifest.h"
 
 #include <QDir>
 #include <QFile>

@@ -7,9 +7,10 @@
 #include "TestServer.h"
 
 #include "errors/LauncherError.h"
+#include "formats/ManifestExpiry.h"
+#include "formats/ReleaseManifest.h"
+#include "trust/ManifestSignature.h"
 #include "update/ManifestFetch.h"
-#include "update/ManifestSignature.h"
-#include "update/ReleaseManifest.h"
 
 #include <QDateTime>
 #include <QTemporaryDir>
@@ -32,7 +33,7 @@ QByteArray signatureBy(const Ed25519Key& key, const QByteArray& bytes) {
 
 QString expiresIn(qint64 seconds) {
     return QStringLiteral(",\"expires\":\"%1\"")
-        .arg(ManifestSignature::expiryText(QDateTime::currentDateTimeUtc().addSecs(seconds)));
+        .arg(ManifestExpiry::text(QDateTime::currentDateTimeUtc().addSecs(seconds)));
 }
 
 // Runs the fetch and returns the text of what it threw; a null string when it succeeded.

@@ -1,7 +1,7 @@
 #include "TaskOutcome.h"
 
-#include "update/Archive.h"
-#include "update/ProcessTask.h"
+#include "archive/Archive.h"
+#include "process/ProcessTask.h"
 
 #include "errors/LauncherError.h"
 

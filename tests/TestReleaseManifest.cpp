@@ -1,5 +1,5 @@
 #include "errors/LauncherError.h"
-#include "update/ReleaseManifest.h"
+#include "formats/ReleaseManifest.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

@@ -8,12 +8,13 @@
 #include "TestServer.h"
 
 #include "errors/DiskSpaceError.h"
+#include "net/DownloadsFolder.h"
+#include "net/FreeSpace.h"
+#include "net/HttpClient.h"
+#include "net/ResumableDownload.h"
 #include "platform/FileManager.h"
-#include "storage/DownloadsFolder.h"
-#include "update/BodySink.h"
-#include "update/FreeSpace.h"
-#include "update/HttpClient.h"
-#include "update/ResumableDownload.h"
+
+#include <BodySink.h>
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -366,3 +367,4 @@ private slots:
 
 QTEST_MAIN(TestResumableDownload)
 #include "TestResumableDownload.moc"
+

@@ -1,4 +1,4 @@
-#include "update/Sha256.h"
+#include "trust/Sha256.h"
 
 #include <QCryptographicHash>
 #include <QTest>

@@ -1,7 +1,7 @@
 #include "TestFiles.h"
 
 #include "platform/FileManager.h"
-#include "storage/StaleWork.h"
+#include "update/StaleWork.h"
 
 #include <QDir>
 #include <QFile>

@@ -2,9 +2,9 @@
 #include "TaskOutcome.h"
 #include "TestFiles.h"
 
+#include "archive/Archive.h"
+#include "archive/StreamedListing.h"
 #include "errors/LauncherError.h"
-#include "update/Archive.h"
-#include "update/StreamedListing.h"
 
 #include <InflatedTarRun.h>
 

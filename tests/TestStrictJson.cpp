@@ -1,4 +1,4 @@
-#include "storage/StrictJson.h"
+#include "formats/StrictJson.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

@@ -2,7 +2,7 @@
 // "Update" signals on a private session bus, as a dock would receive them, and nothing at all
 // when there is no session bus.
 
-#include "platform/TaskbarProgress.h"
+#include "desktop/TaskbarProgress.h"
 
 #include <QDBusConnection>
 #include <QDBusMessage>

@@ -1,7 +1,7 @@
 // Sizes, speeds and times of a transfer as the player reads them under the window's column and
 // in the disk-space error.
 
-#include "update/TransferText.h"
+#include "net/TransferText.h"
 
 #include <QTest>
 

@@ -1,4 +1,4 @@
-#include "update/TreeChunker.h"
+#include "formats/TreeChunker.h"
 
 #include "TestFiles.h"
 

@@ -3,8 +3,8 @@
 
 #include "TestFiles.h"
 
-#include "update/BundleSignature.h"
-#include "update/TrustedKeys.h"
+#include "trust/BundleSignature.h"
+#include "trust/TrustedKeys.h"
 
 #include <QFile>
 #include <QProcess>

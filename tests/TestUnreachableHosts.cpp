@@ -2,8 +2,8 @@
 #include "TaskOutcome.h"
 #include "TestServer.h"
 
-#include "update/HttpClient.h"
-#include "update/UnreachableHosts.h"
+#include "net/HttpClient.h"
+#include "net/UnreachableHosts.h"
 
 #include <QElapsedTimer>
 #include <QTemporaryDir>

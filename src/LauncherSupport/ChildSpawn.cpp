@@ -1,4 +1,4 @@
-#include "ChildSpawn.h"
+#include <ChildSpawn.h>
 
 #include <cerrno>
 #include <csignal>

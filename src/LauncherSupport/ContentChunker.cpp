@@ -1,4 +1,4 @@
-#include "ContentChunker.h"
+#include <ContentChunker.h>
 
 #include <array>
 #include <bit>

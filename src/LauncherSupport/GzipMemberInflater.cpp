@@ -1,4 +1,4 @@
-#include "GzipMemberInflater.h"
+#include <GzipMemberInflater.h>
 
 #include <isa-l/igzip_lib.h>
 

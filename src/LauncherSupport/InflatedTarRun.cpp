@@ -1,6 +1,6 @@
-#include "InflatedTarRun.h"
+#include <InflatedTarRun.h>
 
-#include "GzipMemberInflater.h"
+#include <GzipMemberInflater.h>
 
 #include <atomic>
 #include <cerrno>

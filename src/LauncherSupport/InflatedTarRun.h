@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ProcessCapture.h"
+#include <ProcessCapture.h>
 
 #include <cstddef>
 #include <memory>

@@ -1,8 +1,8 @@
-#include "ProcessCapture.h"
+#include <ProcessCapture.h>
 
-#include "ChildSpawn.h"
-#include "TemporaryFolder.h"
-#include "Uuid.h"
+#include <ChildSpawn.h>
+#include <TemporaryFolder.h>
+#include <Uuid.h>
 
 #include <cerrno>
 #include <cstdlib>

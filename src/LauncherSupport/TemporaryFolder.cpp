@@ -1,4 +1,4 @@
-#include "TemporaryFolder.h"
+#include <TemporaryFolder.h>
 
 #include <cstdlib>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "Uuid.h"
+#include <Uuid.h>
 
 #include <array>
 #include <cstdio>

@@ -14,8 +14,8 @@
 #include "TestServer.h"
 #include "TreeSnapshot.h"
 
+#include "formats/ReleaseManifest.h"
 #include "storage/BuildIndexes.h"
-#include "update/ReleaseManifest.h"
 
 #include <QDir>
 #include <QElapsedTimer>

@@ -7,7 +7,7 @@
 #include "StandinGames.h"
 #include "TestFiles.h"
 
-#include "platform/LinuxPlatform.h"
+#include "desktop/LinuxPlatform.h"
 
 #include <QFile>
 #include <QGuiApplication>

@@ -9,7 +9,7 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
-#include "update/TransferLimits.h"
+#include "net/TransferLimits.h"
 
 #include <QCoreApplication>
 #include <QScopeGuard>

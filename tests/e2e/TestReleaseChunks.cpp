@@ -12,9 +12,9 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
-#include "update/ChunkIndex.h"
-#include "update/ChunkStore.h"
-#include "update/ReleaseManifest.h"
+#include "formats/ChunkIndex.h"
+#include "formats/ChunkStore.h"
+#include "formats/ReleaseManifest.h"
 
 #include <QDir>
 #include <QDirIterator>

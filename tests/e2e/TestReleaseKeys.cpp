@@ -5,7 +5,7 @@
 #include "ReleaseTool.h"
 #include "TestFiles.h"
 
-#include "update/Ed25519Key.h"
+#include "trust/Ed25519Key.h"
 
 #include <QFile>
 #include <QFileInfo>

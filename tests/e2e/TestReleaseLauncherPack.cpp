@@ -8,7 +8,7 @@
 #include "TestArchives.h"
 #include "TestFiles.h"
 
-#include "update/ReleaseManifest.h"
+#include "formats/ReleaseManifest.h"
 
 #include <QDir>
 #include <QFile>

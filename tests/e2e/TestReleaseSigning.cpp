@@ -7,8 +7,8 @@
 #include "ReleaseTool.h"
 #include "TestFiles.h"
 
-#include "update/Ed25519Key.h"
-#include "update/ReleaseManifest.h"
+#include "formats/ReleaseManifest.h"
+#include "trust/Ed25519Key.h"
 
 #include <QDateTime>
 #include <QFile>

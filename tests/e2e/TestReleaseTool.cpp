@@ -10,7 +10,7 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
-#include "update/ReleaseManifest.h"
+#include "formats/ReleaseManifest.h"
 
 #include <QDir>
 #include <QFile>

@@ -9,8 +9,9 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
-#include "update/Ed25519Key.h"
-#include "update/ManifestSignature.h"
+#include "formats/ManifestExpiry.h"
+#include "trust/Ed25519Key.h"
+#include "trust/ManifestSignature.h"
 
 #include <QDateTime>
 #include <QDeadlineTimer>
@@ -51,7 +52,7 @@ class TestSignedManifests : public QObject {
         const QString file = QStringLiteral("release/") + name;
         if (how == QLatin1String("expired")) {
             json.chop(2); // "}\n"
-            json += ",\"expires\":\"" + ManifestSignature::expiryText(QDateTime::currentDateTimeUtc().addSecs(-60)).toUtf8() + "\"}\n";
+            json += ",\"expires\":\"" + ManifestExpiry::text(QDateTime::currentDateTimeUtc().addSecs(-60)).toUtf8() + "\"}\n";
         }
         const QString signer = how == QLatin1String("next")      ? ReleaseTool::testManifestKeyNext()
                                : how == QLatin1String("foreign") ? LauncherBundles::testKey()

@@ -1,6 +1,6 @@
 #include "ChunkTraffic.h"
 
-#include "update/ChunkIndex.h"
+#include "formats/ChunkIndex.h"
 
 #include <QRegularExpression>
 

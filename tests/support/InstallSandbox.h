@@ -8,11 +8,11 @@
 #include "TaskOutcome.h"
 #include "TestServer.h"
 
+#include "errors/FileError.h"
 #include "errors/LauncherError.h"
 #include "model/LauncherModel.h"
-#include "errors/FileError.h"
+#include "net/HttpClient.h"
 #include "storage/InstalledState.h"
-#include "update/HttpClient.h"
 
 #include <QCoroTask>
 #include <QDir>

@@ -5,6 +5,8 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
+#include "identity/LauncherVersion.h"
+#include "identity/TrustedManifestKeys.h"
 #include "platform/FileManager.h"
 #include "update/LauncherUpdater.h"
 
@@ -129,7 +131,8 @@ bool LauncherUpdateFixture::wait(QCoro::Task<bool> task) {
 }
 
 bool LauncherUpdateFixture::update(const QUrl& manifest) {
-    LauncherUpdater updater(FileManager::defaultManager(), *platform_, launcherRoot_,
+    LauncherUpdater updater(FileManager::defaultManager(), *platform_,
+                            {launcherVersion(), trustedManifestKeys()}, launcherRoot_,
                             [this](const QString& text) { statuses_.append(text); });
     const Outcome outcome = QCoro::waitFor(capture(updater.updateIfNeeded(manifest)));
     if (outcome.error)

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "platform/LinuxPlatform.h"
+#include "desktop/LinuxPlatform.h"
 
 // The real Linux platform, except that quitting and clipboard writes are recorded instead of
 // performed, so a test can see them and keep running.

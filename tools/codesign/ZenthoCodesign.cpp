@@ -8,7 +8,7 @@
 
 #include "TrustedSigningKey.h"
 
-#include "update/BundleVerifierCommand.h"
+#include "trust/BundleVerifierCommand.h"
 
 int main(int argc, char** argv) {
     return runBundleVerifier(argc, argv, kTrustedPublicKeyPem);

@@ -3,8 +3,8 @@
 #include "ReleaseCheck.h"
 #include "ReleaseFiles.h"
 
-#include "update/ChunkStore.h"
-#include "update/TreeChunker.h"
+#include "formats/ChunkStore.h"
+#include "formats/TreeChunker.h"
 
 #include <QFile>
 #include <QSet>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "update/ChunkIndex.h"
-#include "update/ReleaseManifest.h"
+#include "formats/ChunkIndex.h"
+#include "formats/ReleaseManifest.h"
 
 #include <QString>
 

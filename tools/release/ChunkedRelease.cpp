@@ -1,8 +1,8 @@
 #include "ChunkedRelease.h"
 
-#include "update/ChunkStore.h"
-#include "update/Sha256.h"
-#include "update/TreeChunker.h"
+#include "formats/ChunkStore.h"
+#include "formats/TreeChunker.h"
+#include "trust/Sha256.h"
 
 #include <Uuid.h>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "update/ChunkIndex.h"
+#include "formats/ChunkIndex.h"
 
 #include <QByteArray>
 #include <QString>

@@ -2,7 +2,7 @@
 
 #include "ReleaseCommand.h"
 
-#include "update/Ed25519Key.h"
+#include "trust/Ed25519Key.h"
 
 #include <cerrno>
 #include <cstring>

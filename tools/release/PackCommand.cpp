@@ -11,9 +11,10 @@
 #include "ReleaseOptions.h"
 #include "ReleaseTree.h"
 
-#include "update/Archive.h"
-#include "update/ManifestSignature.h"
-#include "update/ReleaseManifest.h"
+#include "archive/Archive.h"
+#include "formats/ManifestExpiry.h"
+#include "formats/ReleaseManifest.h"
+#include "trust/ManifestSignature.h"
 
 #include <Uuid.h>
 
@@ -314,7 +315,7 @@ int runPack(const std::vector<std::string>& arguments) {
     QByteArray json = manifest.encode();
     std::optional<QString> expires;
     if (options.expiresInDays) {
-        expires = ManifestSignature::expiryText(
+        expires = ManifestExpiry::text(
             QDateTime::currentDateTimeUtc().addDays(*options.expiresInDays));
         json.chop(1); // the closing brace; the extra member is read only by launchers that check
         json += ",\"expires\":\"" + expires->toUtf8() + "\"}";

@@ -1,6 +1,6 @@
 #include "PackedArchive.h"
 
-#include "update/Sha256.h"
+#include "trust/Sha256.h"
 
 #include <ChildSpawn.h>
 #include <ProcessCapture.h>

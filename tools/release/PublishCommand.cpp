@@ -7,7 +7,7 @@
 #include "ReleaseKeys.h"
 #include "ReleaseOptions.h"
 
-#include "update/ChunkStore.h"
+#include "formats/ChunkStore.h"
 
 #include <QDir>
 #include <QFileInfo>

@@ -4,13 +4,14 @@
 #include "ReleaseCommand.h"
 #include "ReleaseFiles.h"
 
+#include "archive/Archive.h"
 #include "errors/LauncherError.h"
-#include "update/Archive.h"
-#include "update/BundleInfo.h"
-#include "update/BundleSignature.h"
-#include "update/ManifestSignature.h"
+#include "formats/BundleInfo.h"
+#include "formats/ManifestExpiry.h"
+#include "trust/BundleSignature.h"
+#include "trust/ManifestSignature.h"
 
-#include "storage/StrictJson.h"
+#include "formats/StrictJson.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -149,8 +150,8 @@ CheckedRelease check(const QString& manifestPath, const QString& archivePath,
     try {
         release.manifest = ReleaseManifest::decode(bytes);
         if (release.signaturePath) {
-            release.expires = ManifestSignature::expiry(bytes, kNoun);
-            ManifestSignature::checkNotExpired(bytes, QDateTime::currentDateTimeUtc(), kNoun);
+            release.expires = ManifestExpiry::expiry(bytes, kNoun);
+            ManifestExpiry::checkNotExpired(bytes, QDateTime::currentDateTimeUtc(), kNoun);
         }
     } catch (const ManifestDecodingError& error) {
         throw CheckFailed("manifest", QString::fromUtf8(error.what()));
@@ -181,7 +182,7 @@ CheckedRelease check(const QString& manifestPath, const QString& archivePath,
     QStringList checks;
     if (release.signaturePath)
         checks << (release.expires ? QStringLiteral("signature until ") +
-                                         ManifestSignature::expiryText(*release.expires)
+                                         ManifestExpiry::text(*release.expires)
                                    : QStringLiteral("signature"));
     checks << QStringLiteral("digest") << QStringLiteral("listing") << QStringLiteral("executable");
     if (manifest.platform == QLatin1String(ReleaseFiles::kLauncherPlatform))

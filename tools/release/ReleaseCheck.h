@@ -1,8 +1,8 @@
 #pragma once
 
-#include "update/ChunkIndex.h"
-#include "update/ReleaseManifest.h"
-#include "update/TrustedKeys.h"
+#include "formats/ChunkIndex.h"
+#include "formats/ReleaseManifest.h"
+#include "trust/TrustedKeys.h"
 
 #include <QDateTime>
 #include <QString>

@@ -1,7 +1,7 @@
 #include "ReleaseFiles.h"
 
-#include "update/Archive.h"
-#include "update/Sha256.h"
+#include "archive/Archive.h"
+#include "trust/Sha256.h"
 
 #include <Uuid.h>
 

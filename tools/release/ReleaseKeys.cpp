@@ -1,6 +1,6 @@
 #include "ReleaseKeys.h"
 
-#include "TrustedManifestKeys.h"
+#include "identity/TrustedManifestKeys.h"
 #include "TrustedSigningKey.h"
 
 namespace ReleaseKeys {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "update/TrustedKeys.h"
+#include "trust/TrustedKeys.h"
 
 #include <string>
 #include <vector>

@@ -3,7 +3,7 @@
 #include "ReleaseCommand.h"
 #include "ReleaseFiles.h"
 
-#include "update/BundleSignature.h"
+#include "trust/BundleSignature.h"
 
 #include <QFile>
 

@@ -4,7 +4,7 @@
 
 #include "ReleaseCommand.h"
 
-#include "LauncherVersion.h"
+#include "identity/LauncherVersion.h"
 
 #include <cstdio>
 #include <exception>

@@ -1,4 +1,4 @@
-#include "LauncherError.h"
+#include "errors/LauncherError.h"
 
 #include <QtGlobal>
 

@@ -1,7 +1,7 @@
-#include "GameLauncher.h"
+#include "launch/GameLauncher.h"
 
-#include "GameProcess.h"
 #include "errors/LauncherError.h"
+#include "launch/GameProcess.h"
 
 #include <QTimer>
 

@@ -1,6 +1,6 @@
-#include "GameProcess.h"
+#include "launch/GameProcess.h"
 
-#include "ChildReaper.h"
+#include "process/ChildReaper.h"
 
 #include <ProcessCapture.h>
 

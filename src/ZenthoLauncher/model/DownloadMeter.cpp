@@ -1,6 +1,6 @@
 #include "model/DownloadMeter.h"
 
-#include "update/TransferText.h"
+#include "net/TransferText.h"
 
 #include <cmath>
 

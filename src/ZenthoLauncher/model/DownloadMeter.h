@@ -1,6 +1,6 @@
 #pragma once
 
-#include "update/ResumableDownload.h"
+#include "net/ResumableDownload.h"
 
 #include <QString>
 

@@ -1,4 +1,4 @@
-#include "InstalledBuildList.h"
+#include "model/InstalledBuildList.h"
 
 InstalledBuildList::InstalledBuildList(QObject* parent) : QAbstractListModel(parent) {}
 

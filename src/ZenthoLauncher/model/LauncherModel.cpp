@@ -1,6 +1,6 @@
-#include "LauncherModel.h"
+#include "model/LauncherModel.h"
 
-#include "LauncherVersion.h"
+#include "identity/LauncherVersion.h"
 #include "model/DownloadMeter.h"
 #include "platform/FileManager.h"
 #include "platform/Platform.h"

@@ -1,10 +1,10 @@
 #pragma once
 
+#include "formats/ReleaseManifest.h"
 #include "model/InstalledBuildList.h"
 #include "storage/InstalledBuild.h"
 #include "storage/InstalledState.h"
 #include "storage/StorageLayout.h"
-#include "update/ReleaseManifest.h"
 
 #include <QObject>
 #include <QString>

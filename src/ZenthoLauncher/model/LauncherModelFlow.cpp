@@ -1,14 +1,14 @@
 // The main command: update the launcher if needed, then the game, then start it and quit. Every
 // failure on the way falls back to the build already on disk, so offline play always works.
 
-#include "LauncherModel.h"
+#include "model/LauncherModel.h"
 
-#include "TrustedManifestKeys.h"
 #include "errors/LauncherError.h"
+#include "identity/TrustedManifestKeys.h"
+#include "net/UnreachableHosts.h"
 #include "platform/FileManager.h"
 #include "platform/Platform.h"
 #include "update/ManifestFetch.h"
-#include "update/UnreachableHosts.h"
 #include "update/UpdateEndpoints.h"
 
 namespace {

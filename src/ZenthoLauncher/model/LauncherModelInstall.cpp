@@ -1,4 +1,4 @@
-#include "LauncherModel.h"
+#include "model/LauncherModel.h"
 
 #include "model/DownloadMeter.h"
 #include "update/GameInstaller.h"

@@ -1,4 +1,4 @@
-#include "LauncherModel.h"
+#include "model/LauncherModel.h"
 
 // An invite arrives as a link opened by the desktop. It is kept verbatim for the game, which
 // alone knows how to read it, and starts the same flow as the main button. While a flow already

@@ -1,7 +1,7 @@
 // Starting a game: the one place a game process is started, playing a build saved in the
 // versions folder without any network access, and handing out the game's data-folder path.
 
-#include "LauncherModel.h"
+#include "model/LauncherModel.h"
 
 #include "errors/LauncherError.h"
 #include "launch/GameLauncher.h"

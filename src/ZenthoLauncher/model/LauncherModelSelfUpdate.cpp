@@ -1,5 +1,7 @@
-#include "LauncherModel.h"
+#include "model/LauncherModel.h"
 
+#include "identity/LauncherVersion.h"
+#include "identity/TrustedManifestKeys.h"
 #include "model/DownloadMeter.h"
 #include "platform/FileManager.h"
 #include "update/LauncherUpdater.h"
@@ -7,7 +9,7 @@
 
 QCoro::Task<bool> LauncherModel::updateLauncherIfNeeded() {
     LauncherUpdater updater(
-        files, platform_, launcherRoot(), [this](const QString& text) { setStatus(text); },
+        files, platform_, {launcherVersion(), trustedManifestKeys()}, launcherRoot(), [this](const QString& text) { setStatus(text); },
         [this] { return pendingInvite_; });
     DownloadMeter meter = downloadMeter();
     updater.setDownloadObserver(&meter);

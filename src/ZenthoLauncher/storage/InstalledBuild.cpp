@@ -1,7 +1,7 @@
-#include "InstalledBuild.h"
+#include "storage/InstalledBuild.h"
 
-#include "VersionOrder.h"
 #include "platform/FileManager.h"
+#include "storage/VersionOrder.h"
 
 #include <QHash>
 

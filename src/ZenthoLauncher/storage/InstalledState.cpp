@@ -1,6 +1,6 @@
-#include "InstalledState.h"
+#include "storage/InstalledState.h"
 
-#include "StrictJson.h"
+#include "formats/StrictJson.h"
 #include "platform/FileManager.h"
 
 #include <QDir>

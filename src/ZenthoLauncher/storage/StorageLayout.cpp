@@ -1,4 +1,4 @@
-#include "StorageLayout.h"
+#include "storage/StorageLayout.h"
 
 #include "platform/FileManager.h"
 

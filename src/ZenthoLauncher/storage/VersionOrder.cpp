@@ -1,4 +1,4 @@
-#include "VersionOrder.h"
+#include "storage/VersionOrder.h"
 
 #include <QList>
 

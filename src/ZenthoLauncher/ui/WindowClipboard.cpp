@@ -1,4 +1,4 @@
-#include "WindowClipboard.h"
+#include "ui/WindowClipboard.h"
 
 #include "platform/Platform.h"
 

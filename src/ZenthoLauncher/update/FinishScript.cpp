@@ -1,7 +1,7 @@
-#include "FinishScript.h"
+#include "update/FinishScript.h"
 
-#include "launch/ChildReaper.h"
 #include "platform/FileManager.h"
+#include "process/ChildReaper.h"
 
 #include <QFile>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "update/ChunkedInstall.h"
-#include "update/ReleaseManifest.h"
+#include "chunks/ChunkedInstall.h"
+#include "formats/ReleaseManifest.h"
 
 #include <QString>
 

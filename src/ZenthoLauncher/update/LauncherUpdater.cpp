@@ -1,19 +1,17 @@
-#include "LauncherUpdater.h"
+#include "update/LauncherUpdater.h"
 
-#include "LauncherVersion.h"
-#include "TrustedManifestKeys.h"
+#include "archive/Archive.h"
 #include "errors/LauncherError.h"
+#include "formats/BundleInfo.h"
+#include "formats/ReleaseManifest.h"
 #include "platform/FileManager.h"
 #include "platform/Platform.h"
-#include "storage/StaleWork.h"
+#include "process/ProcessTask.h"
 #include "storage/StorageLock.h"
-#include "update/Archive.h"
-#include "update/BundleInfo.h"
 #include "update/FinishScript.h"
 #include "update/ManifestFetch.h"
-#include "update/ProcessTask.h"
+#include "update/StaleWork.h"
 #include "update/VerifiedDownload.h"
-#include "update/ReleaseManifest.h"
 
 #include <ProcessCapture.h>
 #include <Uuid.h>
@@ -35,10 +33,11 @@ bool isAppBundlePath(const QString& path) {
 } // namespace
 
 LauncherUpdater::LauncherUpdater(const FileManager& files, const Platform& platform,
-                                 QString launcherRoot, StatusReporter reportStatus,
-                                 InviteSource pendingInvite)
+                                 Running running, QString launcherRoot,
+                                 StatusReporter reportStatus, InviteSource pendingInvite)
     : files_(files),
       platform_(platform),
+      running_(std::move(running)),
       launcherRoot_(std::move(launcherRoot)),
       reportStatus_(std::move(reportStatus)),
       pendingInvite_(std::move(pendingInvite)) {}
@@ -76,10 +75,10 @@ QString LauncherUpdater::freshName(const QString& prefix, const QString& suffix)
 
 QCoro::Task<bool> LauncherUpdater::updateIfNeeded(QUrl manifestURL) {
     const ReleaseManifest manifest = co_await fetchReleaseManifest(
-        manifestURL, ManifestKind::launcher(), trustedManifestKeys());
+        manifestURL, ManifestKind::launcher(), running_.manifestKeys);
     // Any other version text is an update, a lower one included: the server decides which
     // launcher everyone runs, and that is also how a bad release is rolled back.
-    if (manifest.version == launcherVersion())
+    if (manifest.version == running_.version)
         co_return false;
 
     // Held until the finish script has been started, so no other launcher on this storage
@@ -127,13 +126,13 @@ QCoro::Task<void> LauncherUpdater::stageAndHandOver(QString archivePath, QString
         throw LauncherError::invalidLauncherSignature(QString::fromStdString(verdict.errors));
     // Read only now that the seal vouches for it. A release that packs the running launcher under
     // a new version would otherwise be handed over, restart, and be found again on every start.
-    BundleInfo::refuseRunningVersion(staged, launcherVersion(), version);
+    BundleInfo::refuseRunningVersion(staged, running_.version, version);
 
     const QString target = platform_.bundlePath();
     checkTargetLocation(files_, target);
 
     const QString script = freshName(QStringLiteral("finish-launcher-update-"), QStringLiteral(".sh"));
-    const QString backup = freshName(QStringLiteral("launcher-backup-") + launcherVersion() +
+    const QString backup = freshName(QStringLiteral("launcher-backup-") + running_.version +
                                          QLatin1Char('-'),
                                      QStringLiteral(".app"));
     // An invite that started this flow is not lost with this process: the new launcher follows it.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "trust/TrustedKeys.h"
+
 #include <QString>
 #include <QUrl>
 
@@ -27,8 +29,15 @@ public:
     // The invite the updated launcher is to follow, read when the swap is handed over.
     using InviteSource = std::function<std::optional<QString>()>;
 
-    LauncherUpdater(const FileManager& files, const Platform& platform, QString launcherRoot,
-                    StatusReporter reportStatus, InviteSource pendingInvite = {});
+    // Who is running: the launcher's own version, and the keys it trusts to sign its manifests
+    // (none when it does not ask for signed manifests).
+    struct Running {
+        QString version;
+        TrustedKeys manifestKeys;
+    };
+
+    LauncherUpdater(const FileManager& files, const Platform& platform, Running running,
+                    QString launcherRoot, StatusReporter reportStatus, InviteSource pendingInvite = {});
 
     // False: the manifest names the running version, nothing was done. True: the finish script
     // runs and the caller must quit at once so it can swap the bundles. Throws LauncherError for
@@ -63,6 +72,7 @@ private:
 
     const FileManager& files_;
     const Platform& platform_;
+    Running running_;
     QString launcherRoot_;
     StatusReporter reportStatus_;
     InviteSource pendingInvite_;

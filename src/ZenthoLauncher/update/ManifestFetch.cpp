@@ -1,7 +1,8 @@
 #include "update/ManifestFetch.h"
 
-#include "update/HttpClient.h"
-#include "update/ManifestSignature.h"
+#include "formats/ManifestExpiry.h"
+#include "net/HttpClient.h"
+#include "trust/ManifestSignature.h"
 
 #include <QDateTime>
 #include <QFileInfo>
@@ -50,7 +51,7 @@ QCoro::Task<ReleaseManifest> fetchReleaseManifest(QUrl url, ManifestKind kind, T
 
     const ReleaseManifest manifest = ReleaseManifest::decode(response.body);
     if (signedOnly)
-        ManifestSignature::checkNotExpired(response.body, QDateTime::currentDateTimeUtc(), kind.noun);
+        ManifestExpiry::checkNotExpired(response.body, QDateTime::currentDateTimeUtc(), kind.noun);
     if (manifest.platform != kind.platform)
         throw kind.wrongPlatform;
     co_return manifest;

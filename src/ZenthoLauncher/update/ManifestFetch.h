@@ -1,8 +1,8 @@
 #pragma once
 
 #include "errors/LauncherError.h"
-#include "update/ReleaseManifest.h"
-#include "update/TrustedKeys.h"
+#include "formats/ReleaseManifest.h"
+#include "trust/TrustedKeys.h"
 
 #include <QString>
 #include <QUrl>

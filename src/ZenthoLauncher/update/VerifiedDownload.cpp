@@ -1,10 +1,10 @@
 #include "update/VerifiedDownload.h"
 
 #include "errors/LauncherError.h"
+#include "net/DownloadsFolder.h"
+#include "net/HttpClient.h"
+#include "net/ResumableDownload.h"
 #include "platform/FileManager.h"
-#include "storage/DownloadsFolder.h"
-#include "update/HttpClient.h"
-#include "update/ResumableDownload.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,0 +1,94 @@
+#include "identity/LauncherVersion.h"
+#include "TrustedSigningKey.h"
+#include "app/CommandLine.h"
+#include "app/InviteChannel.h"
+#include "desktop/LinuxPlatform.h"
+#include "model/LauncherModel.h"
+#include "platform/FileManager.h"
+#include "storage/StorageLayout.h"
+#include "trust/BundleVerifierCommand.h"
+#include "ui/MainWindow.h"
+
+#include <QFile>
+#include <QFileInfo>
+#include <QGuiApplication>
+#include <QQuickWindow>
+
+#include <cstdio>
+#include <cstring>
+#include <exception>
+
+namespace {
+
+QStringList argumentsOf(int argc, char** argv) {
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments.append(QFile::decodeName(argv[i]));
+    return arguments;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    // The bundle verifier's mode, for a launcher that runs without zentho-codesign beside it:
+    // decided before any Qt object exists, so it needs no display and opens no window.
+    if (argc >= 2 && std::strcmp(argv[1], "--codesign") == 0)
+        return runBundleVerifier(argc - 1, argv + 1, kTrustedPublicKeyPem);
+    // The command line is read here, whole, before Qt sees any of it: --help and --version need
+    // no display, and a link is never taken for one of Qt's own options.
+    const QStringList arguments = argumentsOf(argc, argv);
+    const CommandLine command = CommandLine::parse(arguments);
+    const QString program = QFileInfo(arguments.value(0)).fileName();
+    switch (command.action) {
+    case CommandLine::Action::Help:
+        std::fputs(qPrintable(CommandLine::usage(program)), stdout);
+        return 0;
+    case CommandLine::Action::Version:
+        std::printf("%s\n", qPrintable(launcherVersion()));
+        return 0;
+    case CommandLine::Action::Invalid:
+        std::fprintf(stderr, "%s: %s\n", qPrintable(program), qPrintable(command.problem));
+        return 2;
+    case CommandLine::Action::Run:
+        break;
+    }
+
+    // Qt is given the program's name only; what followed it has been read above.
+    static int qtArgc = 1;
+    static char* qtArgv[] = {argv[0], nullptr};
+    QGuiApplication app(qtArgc, qtArgv);
+    // The name is the window's class (WM_CLASS on X11), the same whatever path started the
+    // launcher, so desktops tie its window to the desktop entry (StartupWMClass) also after a
+    // self-update has started it from inside the bundle.
+    app.setApplicationName(QStringLiteral("zentho-launcher"));
+    app.setApplicationDisplayName(QStringLiteral("ZENTHO Launcher"));
+    app.setApplicationVersion(launcherVersion());
+    app.setDesktopFileName(QStringLiteral("zentho-launcher"));
+
+    // One launcher per user (per storage): a later start hands its link (or just a wish to be
+    // seen) to the launcher that already runs, and ends.
+    const QString invite = command.invite;
+    StorageLayout storage(FileManager::defaultManager());
+    InviteChannel channel(InviteChannel::defaultAddress(storage.launcherRoot()));
+    if (channel.startOrForward(invite) == InviteChannel::Role::Forwarded)
+        return 0;
+
+    LinuxPlatform platform;
+    LauncherModel model(platform);
+    try {
+        MainWindow window(model, platform);
+        QObject::connect(&channel, &InviteChannel::inviteReceived, window.window(),
+                         [&](const QString& forwarded) {
+                             window.bringToFront();
+                             if (!forwarded.isEmpty())
+                                 model.openInviteURL(forwarded);
+                         });
+        window.show();
+        if (!invite.isEmpty())
+            model.openInviteURL(invite);
+        return app.exec();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "ZENTHO Launcher: cannot show its window: %s\n", error.what());
+        return 1;
+    }
+}

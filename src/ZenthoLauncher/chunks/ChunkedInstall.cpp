@@ -1,0 +1,66 @@
+#include "chunks/ChunkedInstall.h"
+
+#include "archive/Archive.h"
+#include "net/HttpClient.h"
+#include "storage/BuildIndexes.h"
+#include "storage/InstalledBuild.h"
+
+#include <stdexcept>
+
+QCoro::Task<FetchedChunkIndex> fetchChunkIndex(HttpClient& client, ReleaseChunks chunks) {
+    const HttpResponse response = co_await client.capped(chunks.index, ChunkIndex::kMaxBytes);
+    if (response.statusCode != 200)
+        throw std::runtime_error(chunks.index.toString().toStdString() + " answered " +
+                                 std::to_string(response.statusCode.value_or(0)));
+    // Nothing of the index is looked at before its digest has matched.
+    if (sha256Hex(response.body) != chunks.sha256.toLower())
+        throw std::runtime_error(chunks.index.toString().toStdString() + " is not the index the manifest names");
+    FetchedChunkIndex fetched{response.body, ChunkIndex::decode(response.body)};
+    QString listing;
+    for (const ChunkIndexEntry& entry : fetched.index.entries)
+        listing += entry.path + QLatin1Char('\n');
+    checkArchiveListing(listing);
+    co_return fetched;
+}
+
+std::vector<SeedBuild> seedBuilds(const FileManager& files, const QString& launcherRoot,
+                                  const QString& versionsRoot, const QString& currentBuild, int maximumOthers) {
+    const BuildIndexes kept(launcherRoot);
+    const auto keptIndex = [&](const QString& folder) -> std::optional<ChunkIndex> {
+        if (const std::optional<QByteArray> bytes = kept.read(folder)) {
+            try {
+                return ChunkIndex::decode(*bytes);
+            } catch (const ChunkIndexError&) {
+                // Read the build itself instead.
+            }
+        }
+        return std::nullopt;
+    };
+
+    std::vector<SeedBuild> seeds;
+    if (!currentBuild.isEmpty())
+        seeds.push_back({currentBuild, keptIndex(currentBuild)});
+    int others = 0;
+    for (const InstalledBuild& build : scanInstalledBuilds(files, versionsRoot)) {
+        if (others == maximumOthers)
+            break;
+        if (build.path == currentBuild)
+            continue;
+        if (std::optional<ChunkIndex> index = keptIndex(build.path)) {
+            seeds.push_back({build.path, std::move(index)});
+            ++others;
+        }
+    }
+    return seeds;
+}
+
+bool chunksArePaying(const ChunkPlan& plan, qint64 cacheBytes) {
+    return plan.missingBytes + plan.keptBytes <= cacheBytes && plan.missingBytes * 2 <= plan.wantedBytes;
+}
+
+qint64 buildBytes(const ChunkIndex& index) {
+    qint64 total = 0;
+    for (const ChunkIndexEntry& entry : index.entries)
+        total += entry.size;
+    return total;
+}

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "chunks/ChunkPlan.h"
+#include "formats/ChunkIndex.h"
+#include "formats/ReleaseManifest.h"
+
+#include <QByteArray>
+
+#include <QCoroTask>
+
+#include <vector>
+
+class FileManager;
+class HttpClient;
+
+// A release's chunk index as fetched: its bytes, which hash to the digest the manifest gives, and
+// what they say.
+struct FetchedChunkIndex {
+    QByteArray bytes;
+    ChunkIndex index;
+};
+
+// Fetches the index `chunks` names and accepts it only as the body of a plain HTTP 200 whose
+// SHA-256 is the manifest's (letter case aside), that ChunkIndex::decode reads and whose every
+// path passes the archive listing rule. Throws NetworkError, std::runtime_error for another status
+// or digest, ChunkIndexError, LauncherError::unsafeArchive.
+QCoro::Task<FetchedChunkIndex> fetchChunkIndex(HttpClient& client, ReleaseChunks chunks);
+
+// The saved builds an update can take chunks from, the current one first, each with the index
+// kept for it: the current build, and, of the others, at most `maximumOthers` that have an index
+// kept (newest first), since reading a whole build costs as much as fetching a good part of it.
+std::vector<SeedBuild> seedBuilds(const FileManager& files, const QString& launcherRoot,
+                                  const QString& versionsRoot, const QString& currentBuild, int maximumOthers = 4);
+
+// True when putting the release together from chunks beats downloading its archive: the chunks
+// still missing fit in the chunk cache and are at most half of the release.
+bool chunksArePaying(const ChunkPlan& plan, qint64 cacheBytes);
+
+// The bytes of every file of the release: what its build takes on the disk.
+qint64 buildBytes(const ChunkIndex& index);

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "formats/ChunkIndex.h"
+
+#include <QString>
+
+#include <cstdint>
+#include <functional>
+
+// Cuts every file of a build's tree into chunks and describes the tree as a ChunkIndex: the
+// release tool makes a release's index this way, and the same cuts of a build already on disk
+// name the chunks it can give to the next one.
+namespace TreeChunker {
+
+// Called for each chunk in tree order, with the entry it belongs to (path, kind and mode set),
+// the chunk, its offset in the file and its bytes (valid only during the call).
+using OnChunk = std::function<void(const ChunkIndexEntry& file, const ChunkRef& chunk, std::uint64_t offset,
+                                   const unsigned char* data, std::size_t size)>;
+
+// The index of everything below `root` (not `root` itself): folders before what they hold,
+// names in byte order, symlinks not followed. Modes are the permission, setuid, setgid and sticky
+// bits as found, so ChunkIndex::decode of the result refuses what a launcher would. Throws
+// std::runtime_error naming the entry that is not a file, folder or symlink or cannot be read.
+ChunkIndex index(const QString& root, const ChunkSizes& sizes, const OnChunk& onChunk = {});
+
+} // namespace TreeChunker

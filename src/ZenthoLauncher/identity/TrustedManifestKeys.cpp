@@ -1,0 +1,8 @@
+#include "identity/TrustedManifestKeys.h"
+
+#include "TrustedManifestKeysPem.h"
+
+const TrustedKeys& trustedManifestKeys() {
+    static const TrustedKeys keys = TrustedKeys::fromPem(kTrustedManifestKeysPem);
+    return keys;
+}

@@ -1,0 +1,329 @@
+#include "net/ResumableDownload.h"
+
+#include "errors/DiskSpaceError.h"
+#include "errors/FileError.h"
+#include "net/FreeSpace.h"
+#include "net/HttpClient.h"
+#include "platform/FileManager.h"
+#include "trust/Sha256.h"
+
+#include <BodySink.h>
+
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRegularExpression>
+
+#include <cerrno>
+#include <memory>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+namespace {
+
+// Ends a try whose answer does not continue the file: the next try asks for the whole archive.
+struct StartOver {};
+
+constexpr qint64 readBackChunk = 1024 * 1024;
+
+// What If-Range may carry: a strong entity tag, else the modification date. A weak tag never
+// matches a range, so it is as good as none.
+std::optional<QByteArray> validatorOf(const ResponseHead& head) {
+    if (!head.etag.isEmpty() && !head.etag.startsWith("W/"))
+        return head.etag;
+    if (!head.lastModified.isEmpty())
+        return head.lastModified;
+    return std::nullopt;
+}
+
+// "bytes FIRST-LAST/TOTAL" (TOTAL may be "*").
+struct ContentRange {
+    qint64 first = 0;
+    qint64 last = 0;
+    std::optional<qint64> total;
+};
+std::optional<ContentRange> parseContentRange(const QByteArray& text) {
+    static const QRegularExpression pattern(
+        QStringLiteral("^bytes (\\d{1,18})-(\\d{1,18})/(\\d{1,18}|\\*)$"));
+    const QRegularExpressionMatch match = pattern.match(QString::fromLatin1(text.trimmed()));
+    if (!match.hasMatch())
+        return std::nullopt;
+    ContentRange range{match.captured(1).toLongLong(), match.captured(2).toLongLong(),
+                       std::nullopt};
+    if (match.captured(3) != QLatin1String("*"))
+        range.total = match.captured(3).toLongLong();
+    if (range.last < range.first || (range.total && range.last >= *range.total))
+        return std::nullopt;
+    return range;
+}
+
+// The archive's file and everything an attempt knows about it. As the receiver of each try's
+// body it decides whether that body continues the file, starts it over or is not kept at all.
+class ArchiveFile : public BodyReceiver {
+public:
+    ArchiveFile(DownloadsFolder::Partial files, QUrl url, const ResumableDownload::Options& options,
+                qint64 reserve)
+        : files_(std::move(files)), url_(std::move(url)), options_(options), reserve_(reserve) {
+        fd_ = ::open(QFile::encodeName(files_.archive).constData(), O_RDWR | O_CREAT | O_CLOEXEC,
+                     0600);
+        if (fd_ < 0)
+            throwFileError(QStringLiteral("could not open ") + files_.archive);
+    }
+    ~ArchiveFile() override { ::close(fd_); }
+    ArchiveFile(const ArchiveFile&) = delete;
+    ArchiveFile& operator=(const ArchiveFile&) = delete;
+
+    // Feeds what an earlier attempt kept to the digest and the sink, when the validator it was
+    // kept under belongs to this address; anything else is dropped.
+    void readBack() {
+        validator_ = readValidator();
+        struct stat st {};
+        if (::fstat(fd_, &st) != 0)
+            throwFileError(QStringLiteral("could not read ") + files_.archive);
+        if (!validator_ || st.st_size == 0) {
+            truncate();
+            return;
+        }
+        std::unique_ptr<char[]> buffer(new char[readBackChunk]);
+        while (size_ < st.st_size) {
+            const ssize_t got = ::pread(fd_, buffer.get(), std::size_t(readBackChunk), size_);
+            if (got < 0 && errno == EINTR)
+                continue;
+            if (got < 0)
+                throwFileError(QStringLiteral("could not read ") + files_.archive);
+            if (got == 0)
+                break;
+            take(buffer.get(), got);
+        }
+        report();
+    }
+
+    // The next request's headers: the rest of the file, unless it is not there to continue.
+    RequestHeaders nextRequest() {
+        taking_ = false;
+        stoppedHere_ = false;
+        added_ = 0;
+        rangeFrom_ = validator_ && size_ > 0 ? size_ : 0;
+        if (rangeFrom_ == 0)
+            return {};
+        return {{"Range", "bytes=" + QByteArray::number(rangeFrom_) + '-'},
+                {"If-Range", *validator_}};
+    }
+
+    std::exception_ptr accept(const ResponseHead& head) override {
+        const std::optional<int> status = head.statusCode;
+        std::optional<qint64> rest;
+        if (status == 206 && rangeFrom_ > 0) {
+            const std::optional<ContentRange> range = parseContentRange(head.contentRange);
+            if (!range || range->first != size_)
+                return std::make_exception_ptr(StartOver{});
+            total_ = range->total;
+            rest = range->last - range->first + 1;
+        } else if (status == 416 && rangeFrom_ > 0) {
+            return std::make_exception_ptr(StartOver{});
+        } else if (status == 200) {
+            total_ = head.contentLength;
+            rest = head.contentLength;
+        } else {
+            return {}; // an answer whose body is not the archive: nothing of it is kept
+        }
+        try {
+            if (rest)
+                requireRoom(*rest);
+            if (status == 200)
+                startFromZero(validatorOf(head));
+        } catch (...) {
+            stoppedHere_ = true;
+            return std::current_exception();
+        }
+        taking_ = true;
+        report();
+        return {};
+    }
+
+    std::exception_ptr write(const char* bytes, qint64 size) override {
+        if (!taking_)
+            return {};
+        try {
+            struct statvfs fs {};
+            if (::fstatvfs(fd_, &fs) == 0 &&
+                qint64(fs.f_bavail) * qint64(fs.f_frsize) - size < reserve_) {
+                reserveReached_ = true;
+                throw DiskSpaceError(
+                    QStringLiteral("Not enough free disk space for the download."));
+            }
+            for (qint64 done = 0; done < size;) {
+                const ssize_t written =
+                    ::pwrite(fd_, bytes + done, std::size_t(size - done), size_ + done);
+                if (written < 0 && errno == EINTR)
+                    continue;
+                if (written < 0)
+                    throwFileError(QStringLiteral("could not write ") + files_.archive);
+                done += written;
+            }
+        } catch (...) {
+            stoppedHere_ = true;
+            return std::current_exception();
+        }
+        take(bytes, size);
+        added_ += size;
+        report();
+        return {};
+    }
+
+    // Back to an empty file, for a plain request.
+    void startOver() { startFromZero(std::nullopt); }
+
+    bool tookBody() const { return taking_; }
+    bool isWhole() const { return taking_ && (!total_ || size_ == *total_); }
+    // A try that was cut short may be followed by another for the rest.
+    bool mayResumeAfterThisTry() const {
+        return taking_ && validator_ && !stoppedHere_ && added_ > 0 && (!total_ || size_ < *total_);
+    }
+
+    // The whole file's digest; from now on the file is only an archive, no longer a download that
+    // could go on, so its validator goes.
+    QString finish() {
+        QFile::remove(files_.validator);
+        return hash_->finishHex();
+    }
+
+    // Leaves what can be resumed next time and removes what cannot.
+    void abandon() {
+        if (reserveReached_ || !validator_ || size_ == 0) {
+            QFile::remove(files_.archive);
+            QFile::remove(files_.validator);
+        }
+    }
+
+private:
+    void take(const char* bytes, qint64 size) {
+        hash_->update(bytes, std::size_t(size));
+        if (options_.sink)
+            options_.sink->append(bytes, std::size_t(size));
+        size_ += size;
+        fed_ = true;
+    }
+
+    void report() const {
+        if (options_.observer)
+            options_.observer->progressed(size_, total_);
+    }
+
+    // Room for `rest` more bytes of archive in the downloads folder and for unpacking the whole
+    // archive: an unpacked build is at least about as large as its compressed archive.
+    void requireRoom(qint64 rest) const {
+        const qint64 whole = total_.value_or(size_ + rest);
+        FreeSpace::require(
+            {{options_.unpackFolder, whole}, {QFileInfo(files_.archive).absolutePath(), rest}},
+            reserve_);
+    }
+
+    void startFromZero(std::optional<QByteArray> validator) {
+        truncate();
+        hash_ = std::make_unique<Sha256>();
+        if (fed_ && options_.sink)
+            options_.sink->restart();
+        validator_ = std::move(validator);
+        if (validator_)
+            writeValidator();
+        else
+            QFile::remove(files_.validator);
+    }
+
+    void truncate() {
+        if (::ftruncate(fd_, 0) != 0)
+            throwFileError(QStringLiteral("could not empty ") + files_.archive);
+        size_ = 0;
+    }
+
+    std::optional<QByteArray> readValidator() const {
+        QFile file(files_.validator);
+        if (!file.open(QIODevice::ReadOnly) || file.size() > 64 * 1024)
+            return std::nullopt;
+        const QJsonObject record = QJsonDocument::fromJson(file.readAll()).object();
+        const QByteArray validator =
+            record.value(QStringLiteral("validator")).toString().toLatin1();
+        if (record.value(QStringLiteral("url")).toString() != url_.toString(QUrl::FullyEncoded) ||
+            validator.isEmpty())
+            return std::nullopt;
+        return validator;
+    }
+
+    void writeValidator() const {
+        const QJsonObject record{{QStringLiteral("url"), url_.toString(QUrl::FullyEncoded)},
+                                 {QStringLiteral("validator"), QString::fromLatin1(*validator_)}};
+        FileManager::defaultManager().writeAtomically(
+            files_.validator, QJsonDocument(record).toJson(QJsonDocument::Compact));
+    }
+
+    DownloadsFolder::Partial files_;
+    QUrl url_;
+    const ResumableDownload::Options& options_;
+    qint64 reserve_;
+    int fd_ = -1;
+    std::unique_ptr<Sha256> hash_ = std::make_unique<Sha256>();
+    bool fed_ = false;
+    qint64 size_ = 0;
+    std::optional<qint64> total_;
+    std::optional<QByteArray> validator_;
+    // The try that runs now.
+    qint64 rangeFrom_ = 0;
+    bool taking_ = false;
+    bool stoppedHere_ = false; // the body was refused or could not be written: not the network
+    bool reserveReached_ = false;
+    qint64 added_ = 0;
+};
+
+} // namespace
+
+QCoro::Task<DownloadResult> ResumableDownload::run(HttpClient& client, QUrl url,
+                                                   DownloadsFolder::Partial files,
+                                                   Options options) {
+    // However it ends, the download is over for whoever follows it.
+    struct EndReport {
+        DownloadObserver* observer;
+        ~EndReport() {
+            if (observer)
+                observer->ended();
+        }
+    } endReport{options.observer};
+    ArchiveFile file(std::move(files), url, options, client.limits().freeSpaceReserve);
+    file.readBack();
+    int resumes = 0;
+    for (;;) {
+        std::exception_ptr failure;
+        ResponseHead head;
+        bool startOver = false;
+        try {
+            const RequestHeaders headers = file.nextRequest();
+            head = co_await client.stream(url, headers, file);
+        } catch (const StartOver&) {
+            startOver = true;
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        if (startOver) {
+            file.startOver(); // the next request is a plain one, so this happens once at most
+            continue;
+        }
+        if (!failure && !file.tookBody()) {
+            file.abandon();
+            co_return DownloadResult{head.statusCode, {}};
+        }
+        if (!failure && file.isWhole())
+            co_return DownloadResult{200, file.finish()};
+        if (file.mayResumeAfterThisTry() && resumes < options.maximumResumes) {
+            ++resumes;
+            continue;
+        }
+        file.abandon();
+        if (failure)
+            std::rethrow_exception(failure);
+        throw NetworkError(QStringLiteral("The server sent less than the whole archive."));
+    }
+}
