@@ -6,11 +6,14 @@ function(zentho_version_object name version)
     target_link_libraries(${name} PRIVATE zentho_identity)
 endfunction()
 
-# Registers one QtTest case: tests/<Name>.cpp becomes the executable <Name> and the CTest test
-# <Name>. Extra arguments are libraries to link besides the test support library.
+# Registers one QtTest case: SOURCE (by default <Name>.cpp) becomes the executable <Name> and the
+# CTest test <Name>. LIBS are libraries to link besides the test support library.
 function(zentho_add_test name)
-    cmake_parse_arguments(ARG "" "TIMEOUT" "LIBS;LABELS" ${ARGN})
-    add_executable(${name} ${name}.cpp)
+    cmake_parse_arguments(ARG "" "TIMEOUT;SOURCE" "LIBS;LABELS" ${ARGN})
+    if(NOT ARG_SOURCE)
+        set(ARG_SOURCE ${name}.cpp)
+    endif()
+    add_executable(${name} ${ARG_SOURCE})
     target_link_libraries(${name} PRIVATE zentho_test_support zentho_version_default
                           zentho_manifest_keys_default ${ARG_LIBS})
     add_test(NAME ${name} COMMAND ${name})
