@@ -9,7 +9,7 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
-#include "errors/DiskSpaceError.h"
+#include "errors/Failure.h"
 #include "model/LauncherModel.h"
 #include "net/FreeSpace.h"
 #include "net/TransferLimits.h"

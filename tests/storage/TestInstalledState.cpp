@@ -1,6 +1,7 @@
 #include "ScopedDataHome.h"
 #include "TestFiles.h"
 
+#include "errors/FileError.h"
 #include "platform/FileManager.h"
 #include "storage/InstalledState.h"
 
@@ -155,7 +156,7 @@ private slots:
         TestFiles::writeFile(home.statePath(), old);
         // A folder where the temporary record must go makes the write fail (even for root).
         TestFiles::makeFolder(home.statePath() + ".tmp/blocker");
-        QVERIFY_THROWS_EXCEPTION(std::system_error,
+        QVERIFY_THROWS_EXCEPTION(FileError,
                                  (InstalledState{"0.3.0", "/v/0.3.0"}.write(files, home.statePath())));
         QCOMPARE(TestFiles::readFile(home.statePath()), old);
         QCOMPARE(QDir(home.launcherRoot()).entryList({".current-macos*"}, QDir::Files | QDir::Hidden),
@@ -163,7 +164,7 @@ private slots:
     }
     void writeIntoAMissingFolderFails() {
         ScopedDataHome home;
-        QVERIFY_THROWS_EXCEPTION(std::system_error,
+        QVERIFY_THROWS_EXCEPTION(FileError,
                                  (InstalledState{"0.3.0", "/v"}.write(files, home.statePath())));
         QVERIFY(!QFile::exists(home.statePath()));
     }

@@ -1,18 +1,11 @@
 #pragma once
 
 #include "chunks/ChunkPlan.h"
+#include "errors/Failure.h"
 #include "formats/ChunkIndex.h"
 
 #include <QHash>
 #include <QString>
-
-#include <stdexcept>
-
-// A build that could not be put together from its chunks, or came out other than its index says.
-class ChunkAssemblyError : public std::runtime_error {
-public:
-    explicit ChunkAssemblyError(const QString& description) : std::runtime_error(description.toStdString()) {}
-};
 
 // Writes the build `index` describes into the empty folder `staging`: its folders, its symlinks
 // and each file from its chunks, read at `locations`, files on several threads. Every entry is

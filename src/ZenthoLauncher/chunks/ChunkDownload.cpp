@@ -1,12 +1,12 @@
 #include "chunks/ChunkDownload.h"
 
+#include "errors/Failure.h"
 #include "formats/ChunkStore.h"
 #include "net/HttpClient.h"
 #include "net/ResumableDownload.h"
 #include "storage/ChunkCache.h"
 
 #include <exception>
-#include <stdexcept>
 
 namespace {
 
@@ -34,7 +34,7 @@ QCoro::Task<void> fetchInTurn(Round& round) {
             const QUrl url = chunkUrl(round.download.store, chunk.sha256);
             const HttpResponse response = co_await round.client.capped(url, storedBound(chunk.size));
             if (response.statusCode != 200)
-                throw std::runtime_error(url.toString().toStdString() + " answered " +
+                throw ChunkStoreError(url.toString().toStdString() + " answered " +
                                          std::to_string(response.statusCode.value_or(0)));
             round.cache.keep(chunk.sha256, ChunkStore::decode(response.body, chunk.size, chunk.sha256));
         } catch (...) {

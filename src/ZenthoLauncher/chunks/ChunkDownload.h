@@ -28,5 +28,5 @@ struct ChunkDownload {
 // checked (one zstd frame of its size whose bytes hash to its name) before `cache` keeps it; the
 // observer sees the kept bytes grow towards the kept and missing bytes together. The first
 // failure lets no further request start and is thrown once the running ones are over:
-// NetworkError, ChunkStoreError, std::runtime_error for an answer other than 200, FileError.
+// NetworkError, ChunkStoreError (also for an answer other than 200), FileError.
 QCoro::Task<void> downloadChunks(HttpClient& client, ChunkDownload download, const ChunkCache& cache);

@@ -1,20 +1,20 @@
 #include "chunks/ChunkedInstall.h"
 
 #include "archive/Archive.h"
+#include "errors/Failure.h"
 #include "net/HttpClient.h"
 #include "storage/BuildIndexes.h"
 #include "storage/InstalledBuild.h"
 
-#include <stdexcept>
 
 QCoro::Task<FetchedChunkIndex> fetchChunkIndex(HttpClient& client, ReleaseChunks chunks) {
     const HttpResponse response = co_await client.capped(chunks.index, ChunkIndex::kMaxBytes);
     if (response.statusCode != 200)
-        throw std::runtime_error(chunks.index.toString().toStdString() + " answered " +
+        throw ChunkIndexError(chunks.index.toString().toStdString() + " answered " +
                                  std::to_string(response.statusCode.value_or(0)));
     // Nothing of the index is looked at before its digest has matched.
     if (sha256Hex(response.body) != chunks.sha256.toLower())
-        throw std::runtime_error(chunks.index.toString().toStdString() + " is not the index the manifest names");
+        throw ChunkIndexError(chunks.index.toString().toStdString() + " is not the index the manifest names");
     FetchedChunkIndex fetched{response.body, ChunkIndex::decode(response.body)};
     QString listing;
     for (const ChunkIndexEntry& entry : fetched.index.entries)

@@ -22,8 +22,8 @@ struct FetchedChunkIndex {
 
 // Fetches the index `chunks` names and accepts it only as the body of a plain HTTP 200 whose
 // SHA-256 is the manifest's (letter case aside), that ChunkIndex::decode reads and whose every
-// path passes the archive listing rule. Throws NetworkError, std::runtime_error for another status
-// or digest, ChunkIndexError, LauncherError::unsafeArchive.
+// path passes the archive listing rule. Throws NetworkError, ChunkIndexError (another status or
+// digest, or an index that does not read), LauncherError::unsafeArchive.
 QCoro::Task<FetchedChunkIndex> fetchChunkIndex(HttpClient& client, ReleaseChunks chunks);
 
 // The saved builds an update can take chunks from, the current one first, each with the index

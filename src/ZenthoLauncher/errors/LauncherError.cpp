@@ -2,31 +2,17 @@
 
 #include <QtGlobal>
 
-LauncherError::LauncherError(Case c, QString text, std::int32_t status)
-    : case_(c), text_(std::move(text)), status_(status) {
-    utf8_ = errorDescription().toStdString();
-}
+namespace {
 
-LauncherError LauncherError::invalidLauncherSignature(const QString& detail) {
-    return LauncherError(Case::invalidLauncherSignature, detail);
-}
-
-LauncherError LauncherError::gameExited(std::int32_t status) {
-    return LauncherError(Case::gameExited, {}, status);
-}
-
-LauncherError LauncherError::archiveFailed(const QString& message) {
-    return LauncherError(Case::archiveFailed, message);
-}
-
-QString LauncherError::errorDescription() const {
-    switch (case_) {
+QString descriptionOf(LauncherError::Case c, const QString& text, std::int32_t status) {
+    using Case = LauncherError::Case;
+    switch (c) {
     case Case::invalidLauncherSignature:
-        return text_.isEmpty() ? QStringLiteral("The launcher signature is invalid.") : text_;
+        return text.isEmpty() ? QStringLiteral("The launcher signature is invalid.") : text;
     case Case::gameExited:
-        return QStringLiteral("The game exited during startup (status %1).").arg(status_);
+        return QStringLiteral("The game exited during startup (status %1).").arg(status);
     case Case::archiveFailed:
-        return text_;
+        return text;
     case Case::badManifest:
         return QStringLiteral("The update manifest is unavailable.");
     case Case::wrongPlatform:
@@ -53,9 +39,25 @@ QString LauncherError::errorDescription() const {
     return {};
 }
 
+} // namespace
+
+LauncherError::LauncherError(Case c, QString text, std::int32_t status)
+    : Failure(descriptionOf(c, text, status)), case_(c), text_(std::move(text)), status_(status) {}
+
+LauncherError LauncherError::invalidLauncherSignature(const QString& detail) {
+    return LauncherError(Case::invalidLauncherSignature, detail);
+}
+
+LauncherError LauncherError::gameExited(std::int32_t status) {
+    return LauncherError(Case::gameExited, {}, status);
+}
+
+LauncherError LauncherError::archiveFailed(const QString& message) {
+    return LauncherError(Case::archiveFailed, message);
+}
+
 QString describeError(const std::exception& error) {
-    if (const auto* own = dynamic_cast<const LauncherError*>(&error))
-        return own->errorDescription();
+    // A Failure carries its text as UTF-8, and what() of the platform's own errors says it there.
     return QString::fromUtf8(error.what());
 }
 

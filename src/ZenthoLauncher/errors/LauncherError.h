@@ -1,15 +1,16 @@
 #pragma once
 
+#include "errors/Failure.h"
+
 #include <QString>
 
 #include <cstdint>
 #include <exception>
-#include <stdexcept>
 
 // The launcher's own failure vocabulary. Failures of platform services (network, files, JSON,
 // processes) are not turned into these: they travel as their own exception types and are shown
 // with their own text.
-class LauncherError : public std::exception {
+class LauncherError : public Failure {
 public:
     enum class Case {
         invalidLauncherSignature,
@@ -50,8 +51,7 @@ public:
     std::int32_t exitStatus() const { return status_; } // payload of gameExited
 
     // The user-facing text.
-    QString errorDescription() const;
-    const char* what() const noexcept override { return utf8_.c_str(); }
+    QString errorDescription() const { return description(); }
 
     bool operator==(const LauncherError& other) const {
         return case_ == other.case_ && text_ == other.text_ && status_ == other.status_;
@@ -63,10 +63,9 @@ private:
     Case case_;
     QString text_;
     std::int32_t status_;
-    std::string utf8_;
 };
 
-// The text that follows a status prefix such as "Update failed: ": a LauncherError's own
-// description, or the platform's text for any other error.
+// The text that follows a status prefix such as "Update failed: ": a Failure's own description,
+// or the platform's text for any other error.
 QString describeError(const std::exception& error);
 QString describeError(std::exception_ptr error);

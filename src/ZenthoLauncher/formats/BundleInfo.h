@@ -1,30 +1,14 @@
 #pragma once
 
+#include "errors/Failure.h"
+
 #include <QString>
 
 #include <optional>
-#include <stdexcept>
 
 // What a launcher bundle says about itself: the small file Contents/Info.json, written by the
 // build from the version it compiles in and covered by the bundle's seal, {"version":"0.1.190"}.
 // Other members are ignored, so the file can grow.
-
-// The bundle's Info.json is there but cannot be read, is larger than it could ever need to be, or
-// does not hold a "version" string.
-class BundleInfoError : public std::runtime_error {
-public:
-    explicit BundleInfoError(const QString& description)
-        : std::runtime_error(description.toStdString()) {}
-};
-
-// A staged launcher bundle that is the launcher already running, although its manifest names
-// another version: handing it over would restart the same launcher, which would find the same
-// update again on every start.
-class StaleLauncherUpdateError : public std::runtime_error {
-public:
-    explicit StaleLauncherUpdateError(const QString& description)
-        : std::runtime_error(description.toStdString()) {}
-};
 
 namespace BundleInfo {
 

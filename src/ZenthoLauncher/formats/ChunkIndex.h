@@ -1,20 +1,13 @@
 #pragma once
 
+#include "errors/Failure.h"
+
 #include <ContentChunker.h>
 
 #include <QByteArray>
 #include <QString>
 
-#include <stdexcept>
 #include <vector>
-
-// A chunk index that cannot be used: not JSON, a member missing or of the wrong type, or content
-// that could reach outside the build (".." or absolute paths, symlinks leading out, setuid or
-// setgid modes) or does not add up.
-class ChunkIndexError : public std::runtime_error {
-public:
-    explicit ChunkIndexError(const QString& description) : std::runtime_error(description.toStdString()) {}
-};
 
 // One chunk of a file: its name (the SHA-256 of its bytes, lower-case hex) and its length.
 struct ChunkRef {

@@ -1,17 +1,11 @@
 #pragma once
 
+#include "errors/Failure.h"
+
 #include <QByteArray>
 #include <QString>
 
 #include <cstddef>
-#include <stdexcept>
-
-// A stored chunk that is not what its name promises: not one zstd frame, another size, another
-// digest.
-class ChunkStoreError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
 
 // How a chunk is kept in a chunk store, on the publisher's disk and on the release server alike.
 // A chunk is named by the SHA-256 of its uncompressed bytes and kept as one zstd frame at

@@ -1,20 +1,12 @@
 #pragma once
 
+#include "errors/Failure.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QUrl>
 
 #include <optional>
-#include <stdexcept>
-
-// A manifest body that does not decode: not JSON, not an object, a required key missing or null,
-// a value of the wrong type, or a url that does not parse. Reaches the user with its own text; it
-// is deliberately not a LauncherError.
-class ManifestDecodingError : public std::runtime_error {
-public:
-    explicit ManifestDecodingError(const QString& description)
-        : std::runtime_error(description.toStdString()) {}
-};
 
 // Where a release's build can also be fetched as chunks: the chunk index, its SHA-256 (64 hex
 // digits, either case) and the base address of the chunk store.

@@ -1,5 +1,6 @@
 #include "formats/TreeChunker.h"
 
+#include "errors/Failure.h"
 #include "trust/Sha256.h"
 
 #include <QFile>
@@ -7,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -21,8 +21,8 @@ namespace TreeChunker {
 
 namespace {
 
-std::runtime_error failure(const std::string& path, const std::string& what) {
-    return std::runtime_error(path + ": " + what);
+ChunkIndexError failure(const std::string& path, const std::string& what) {
+    return ChunkIndexError(path + ": " + what);
 }
 
 std::vector<std::string> sortedNames(const std::string& folder) {

@@ -20,7 +20,7 @@ using OnChunk = std::function<void(const ChunkIndexEntry& file, const ChunkRef& 
 // The index of everything below `root` (not `root` itself): folders before what they hold,
 // names in byte order, symlinks not followed. Modes are the permission, setuid, setgid and sticky
 // bits as found, so ChunkIndex::decode of the result refuses what a launcher would. Throws
-// std::runtime_error naming the entry that is not a file, folder or symlink or cannot be read.
+// ChunkIndexError naming the entry that is not a file, folder or symlink or cannot be read.
 ChunkIndex index(const QString& root, const ChunkSizes& sizes, const OnChunk& onChunk = {});
 
 } // namespace TreeChunker

@@ -1,6 +1,6 @@
 #include "net/FreeSpace.h"
 
-#include "errors/DiskSpaceError.h"
+#include "errors/Failure.h"
 #include "net/TransferText.h"
 
 #include <QFile>

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "errors/Failure.h"
 #include "net/TransferLimits.h"
 
 #include <QByteArray>
@@ -11,17 +12,7 @@
 
 #include <exception>
 #include <optional>
-#include <stdexcept>
 #include <utility>
-
-// A transport failure (no route, refused, TLS, timeout, stalled or too slow body, refused
-// redirect, a body larger than the launcher accepts), carrying Qt's own description of it or
-// the launcher's one-line reason.
-class NetworkError : public std::runtime_error {
-public:
-    explicit NetworkError(const QString& description)
-        : std::runtime_error(description.toStdString()) {}
-};
 
 // What a GET brought back. `statusCode` is absent when the answer was not HTTP at all (a file:
 // URL); callers decide what a status means.

@@ -1,6 +1,6 @@
 #include "net/ResumableDownload.h"
 
-#include "errors/DiskSpaceError.h"
+#include "errors/Failure.h"
 #include "errors/FileError.h"
 #include "net/FreeSpace.h"
 #include "net/HttpClient.h"

@@ -294,7 +294,7 @@ void FileManager::writeAtomically(const QString& path, const QByteArray& bytes) 
         writeAll(fd, bytes, path);
     } catch (const FileError& error) {
         ::close(fd);
-        abandon(error.code().value(), QStringLiteral("could not write %1").arg(path));
+        abandon(error.code(), QStringLiteral("could not write %1").arg(path));
     }
     if (::fsync(fd) != 0) {
         const int err = errno;

@@ -1,14 +1,15 @@
 #pragma once
 
+#include "errors/Failure.h"
+
 #include <filesystem>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 // The canonical description of an application bundle that its signature covers: every entry
 // below the bundle folder with its kind, permission bits and content (a file's SHA-256, a
-// symlink's target). Plain C++ on purpose: the small verifier program that ships inside the
-// bundle and the release tool share it with the launcher.
+// symlink's target). The small verifier program that ships inside the bundle and the release
+// tool share it with the launcher.
 
 struct BundleEntry {
     enum class Kind { directory, file, symlink };
@@ -19,13 +20,6 @@ struct BundleEntry {
     std::string detail; // file: lower-case hex SHA-256; symlink: its target; folder: empty
 
     bool operator==(const BundleEntry&) const = default;
-};
-
-// A bundle that cannot be described, with the entry at fault first, e.g.
-// "Contents/fifo: unsupported file type".
-class BundleListingError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
 };
 
 // Every entry below `bundle` except the one at `skipped` (a relative path), sorted bytewise by

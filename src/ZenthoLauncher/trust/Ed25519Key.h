@@ -1,16 +1,11 @@
 #pragma once
 
+#include "errors/Failure.h"
+
 #include <memory>
-#include <stdexcept>
 #include <string>
 
 typedef struct evp_pkey_st EVP_PKEY;
-
-// A key that fails to load, generate or sign, with a one-line reason.
-class KeyError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
 
 // An Ed25519 key, private (can sign and verify) or public only (can verify), read from and
 // written as PEM: PKCS#8 for the private half, SubjectPublicKeyInfo for the public half, the

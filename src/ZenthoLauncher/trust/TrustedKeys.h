@@ -7,8 +7,8 @@
 
 // The public keys a launcher trusts for one purpose (bundle seals, or release manifests): a small
 // set, so a publisher can ship launchers that trust the current key and the next one before
-// signing with the next. A signature counts when any of them made it. Plain C++, shared by the
-// verifier program, the launcher and the release tool.
+// signing with the next. A signature counts when any of them made it. Shared by the verifier program,
+// the launcher and the release tool.
 class TrustedKeys {
 public:
     TrustedKeys() = default;

@@ -1,5 +1,6 @@
 #include "ui/MainWindow.h"
 
+#include "errors/Failure.h"
 #include "model/LauncherModel.h"
 
 #include <QIcon>
@@ -9,7 +10,6 @@
 #include <QQuickWindow>
 #include <QStringList>
 
-#include <stdexcept>
 
 const char* const MainWindow::kSource = "qrc:/ZenthoLauncher/Main.qml";
 const char* const MainWindow::kIcon = ":/ZenthoLauncher/zentho-launcher.png";
@@ -31,7 +31,7 @@ MainWindow::MainWindow(LauncherModel& model, Platform& platform) : clipboard_(pl
             messages.append(error.toString());
         if (messages.isEmpty())
             messages.append(QStringLiteral("%1 does not describe a window").arg(kSource));
-        throw std::runtime_error(messages.join(QLatin1Char('\n')).toStdString());
+        throw Failure(messages.join(QLatin1Char('\n')).toStdString());
     }
     root.release();
     window_.reset(window);

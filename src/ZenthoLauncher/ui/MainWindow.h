@@ -20,7 +20,7 @@ public:
     // The window's icon in the resources: the picture the desktop entry's icon shows.
     static const char* const kIcon;
 
-    // Throws std::runtime_error with the QML engine's messages when the window cannot be built.
+    // Throws Failure with the QML engine's messages when the window cannot be built.
     MainWindow(LauncherModel& model, Platform& platform);
     ~MainWindow();
     MainWindow(const MainWindow&) = delete;
