@@ -28,7 +28,8 @@ namespace {
 QCoro::Task<void> downloadInto(QUrl url, DownloadsFolder::Partial files, QString root,
                                std::optional<DownloadResult>* result) {
     const ResumableDownload::Options options{nullptr, nullptr, root, 5};
-    result->emplace(co_await ResumableDownload::run(HttpClient::shared(), url, files, options));
+    HttpClient client;
+    result->emplace(co_await ResumableDownload::run(client, FileManager::defaultManager(), url, files, options));
 }
 
 } // namespace

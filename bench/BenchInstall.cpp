@@ -28,6 +28,7 @@
 #include "archive/ArchiveExtraction.h"
 #include "archive/StreamedListing.h"
 #include "model/LauncherModel.h"
+#include "net/HttpClient.h"
 #include "platform/FileManager.h"
 #include "update/ManifestFetch.h"
 #include "update/VerifiedDownload.h"
@@ -155,7 +156,9 @@ QCoro::Task<Stages> ourStages(ReleaseManifest manifest, QString scratch, bool st
     // Named, not a braced temporary in the co_await: g++ 12 destroys such a temporary twice.
     const ArchiveDownload where{scratch, ManifestKind::game().platform,
                                 streamed ? &listing : nullptr, nullptr};
-    const DownloadedFile archive = co_await downloadVerifiedArchive(manifest.url, manifest.sha256, where);
+    HttpClient http;
+    const DownloadedFile archive = co_await downloadVerifiedArchive(http, FileManager::defaultManager(),
+                                                                    manifest.url, manifest.sha256, where);
     stages.download = secondsSince(clock);
     clock.restart();
     // (No co_await inside a conditional expression: g++ 12 miscompiles that.)

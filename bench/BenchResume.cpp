@@ -26,7 +26,8 @@ namespace {
 
 QCoro::Task<void> attempt(QUrl url, DownloadsFolder::Partial files, QString root, int resumes) {
     const ResumableDownload::Options options{nullptr, nullptr, root, resumes};
-    co_await ResumableDownload::run(HttpClient::shared(), url, files, options);
+    HttpClient client;
+    co_await ResumableDownload::run(client, FileManager::defaultManager(), url, files, options);
 }
 
 } // namespace

@@ -27,8 +27,14 @@
 
 namespace {
 
+// A client with the product's limits, as the launcher uses.
+HttpClient& productClient() {
+    static HttpClient client;
+    return client;
+}
+
 HttpResponse fetch(const QUrl& url) {
-    return awaitResult(HttpClient::shared().data(url));
+    return awaitResult(productClient().data(url));
 }
 
 // A streamed body kept in memory, with the head it came under.
@@ -41,10 +47,10 @@ struct Streamed {
 class MemoryReceiver : public BodyReceiver {
 public:
     explicit MemoryReceiver(Streamed& into) : into_(into) {}
-    std::exception_ptr accept(const ResponseHead& head) override {
+    Verdict accept(const ResponseHead& head) override {
         into_.head = head;
         ++into_.heads;
-        return {};
+        return Verdict::take();
     }
     std::exception_ptr write(const char* bytes, qint64 size) override {
         into_.body.append(bytes, size);
@@ -58,7 +64,7 @@ private:
 Streamed download(const QUrl& url, const RequestHeaders& headers = {}) {
     Streamed streamed;
     MemoryReceiver receiver(streamed);
-    const ResponseHead head = awaitResult(HttpClient::shared().stream(url, headers, receiver));
+    const ResponseHead head = awaitResult(productClient().stream(url, headers, receiver));
     streamed.head = head;
     return streamed;
 }
@@ -112,11 +118,11 @@ private slots:
 
     // A chunk or an index comes whole into memory, never beyond what it can be.
     void cappedFetchStopsAtItsCap() {
-        const HttpResponse whole = awaitResult(HttpClient::shared().capped(server->url("/big.bin"), 1024 * 1024));
+        const HttpResponse whole = awaitResult(productClient().capped(server->url("/big.bin"), 1024 * 1024));
         QCOMPARE(whole.statusCode, std::optional<int>(200));
         QCOMPARE(whole.body.size(), 1024 * 1024);
         const QString error = networkErrorOf(
-            [&] { awaitResult(HttpClient::shared().capped(server->url("/big.bin"), 1024 * 1024 - 1)); });
+            [&] { awaitResult(productClient().capped(server->url("/big.bin"), 1024 * 1024 - 1)); });
         QVERIFY2(error.startsWith(QStringLiteral("The answer is larger than")), qPrintable(error));
     }
 
@@ -174,6 +180,34 @@ private slots:
         const Streamed file = download(server->url("/redirect/https/big.bin"));
         QCOMPARE(file.heads, 1);
         QCOMPARE(file.head.statusCode, std::optional<int>(200));
+    }
+
+    // A receiver that wants nothing of an answer's body ends the transfer at its head: the body
+    // never reaches it, and the server stops sending (nginx logs the request, cut short, once the
+    // connection has gone).
+    void declinedBodyEndsTheTransferAtItsHead() {
+        struct Declining : BodyReceiver {
+            int writes = 0;
+            Verdict accept(const ResponseHead&) override { return Verdict::decline(); }
+            std::exception_ptr write(const char*, qint64) override {
+                ++writes;
+                return {};
+            }
+        } receiver;
+        const QString path = QStringLiteral("/throttle/declined.bin");
+        server->writeFile(QStringLiteral("declined.bin"), TestFiles::randomBytes(4 * 1024 * 1024, 7));
+        const ResponseHead head = awaitResult(productClient().stream(server->url(path), {}, receiver));
+        QCOMPARE(head.statusCode, std::optional<int>(200));
+        QCOMPARE(receiver.writes, 0);
+        QTRY_COMPARE_WITH_TIMEOUT(server->servedFor(path).size(), 1, 30000);
+        QVERIFY(server->servedFor(path).first().bytes < 4 * 1024 * 1024);
+    }
+    // The twin: the same answer taken whole.
+    void takenBodyArrivesWhole() {
+        server->writeFile(QStringLiteral("taken.bin"), TestFiles::randomBytes(4 * 1024 * 1024, 7));
+        const Streamed file = download(server->url(QStringLiteral("/taken.bin")));
+        QCOMPARE(file.head.statusCode, std::optional<int>(200));
+        QCOMPARE(file.body, TestFiles::randomBytes(4 * 1024 * 1024, 7));
     }
 
     // Headers go with the request: nginx answers a Range with the range.

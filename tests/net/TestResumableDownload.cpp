@@ -7,7 +7,7 @@
 #include "TestFiles.h"
 #include "TestServer.h"
 
-#include "errors/DiskSpaceError.h"
+#include "errors/Failure.h"
 #include "net/DownloadsFolder.h"
 #include "net/FreeSpace.h"
 #include "net/HttpClient.h"
@@ -116,14 +116,14 @@ class TestResumableDownload : public QObject {
     DownloadResult run(const QUrl& url, TransferLimits limits = {}, int resumes = 5) {
         HttpClient client(limits);
         ResumableDownload::Options options{&sink_, &observer_, root(), resumes};
-        return awaitResult(ResumableDownload::run(client, url, files(), options));
+        return awaitResult(ResumableDownload::run(client, FileManager::defaultManager(), url, files(), options));
     }
     std::exception_ptr failureOf(const QUrl& url, TransferLimits limits = {}, int resumes = 5) {
         HttpClient client(limits);
         ResumableDownload::Options options{&sink_, &observer_, root(), resumes};
         return waitForOutcome([](HttpClient& c, QUrl u, DownloadsFolder::Partial f,
                                  ResumableDownload::Options o) -> QCoro::Task<void> {
-            co_await ResumableDownload::run(c, u, f, o);
+            co_await ResumableDownload::run(c, FileManager::defaultManager(), u, f, o);
         }(client, url, files(), options));
     }
     static QString textOf(const std::exception_ptr& error) {

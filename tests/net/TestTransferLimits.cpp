@@ -54,7 +54,7 @@ QString fetchError(const TransferLimits& limits, const QUrl& url) {
 QCoro::Task<QByteArray> downloadTask(HttpClient& client, QUrl url, DownloadsFolder::Partial files,
                                      QString root) {
     const ResumableDownload::Options options{nullptr, nullptr, root, 5};
-    const DownloadResult result = co_await ResumableDownload::run(client, url, files, options);
+    const DownloadResult result = co_await ResumableDownload::run(client, FileManager::defaultManager(), url, files, options);
     if (result.statusCode != std::optional<int>(200))
         throw std::runtime_error("status " + std::to_string(result.statusCode.value_or(-1)));
     co_return TestFiles::readFile(files.archive);

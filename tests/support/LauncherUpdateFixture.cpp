@@ -7,6 +7,7 @@
 
 #include "identity/LauncherVersion.h"
 #include "identity/TrustedManifestKeys.h"
+#include "net/HttpClient.h"
 #include "platform/FileManager.h"
 #include "update/LauncherUpdater.h"
 
@@ -131,9 +132,10 @@ bool LauncherUpdateFixture::wait(QCoro::Task<bool> task) {
 }
 
 bool LauncherUpdateFixture::update(const QUrl& manifest) {
-    LauncherUpdater updater(FileManager::defaultManager(), *platform_,
-                            {launcherVersion(), trustedManifestKeys()}, launcherRoot_,
-                            [this](const QString& text) { statuses_.append(text); });
+    HttpClient http;
+    const InstallContext context{FileManager::defaultManager(), http, launcherRoot_,
+                                 [this](const QString& text) { statuses_.append(text); }};
+    LauncherUpdater updater(context, *platform_, {launcherVersion(), trustedManifestKeys()});
     const Outcome outcome = QCoro::waitFor(capture(updater.updateIfNeeded(manifest)));
     if (outcome.error)
         std::rethrow_exception(outcome.error);

@@ -9,6 +9,7 @@
 #include "errors/LauncherError.h"
 #include "formats/ManifestExpiry.h"
 #include "formats/ReleaseManifest.h"
+#include "net/HttpClient.h"
 #include "trust/ManifestSignature.h"
 #include "update/ManifestFetch.h"
 
@@ -36,10 +37,12 @@ QString expiresIn(qint64 seconds) {
         .arg(ManifestExpiry::text(QDateTime::currentDateTimeUtc().addSecs(seconds)));
 }
 
+HttpClient http;
+
 // Runs the fetch and returns the text of what it threw; a null string when it succeeded.
 QString failureOf(const QUrl& url, const ManifestKind& kind, const TrustedKeys& keys) {
     try {
-        awaitResult(fetchReleaseManifest(url, kind, keys));
+        awaitResult(fetchReleaseManifest(http, url, kind, keys));
     } catch (const LauncherError& error) {
         return error.errorDescription();
     } catch (const std::exception& error) {
@@ -93,7 +96,7 @@ private slots:
         // A forged signature and a manifest that expired long ago: neither matters.
         const QByteArray bytes = manifestJson(QStringLiteral("macos-arm64"), expiresIn(-86400));
         const QUrl url = serve(bytes, QByteArray(64, 'x'));
-        const ReleaseManifest manifest = awaitResult(fetchReleaseManifest(url, ManifestKind::game(), {}));
+        const ReleaseManifest manifest = awaitResult(fetchReleaseManifest(http, url, ManifestKind::game(), {}));
         QCOMPARE(manifest.version, QStringLiteral("0.2.0"));
         QTest::qWait(100); // nginx writes its log line once the answer has gone
         QCOMPARE(requestsFor(url), 1);

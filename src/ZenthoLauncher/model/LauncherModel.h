@@ -2,9 +2,11 @@
 
 #include "formats/ReleaseManifest.h"
 #include "model/InstalledBuildList.h"
+#include "net/HttpClient.h"
 #include "storage/InstalledBuild.h"
 #include "storage/InstalledState.h"
 #include "storage/StorageLayout.h"
+#include "update/InstallContext.h"
 
 #include <QObject>
 #include <QString>
@@ -15,6 +17,7 @@
 #include <optional>
 
 class DownloadMeter;
+class DownloadObserver;
 class FileManager;
 class Platform;
 
@@ -97,6 +100,9 @@ private:
     }
     // Shows a download's progress in the window and on the taskbar while it runs.
     DownloadMeter downloadMeter();
+    // What the installs work with: the model's files and HTTP client, the storage folder, the
+    // status line and `observer` for the download's progress.
+    InstallContext installContext(DownloadObserver& observer);
 
     void refreshInstalledBuilds();
     InstalledState readInstalledState();
@@ -135,6 +141,9 @@ private:
     QString selectedInstalledPath_;
     FileManager& files;
     Platform& platform_;
+    // Every transfer of the model's operations; a press of the main button lends it a memo of
+    // the servers that could not be reached.
+    HttpClient http_;
     QString seedRuntime_;
     std::optional<QString> pendingInvite_;
     StorageLayout layout_;

@@ -5,11 +5,14 @@
 
 #include "errors/LauncherError.h"
 #include "identity/TrustedManifestKeys.h"
+#include "net/HttpClient.h"
 #include "net/UnreachableHosts.h"
 #include "platform/FileManager.h"
 #include "platform/Platform.h"
 #include "update/ManifestFetch.h"
 #include "update/UpdateEndpoints.h"
+
+#include <QScopeGuard>
 
 namespace {
 const QString kFallbackExecutable = QStringLiteral("zentho");
@@ -24,7 +27,9 @@ void LauncherModel::updateAndPlay() {
 
 QCoro::Task<void> LauncherModel::runUpdateAndPlay() {
     // A server that cannot be reached is not waited for twice in one press.
-    const UnreachableHosts::FlowScope unreachable;
+    UnreachableHosts unreachable;
+    http_.rememberUnreachableIn(&unreachable);
+    const auto forget = qScopeGuard([this] { http_.rememberUnreachableIn(nullptr); });
     setStatus(QStringLiteral("Checking launcher version..."));
     bool relaunching = false;
     try {
@@ -75,7 +80,7 @@ QCoro::Task<void> LauncherModel::runUpdateAndPlay() {
 
 QCoro::Task<void> LauncherModel::updateGameAndLaunch(InstalledState current) {
     const ReleaseManifest manifest =
-        co_await fetchReleaseManifest(manifestURL(), ManifestKind::game(), trustedManifestKeys());
+        co_await fetchReleaseManifest(http_, manifestURL(), ManifestKind::game(), trustedManifestKeys());
 
     QUrl runtime;
     // Any difference in the version text is a release to install, a lower one included: the

@@ -1,14 +1,32 @@
+// The model's two installs, a game build and the launcher itself: both run the same staged,
+// verified install (update/ReleaseStaging.h), report to the same status line and progress
+// divider, and differ only in what they do with what they staged.
+
 #include "model/LauncherModel.h"
 
+#include "identity/LauncherVersion.h"
+#include "identity/TrustedManifestKeys.h"
 #include "model/DownloadMeter.h"
 #include "update/GameInstaller.h"
+#include "update/LauncherUpdater.h"
+#include "update/UpdateEndpoints.h"
+
+InstallContext LauncherModel::installContext(DownloadObserver& observer) {
+    return InstallContext{files, http_, launcherRoot(), [this](const QString& text) { setStatus(text); },
+                          &observer};
+}
+
+QCoro::Task<bool> LauncherModel::updateLauncherIfNeeded() {
+    DownloadMeter meter = downloadMeter();
+    LauncherUpdater updater(installContext(meter), platform_, {launcherVersion(), trustedManifestKeys()},
+                            [this] { return pendingInvite_; });
+    co_return co_await updater.updateIfNeeded(launcherManifestURL());
+}
 
 QCoro::Task<QUrl> LauncherModel::install(ReleaseManifest manifest) {
     const QString version = manifest.version;
-    GameInstaller installer(files, {launcherRoot(), versionsRoot(), stateURL()},
-                            [this](const QString& text) { setStatus(text); });
     DownloadMeter meter = downloadMeter();
-    installer.setDownloadObserver(&meter);
+    GameInstaller installer(installContext(meter), {versionsRoot(), stateURL()});
     const QString installFolder = co_await installer.install(std::move(manifest));
 
     setInstalledVersion(version);

@@ -136,11 +136,6 @@ bool collect(QNetworkReply& reply, QByteArray& body, qint64 cap) {
 
 } // namespace
 
-HttpClient& HttpClient::shared() {
-    static HttpClient client;
-    return client;
-}
-
 QCoro::Task<HttpResponse> HttpClient::data(QUrl url) {
     const qint64 cap = limits_.maximumManifestBytes;
     const QString tooLarge = QStringLiteral("The manifest is larger than %1.").arg(sizeText(cap));
@@ -156,7 +151,8 @@ QCoro::Task<HttpResponse> HttpClient::fetch(QUrl url, qint64 cap, TransferWatchd
                                             QString tooLarge) {
     QByteArray body;
 
-    UnreachableHosts::refuseKnown(url);
+    if (unreachable_)
+        unreachable_->refuseKnown(url);
     ReplyPtr reply(manager().get(requestFor(url)));
     reply->setReadBufferSize(readBufferSize);
     auto* const watchdog = new TransferWatchdog(reply.get(), limits);
@@ -174,7 +170,8 @@ QCoro::Task<HttpResponse> HttpClient::fetch(QUrl url, qint64 cap, TransferWatchd
     QObject::disconnect(streaming);
     if (!watchdog->abortReason() && !collect(*raw, body, cap))
         throw NetworkError(tooLarge);
-    UnreachableHosts::noteFailure(*raw, *watchdog);
+    if (unreachable_)
+        unreachable_->noteFailure(*raw, *watchdog);
     throwIfTransportFailed(*raw, *watchdog);
     co_return HttpResponse{statusCodeOf(*raw), std::move(body)};
 }
@@ -186,9 +183,11 @@ QCoro::Task<ResponseHead> HttpClient::stream(QUrl url, RequestHeaders headers,
         request.setRawHeader(name, value);
     std::exception_ptr failure;
     bool accepted = false;
+    bool declined = false;
     qint64 received = 0;
 
-    UnreachableHosts::refuseKnown(url);
+    if (unreachable_)
+        unreachable_->refuseKnown(url);
     ReplyPtr reply(manager().get(request));
     reply->setReadBufferSize(readBufferSize);
     auto* const watchdog = new TransferWatchdog(reply.get(), limits_.download);
@@ -201,19 +200,26 @@ QCoro::Task<ResponseHead> HttpClient::stream(QUrl url, RequestHeaders headers,
             if (head.statusCode && *head.statusCode / 100 == 3 && raw->hasRawHeader("Location"))
                 return false;
             accepted = true;
-            failure = receiver.accept(head);
+            const BodyReceiver::Verdict verdict = receiver.accept(head);
+            declined = verdict.declined;
+            failure = verdict.error;
         }
-        return !failure;
+        return !declined;
     };
     const QMetaObject::Connection announced =
         QObject::connect(raw, &QNetworkReply::metaDataChanged, raw, [&, raw] {
-            if (!failure && !takeHead() && failure)
+            if (!declined && !takeHead() && declined)
                 raw->abort(); // resumes the coroutine; nothing may follow this call
         });
     const QMetaObject::Connection streaming =
         QObject::connect(raw, &QNetworkReply::readyRead, raw, [&, raw] {
-            if (failure || !takeHead())
+            if (declined || failure)
                 return;
+            if (!takeHead()) {
+                if (declined)
+                    raw->abort(); // resumes the coroutine; nothing may follow this call
+                return;
+            }
             failure = drain(*raw, receiver, received);
             if (failure)
                 raw->abort(); // resumes the coroutine; nothing may follow this call
@@ -223,11 +229,15 @@ QCoro::Task<ResponseHead> HttpClient::stream(QUrl url, RequestHeaders headers,
     QObject::disconnect(streaming);
     // What arrived before the answer ended, also when it ended early: a download that resumes
     // keeps every byte it got.
-    if (!failure && (raw->error() == QNetworkReply::NoError || statusCodeOf(*raw)) && takeHead())
+    if (!declined && !failure && (raw->error() == QNetworkReply::NoError || statusCodeOf(*raw)) &&
+        takeHead())
         failure = drain(*raw, receiver, received);
     if (failure)
         std::rethrow_exception(failure);
-    UnreachableHosts::noteFailure(*raw, *watchdog);
+    if (declined)
+        co_return headOf(*raw);
+    if (unreachable_)
+        unreachable_->noteFailure(*raw, *watchdog);
     throwIfTransportFailed(*raw, *watchdog);
     co_return headOf(*raw);
 }

@@ -34,23 +34,41 @@ struct ResponseHead {
 // stream() throws.
 class BodyReceiver {
 public:
+    // What the receiver makes of an answer's head.
+    struct Verdict {
+        // Nothing of this answer's body is wanted: the transfer ends at its head, and stream()
+        // returns that head, or throws `error` when there is one.
+        bool declined = false;
+        std::exception_ptr error;
+
+        static Verdict take() { return {}; }
+        static Verdict decline() { return {true, nullptr}; }
+        static Verdict fail(std::exception_ptr error) { return {true, std::move(error)}; }
+    };
+
     virtual ~BodyReceiver() = default;
     // The answer's head, before any byte of its body (and once more if a redirect is followed).
-    virtual std::exception_ptr accept(const ResponseHead& head) = 0;
+    virtual Verdict accept(const ResponseHead& head) = 0;
     virtual std::exception_ptr write(const char* bytes, qint64 size) = 0;
 };
 
 using RequestHeaders = QList<std::pair<QByteArray, QByteArray>>;
 
-// The launcher's one HTTP client, shared by every task. Its network manager lives until the
-// process ends, because a coroutine awaiting a reply must never see its manager destroyed.
-// Operations run on the main thread and suspend only while the transfer runs. Transport failures
-// throw NetworkError; HTTP error statuses do not throw.
+class UnreachableHosts;
+
+// Every transfer of the launcher goes through an HttpClient, handed to the engines by the model.
+// All clients share one network manager, which lives until the process ends, because a coroutine
+// awaiting a reply must never see its manager destroyed. Operations run on the main thread and
+// suspend only while the transfer runs. Transport failures throw NetworkError; HTTP error statuses
+// do not throw.
 class HttpClient {
 public:
+    // The product's limits unless a test asks for smaller ones.
     explicit HttpClient(TransferLimits limits = {}) : limits_(limits) {}
-    // The client with the product's limits.
-    static HttpClient& shared();
+
+    // The servers that failed to connect while `memo` is set are remembered there, and a request
+    // to one of them fails at once with the same error; none by default, so every request tries.
+    void rememberUnreachableIn(UnreachableHosts* memo) { unreachable_ = memo; }
 
     // One GET of `url` into memory: a manifest. Its body is capped and the whole fetch has a
     // deadline.
@@ -59,7 +77,8 @@ public:
     // a chunk index or a chunk.
     QCoro::Task<HttpResponse> capped(QUrl url, qint64 maximumBytes);
     // One GET of `url` with `headers` whose body streams into `receiver`: an archive. It stops
-    // when the body outgrows its Content-Length; the receiver keeps to the free-space reserve.
+    // when the body outgrows its Content-Length, or at the head when the receiver declines the
+    // body; the receiver keeps to the free-space reserve.
     QCoro::Task<ResponseHead> stream(QUrl url, RequestHeaders headers, BodyReceiver& receiver);
 
     const TransferLimits& limits() const { return limits_; }
@@ -68,4 +87,5 @@ private:
     QCoro::Task<HttpResponse> fetch(QUrl url, qint64 cap, TransferWatchdog::Limits limits, QString tooLarge);
 
     TransferLimits limits_;
+    UnreachableHosts* unreachable_ = nullptr;
 };

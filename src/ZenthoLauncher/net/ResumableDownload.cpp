@@ -25,9 +25,6 @@
 
 namespace {
 
-// Ends a try whose answer does not continue the file: the next try asks for the whole archive.
-struct StartOver {};
-
 constexpr qint64 readBackChunk = 1024 * 1024;
 
 // What If-Range may carry: a strong entity tag, else the modification date. A weak tag never
@@ -65,9 +62,10 @@ std::optional<ContentRange> parseContentRange(const QByteArray& text) {
 // body it decides whether that body continues the file, starts it over or is not kept at all.
 class ArchiveFile : public BodyReceiver {
 public:
-    ArchiveFile(DownloadsFolder::Partial files, QUrl url, const ResumableDownload::Options& options,
-                qint64 reserve)
-        : files_(std::move(files)), url_(std::move(url)), options_(options), reserve_(reserve) {
+    ArchiveFile(const FileManager& fileManager, DownloadsFolder::Partial files, QUrl url,
+                const ResumableDownload::Options& options, qint64 reserve)
+        : fileManager_(fileManager), files_(std::move(files)), url_(std::move(url)), options_(options),
+          reserve_(reserve) {
         fd_ = ::open(QFile::encodeName(files_.archive).constData(), O_RDWR | O_CREAT | O_CLOEXEC,
                      0600);
         if (fd_ < 0)
@@ -105,6 +103,7 @@ public:
     // The next request's headers: the rest of the file, unless it is not there to continue.
     RequestHeaders nextRequest() {
         taking_ = false;
+        startsOver_ = false;
         stoppedHere_ = false;
         added_ = 0;
         rangeFrom_ = validator_ && size_ > 0 ? size_ : 0;
@@ -114,22 +113,22 @@ public:
                 {"If-Range", *validator_}};
     }
 
-    std::exception_ptr accept(const ResponseHead& head) override {
+    Verdict accept(const ResponseHead& head) override {
         const std::optional<int> status = head.statusCode;
         std::optional<qint64> rest;
         if (status == 206 && rangeFrom_ > 0) {
             const std::optional<ContentRange> range = parseContentRange(head.contentRange);
             if (!range || range->first != size_)
-                return std::make_exception_ptr(StartOver{});
+                return startOverNext();
             total_ = range->total;
             rest = range->last - range->first + 1;
         } else if (status == 416 && rangeFrom_ > 0) {
-            return std::make_exception_ptr(StartOver{});
+            return startOverNext();
         } else if (status == 200) {
             total_ = head.contentLength;
             rest = head.contentLength;
         } else {
-            return {}; // an answer whose body is not the archive: nothing of it is kept
+            return Verdict::decline(); // an answer whose body is not the archive
         }
         try {
             if (rest)
@@ -138,11 +137,11 @@ public:
                 startFromZero(validatorOf(head));
         } catch (...) {
             stoppedHere_ = true;
-            return std::current_exception();
+            return Verdict::fail(std::current_exception());
         }
         taking_ = true;
         report();
-        return {};
+        return Verdict::take();
     }
 
     std::exception_ptr write(const char* bytes, qint64 size) override {
@@ -175,8 +174,9 @@ public:
         return {};
     }
 
-    // Back to an empty file, for a plain request.
-    void startOver() { startFromZero(std::nullopt); }
+    // True when the last answer did not continue the file: the file has been emptied, and the
+    // next request is a plain one for the whole archive.
+    bool startsOver() const { return startsOver_; }
 
     bool tookBody() const { return taking_; }
     bool isWhole() const { return taking_ && (!total_ || size_ == *total_); }
@@ -201,6 +201,18 @@ public:
     }
 
 private:
+    // Declines an answer that does not continue the file and empties it for a plain request.
+    Verdict startOverNext() {
+        try {
+            startFromZero(std::nullopt);
+        } catch (...) {
+            stoppedHere_ = true;
+            return Verdict::fail(std::current_exception());
+        }
+        startsOver_ = true;
+        return Verdict::decline();
+    }
+
     void take(const char* bytes, qint64 size) {
         hash_->update(bytes, std::size_t(size));
         if (options_.sink)
@@ -257,10 +269,11 @@ private:
     void writeValidator() const {
         const QJsonObject record{{QStringLiteral("url"), url_.toString(QUrl::FullyEncoded)},
                                  {QStringLiteral("validator"), QString::fromLatin1(*validator_)}};
-        FileManager::defaultManager().writeAtomically(
+        fileManager_.writeAtomically(
             files_.validator, QJsonDocument(record).toJson(QJsonDocument::Compact));
     }
 
+    const FileManager& fileManager_;
     DownloadsFolder::Partial files_;
     QUrl url_;
     const ResumableDownload::Options& options_;
@@ -274,6 +287,7 @@ private:
     // The try that runs now.
     qint64 rangeFrom_ = 0;
     bool taking_ = false;
+    bool startsOver_ = false;
     bool stoppedHere_ = false; // the body was refused or could not be written: not the network
     bool reserveReached_ = false;
     qint64 added_ = 0;
@@ -281,8 +295,8 @@ private:
 
 } // namespace
 
-QCoro::Task<DownloadResult> ResumableDownload::run(HttpClient& client, QUrl url,
-                                                   DownloadsFolder::Partial files,
+QCoro::Task<DownloadResult> ResumableDownload::run(HttpClient& client, const FileManager& files,
+                                                   QUrl url, DownloadsFolder::Partial partial,
                                                    Options options) {
     // However it ends, the download is over for whoever follows it.
     struct EndReport {
@@ -292,25 +306,21 @@ QCoro::Task<DownloadResult> ResumableDownload::run(HttpClient& client, QUrl url,
                 observer->ended();
         }
     } endReport{options.observer};
-    ArchiveFile file(std::move(files), url, options, client.limits().freeSpaceReserve);
+    ArchiveFile file(files, std::move(partial), url, options, client.limits().freeSpaceReserve);
     file.readBack();
     int resumes = 0;
     for (;;) {
         std::exception_ptr failure;
         ResponseHead head;
-        bool startOver = false;
         try {
             const RequestHeaders headers = file.nextRequest();
             head = co_await client.stream(url, headers, file);
-        } catch (const StartOver&) {
-            startOver = true;
         } catch (...) {
             failure = std::current_exception();
         }
-        if (startOver) {
-            file.startOver(); // the next request is a plain one, so this happens once at most
+        // The next request is a plain one, so this happens once at most.
+        if (!failure && file.startsOver())
             continue;
-        }
         if (!failure && !file.tookBody()) {
             file.abandon();
             co_return DownloadResult{head.statusCode, {}};

@@ -10,6 +10,7 @@
 #include <optional>
 
 class BodySink;
+class FileManager;
 class HttpClient;
 
 // Follows a running download.
@@ -54,6 +55,7 @@ public:
         int maximumResumes = 5;
     };
 
-    static QCoro::Task<DownloadResult> run(HttpClient& client, QUrl url,
-                                           DownloadsFolder::Partial files, Options options);
+    // `files` writes the validator beside the archive.
+    static QCoro::Task<DownloadResult> run(HttpClient& client, const FileManager& files, QUrl url,
+                                           DownloadsFolder::Partial partial, Options options);
 };

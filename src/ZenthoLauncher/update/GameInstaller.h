@@ -2,19 +2,16 @@
 
 #include "chunks/ChunkedInstall.h"
 #include "formats/ReleaseManifest.h"
+#include "update/InstallContext.h"
+#include "update/ReleaseStaging.h"
 
 #include <QString>
 
 #include <QCoroTask>
 
-#include <functional>
 #include <optional>
 
-class DownloadObserver;
-class DownloadedFile;
-class FileManager;
 class StagingFolder;
-class StreamedListing;
 
 // Turns one game release into an installed, recorded build: download, verify the digest, list
 // and vet the archive, unpack it into a private staging folder, make the executable runnable,
@@ -27,22 +24,17 @@ class StreamedListing;
 class GameInstaller {
 public:
     struct Locations {
-        QString launcherRoot; // staging folders are made here, next to the versions folder
         QString versionsRoot;
         QString statePath;
     };
-    using StatusReporter = std::function<void(const QString&)>;
 
-    GameInstaller(const FileManager& files, Locations locations, StatusReporter reportStatus);
+    GameInstaller(InstallContext context, Locations locations);
 
     // Installs `manifest` (or, when its executable is already in place, only records it) and
     // returns the build folder's path. Throws LauncherError for what it detects itself; errors of
     // the network, the file system and tar's start pass through unchanged. Sets only the two
     // progress statuses, never an error status.
     QCoro::Task<QString> install(ReleaseManifest manifest);
-
-    // Who sees the archive's download arrive; none by default.
-    void setDownloadObserver(DownloadObserver* observer) { downloadObserver_ = observer; }
 
     // versionsRoot + version, taken as given (a "/" in it nests folders), without a trailing "/".
     static QString installFolderFor(const QString& versionsRoot, const QString& version);
@@ -58,17 +50,10 @@ private:
     // placed, when that does not pay or fails, for whatever reason.
     QCoro::Task<bool> placeFromChunks(const FetchedChunkIndex& release, QUrl store, QString executable,
                                       QString installFolder);
-    // Stages `archive`, whose body `listing` saw, and renames the staging folder to
-    // `installFolder`; consumes the download, whose temporary file goes as soon as tar has
-    // finished reading it.
-    QCoro::Task<void> unpackAndPlace(DownloadedFile archive, StreamedListing& listing,
-                                     QString executable, QString installFolder);
     // Makes the staged executable runnable and renames `staging` to `installFolder`.
     void placeStaged(StagingFolder& staging, const QString& executable, const QString& installFolder) const;
-    QString newStagingPath() const;
 
-    const FileManager& files_;
+    ReleaseStaging staging_;
+    const InstallContext& context_;
     Locations locations_;
-    StatusReporter reportStatus_;
-    DownloadObserver* downloadObserver_ = nullptr;
 };

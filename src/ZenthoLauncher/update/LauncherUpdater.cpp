@@ -1,17 +1,14 @@
 #include "update/LauncherUpdater.h"
 
-#include "archive/Archive.h"
 #include "errors/LauncherError.h"
 #include "formats/BundleInfo.h"
 #include "formats/ReleaseManifest.h"
 #include "platform/FileManager.h"
 #include "platform/Platform.h"
 #include "process/ProcessTask.h"
-#include "storage/StorageLock.h"
 #include "update/FinishScript.h"
 #include "update/ManifestFetch.h"
-#include "update/StaleWork.h"
-#include "update/VerifiedDownload.h"
+#include "update/StagingFolder.h"
 
 #include <ProcessCapture.h>
 #include <Uuid.h>
@@ -32,14 +29,12 @@ bool isAppBundlePath(const QString& path) {
 
 } // namespace
 
-LauncherUpdater::LauncherUpdater(const FileManager& files, const Platform& platform,
-                                 Running running, QString launcherRoot,
-                                 StatusReporter reportStatus, InviteSource pendingInvite)
-    : files_(files),
+LauncherUpdater::LauncherUpdater(InstallContext context, const Platform& platform, Running running,
+                                 InviteSource pendingInvite)
+    : staging_(std::move(context)),
+      context_(staging_.context()),
       platform_(platform),
       running_(std::move(running)),
-      launcherRoot_(std::move(launcherRoot)),
-      reportStatus_(std::move(reportStatus)),
       pendingInvite_(std::move(pendingInvite)) {}
 
 std::vector<std::string> LauncherUpdater::verifierCommand(const FileManager& files,
@@ -68,74 +63,71 @@ void LauncherUpdater::checkTargetLocation(const FileManager& files, const QStrin
         throw LauncherError::launcherLocationNotWritable();
 }
 
-QString LauncherUpdater::freshName(const QString& prefix, const QString& suffix) const {
-    return launcherRoot_ + QLatin1Char('/') + prefix + QString::fromStdString(makeUpperUuid()) +
-           suffix;
-}
-
 QCoro::Task<bool> LauncherUpdater::updateIfNeeded(QUrl manifestURL) {
     const ReleaseManifest manifest = co_await fetchReleaseManifest(
-        manifestURL, ManifestKind::launcher(), running_.manifestKeys);
+        context_.http, manifestURL, ManifestKind::launcher(), running_.manifestKeys);
     // Any other version text is an update, a lower one included: the server decides which
     // launcher everyone runs, and that is also how a bad release is rolled back.
     if (manifest.version == running_.version)
         co_return false;
 
     // Held until the finish script has been started, so no other launcher on this storage
-    // works in it meanwhile; what an earlier crash left behind goes first.
-    files_.createDirectory(launcherRoot_);
-    const StorageLock lock = co_await StorageLock::acquire(launcherRoot_);
-    removeStaleWork(files_, launcherRoot_);
+    // works in it meanwhile.
+    const StorageLock lock = co_await staging_.holdStorage();
+    context_.reportStatus(downloadingStatus());
+    // Named, not a braced temporary in the co_await: g++ 12 destroys such a temporary twice.
+    const ReleaseStaging::Archive archive{manifest.url, manifest.sha256, ManifestKind::launcher().platform,
+                                          verifyingStatus(), QStringLiteral("launcher-staging-")};
+    StagingFolder staging = co_await staging_.stageArchive(archive);
 
-    reportStatus_(downloadingStatus());
-    // The downloaded archive lives in this frame until the staging below has finished with it.
-    // Unlike the manifest, the archive must come from an HTTP server: a local file is refused.
-    const ArchiveDownload where{launcherRoot_, ManifestKind::launcher().platform, nullptr,
-                                downloadObserver_};
-    const DownloadedFile archive =
-        co_await downloadVerifiedArchive(manifest.url, manifest.sha256, where);
+    const QString staged = stagedBundle(staging, manifest.executable);
+    co_await checkSeal(staged);
+    // Read only now that the seal vouches for it. A release that packs the running launcher under
+    // a new version would otherwise be handed over, restart, and be found again on every start.
+    BundleInfo::refuseRunningVersion(staged, running_.version, manifest.version);
+    checkTargetLocation(context_.files, platform_.bundlePath());
 
-    reportStatus_(verifyingStatus());
-    co_await stageAndHandOver(archive.path(), manifest.executable, manifest.version);
+    handOver(staged);
+    staging.handOver(); // the finish script moves the bundle out of it
     co_return true;
 }
 
-QCoro::Task<void> LauncherUpdater::stageAndHandOver(QString archivePath, QString executable,
-                                                    QString version) {
-    const QString staging = freshName(QStringLiteral("launcher-staging-"));
-    files_.createDirectory(staging);
-    checkArchiveListing(co_await runTarWithoutBlocking(listArguments(archivePath)));
-    co_await runTarWithoutBlocking(extractArguments(archivePath, staging));
-
-    const QString staged = staging + QLatin1Char('/') + executable;
-    if (!files_.isExecutableFile(staged + QLatin1Char('/') + kBundleExecutable))
-        throw LauncherError::missingLauncherExecutable();
-
+QString LauncherUpdater::stagedBundle(const StagingFolder& staging, const QString& executable) const {
     // The bundle that is checked must be the bundle that is moved into place: a link would be
     // followed by the check, yet moved as a link, installing whatever it points at unchecked.
-    if (!files_.isRealFolderInside(staging, staged))
+    const QString staged = staging.pathOf(executable);
+    const QFileInfo bundle(staged);
+    if ((bundle.exists() || bundle.isSymLink()) && !context_.files.isRealFolderInside(staging.path(), staged))
         throw LauncherError::invalidLauncherSignature(
             executable + QStringLiteral(": not a folder inside the update"));
+    const std::optional<QString> launcher =
+        staging.executable(executable + QLatin1Char('/') + kBundleExecutable);
+    if (!launcher || !context_.files.isExecutableFile(*launcher))
+        throw LauncherError::missingLauncherExecutable();
+    return staged;
+}
 
+QCoro::Task<void> LauncherUpdater::checkSeal(QString staged) const {
     // The verifier of the launcher that is running now decides, with the key it was built
     // with: a downloaded bundle can never vouch for itself.
-    const std::vector<std::string> verify = verifierCommand(files_, platform_, staged);
+    const std::vector<std::string> verify = verifierCommand(context_.files, platform_, staged);
     const CapturedProcessResult verdict = co_await runWithoutBlocking(
         verify.front(), std::vector<std::string>(verify.begin() + 1, verify.end()));
     if (verdict.status != 0)
         throw LauncherError::invalidLauncherSignature(QString::fromStdString(verdict.errors));
-    // Read only now that the seal vouches for it. A release that packs the running launcher under
-    // a new version would otherwise be handed over, restart, and be found again on every start.
-    BundleInfo::refuseRunningVersion(staged, running_.version, version);
+}
 
-    const QString target = platform_.bundlePath();
-    checkTargetLocation(files_, target);
-
+void LauncherUpdater::handOver(const QString& staged) const {
     const QString script = freshName(QStringLiteral("finish-launcher-update-"), QStringLiteral(".sh"));
-    const QString backup = freshName(QStringLiteral("launcher-backup-") + running_.version +
-                                         QLatin1Char('-'),
+    const QString backup = freshName(QStringLiteral("launcher-backup-") + running_.version + QLatin1Char('-'),
                                      QStringLiteral(".app"));
     // An invite that started this flow is not lost with this process: the new launcher follows it.
-    FinishScript::writeAndStart(files_, script, platform_.processIdentifier(), staged, target,
-                                backup, pendingInvite_ ? pendingInvite_() : std::nullopt);
+    FinishScript::writeAndStart(context_.files, script, platform_.processIdentifier(), staged,
+                                platform_.bundlePath(), backup,
+                                pendingInvite_ ? pendingInvite_() : std::nullopt);
+}
+
+QString LauncherUpdater::freshName(const QString& prefix, const QString& suffix) const {
+    return context_.launcherRoot + QLatin1Char('/') + prefix + QString::fromStdString(makeUpperUuid()) +
+           suffix;
 }

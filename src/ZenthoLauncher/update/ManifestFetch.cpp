@@ -13,10 +13,10 @@ namespace {
 
 // The body at `url` when it is there: an HTTP 200 answer, or an existing local file. Nothing when
 // the server or the folder has no such file.
-QCoro::Task<std::optional<QByteArray>> fetchIfPresent(QUrl url) {
+QCoro::Task<std::optional<QByteArray>> fetchIfPresent(HttpClient& http, QUrl url) {
     if (url.isLocalFile() && !QFileInfo::exists(url.toLocalFile()))
         co_return std::nullopt;
-    HttpResponse response = co_await HttpClient::shared().data(url);
+    HttpResponse response = co_await http.data(url);
     if (!url.isLocalFile() && response.statusCode != std::optional<int>(200))
         co_return std::nullopt;
     co_return std::move(response.body);
@@ -34,8 +34,9 @@ ManifestKind ManifestKind::launcher() {
             LauncherError::badLauncherManifest(), LauncherError::wrongLauncherPlatform()};
 }
 
-QCoro::Task<ReleaseManifest> fetchReleaseManifest(QUrl url, ManifestKind kind, TrustedKeys keys) {
-    const HttpResponse response = co_await HttpClient::shared().data(url);
+QCoro::Task<ReleaseManifest> fetchReleaseManifest(HttpClient& http, QUrl url, ManifestKind kind,
+                                                  TrustedKeys keys) {
+    const HttpResponse response = co_await http.data(url);
     // A manifest read from a local file has no HTTP status to check.
     if (!url.isLocalFile() && response.statusCode != std::optional<int>(200))
         throw kind.unavailable;
@@ -43,7 +44,7 @@ QCoro::Task<ReleaseManifest> fetchReleaseManifest(QUrl url, ManifestKind kind, T
     const bool signedOnly = !keys.empty();
     if (signedOnly) {
         const std::optional<QByteArray> signature =
-            co_await fetchIfPresent(ManifestSignature::signatureURL(url));
+            co_await fetchIfPresent(http, ManifestSignature::signatureURL(url));
         if (!signature)
             throw ManifestSignatureError(QStringLiteral("The %1 is not signed.").arg(kind.noun));
         ManifestSignature::checkSignature(response.body, *signature, keys, kind.noun);

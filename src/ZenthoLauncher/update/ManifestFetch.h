@@ -9,6 +9,8 @@
 
 #include <QCoroTask>
 
+class HttpClient;
+
 // Which of the two release manifests is fetched, and what its failures are called.
 struct ManifestKind {
     QString platform;            // the only `platform` value accepted
@@ -31,4 +33,5 @@ struct ManifestKind {
 //  4. Only when `keys` is not empty: an "expires" member must lie in the future.
 //  5. `platform` must be kind.platform, else kind.wrongPlatform.
 // Transport errors of either fetch pass through unchanged.
-QCoro::Task<ReleaseManifest> fetchReleaseManifest(QUrl url, ManifestKind kind, TrustedKeys keys);
+QCoro::Task<ReleaseManifest> fetchReleaseManifest(HttpClient& http, QUrl url, ManifestKind kind,
+                                                  TrustedKeys keys);

@@ -35,15 +35,15 @@ void DownloadedFile::remove() {
     path_.clear();
 }
 
-QCoro::Task<DownloadedFile> downloadVerifiedArchive(QUrl url, QString sha256,
-                                                    ArchiveDownload where) {
-    const DownloadsFolder folder(FileManager::defaultManager(), where.launcherRoot);
-    const DownloadsFolder::Partial files = folder.prepare(where.kind, sha256);
+QCoro::Task<DownloadedFile> downloadVerifiedArchive(HttpClient& http, const FileManager& files, QUrl url,
+                                                    QString sha256, ArchiveDownload where) {
+    const DownloadsFolder folder(files, where.launcherRoot);
+    const DownloadsFolder::Partial partial = folder.prepare(where.kind, sha256);
     // Named, not a braced temporary in the co_await: g++ 12 destroys such a temporary twice.
     const ResumableDownload::Options options{where.sink, where.observer, where.launcherRoot};
     DownloadResult result;
     try {
-        result = co_await ResumableDownload::run(HttpClient::shared(), url, files, options);
+        result = co_await ResumableDownload::run(http, files, url, partial, options);
     } catch (...) {
         folder.removeIfEmpty();
         throw;
@@ -52,7 +52,7 @@ QCoro::Task<DownloadedFile> downloadVerifiedArchive(QUrl url, QString sha256,
         folder.removeIfEmpty();
         throw LauncherError::downloadFailed();
     }
-    DownloadedFile archive(files.archive);
+    DownloadedFile archive(partial.archive);
     // Exact comparison on purpose: a digest with stray blanks or a prefix is a broken manifest,
     // and accepting it would hide that from the people who publish them.
     if (result.sha256Hex != sha256.toLower())

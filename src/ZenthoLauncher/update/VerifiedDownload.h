@@ -7,6 +7,8 @@
 
 class BodySink;
 class DownloadObserver;
+class FileManager;
+class HttpClient;
 
 // A downloaded, verified archive in the storage's downloads folder. The file belongs to this
 // object: it goes, with the downloads folder once that is empty, when the object goes, so the
@@ -42,5 +44,5 @@ struct ArchiveDownload {
 // answer, or a local file, throws LauncherError::downloadFailed. Its SHA-256 must equal `sha256`
 // lower-cased, exactly: no blanks or prefixes are forgiven (hashMismatch, and the file goes).
 // Errors of the transfer and the disks pass through.
-QCoro::Task<DownloadedFile> downloadVerifiedArchive(QUrl url, QString sha256,
-                                                    ArchiveDownload where);
+QCoro::Task<DownloadedFile> downloadVerifiedArchive(HttpClient& http, const FileManager& files, QUrl url,
+                                                    QString sha256, ArchiveDownload where);
