@@ -102,12 +102,12 @@ function(zentho_codesign_verifier target keys output_dir)
         RUNTIME_OUTPUT_DIRECTORY "${output_dir}")
 endfunction()
 
-zentho_codesign_verifier(zentho-codesign "${ZENTHO_TRUSTED_PUBLIC_KEYS}" "${ZENTHO_BUNDLE_DIR}/Contents/MacOS")
+# The bundles' verifier; each bundle carries a copy beside its executable.
+zentho_codesign_verifier(zentho-codesign "${ZENTHO_TRUSTED_PUBLIC_KEYS}" "${CMAKE_BINARY_DIR}/verifier")
 # The launcher executable verifies with the same keys when no verifier sits beside it, and
 # zentho-release checks seals against them unless it is given others.
 set(ZENTHO_TRUSTED_KEY_HEADER_DIR "${CMAKE_CURRENT_BINARY_DIR}/zentho-codesign-key"
     CACHE INTERNAL "Folder of the generated TrustedSigningKey.h")
-target_include_directories(ZenthoLauncher PRIVATE "${ZENTHO_TRUSTED_KEY_HEADER_DIR}")
 zentho_codesign_verifier(zentho-codesign-testkey
                          "${ZENTHO_SIGNING_DIR}/test.key.pub;${ZENTHO_SIGNING_DIR}/test-next.key.pub"
                          "${ZENTHO_SIGNING_DIR}/test-verifier")
@@ -125,25 +125,6 @@ function(zentho_manifest_keys_object name)
 endfunction()
 
 zentho_manifest_keys_object(zentho_manifest_keys_default ${ZENTHO_MANIFEST_PUBLIC_KEYS})
-target_link_libraries(ZenthoLauncher PRIVATE zentho_manifest_keys_default)
-
-# The bundle says its own version in Contents/Info.json, written from the value compiled in.
-zentho_bundle_info(ZenthoLauncher "${ZENTHO_BUNDLE_DIR}" "${ZENTHO_LAUNCHER_VERSION}")
-
-# The bundle is sealed last, after the launcher links. Whatever else lands in the bundle must be
-# built before it and named in LINK_DEPENDS, so that a change to it relinks the launcher and the
-# seal is made again over the new contents.
-add_dependencies(ZenthoLauncher zentho-codesign zentho-release)
-set_property(TARGET ZenthoLauncher APPEND PROPERTY LINK_DEPENDS
-    "${ZENTHO_BUNDLE_DIR}/Contents/MacOS/zentho-codesign"
-    "${ZENTHO_BUNDLE_DIR}/Contents/Resources/SeedRuntime/zentho")
-if(ZENTHO_BUNDLE_SIGNING_KEY)
-    add_custom_command(TARGET ZenthoLauncher POST_BUILD
-        COMMAND "$<TARGET_FILE:zentho-release>" sign-bundle --key "${ZENTHO_BUNDLE_SIGNING_KEY}"
-                "${ZENTHO_BUNDLE_DIR}"
-        COMMENT "Sealing ZenthoLauncher.app"
-        VERBATIM)
-endif()
 
 # The tests run the signing tools and the sealed bundle, so they are built first. The tests are
 # defined after this file is read, hence the deferred call.

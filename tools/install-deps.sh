@@ -5,6 +5,7 @@ packages="cmake g++ make pkg-config git
   qt6-base-dev qt6-declarative-dev qcoro-qt6-dev libssl-dev openssl libisal-dev libzstd-dev
   qml6-module-qtquick qml6-module-qtquick-controls qml6-module-qtquick-templates
   qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtqml-workerscript
+  qml6-module-qtqml qml6-module-qtqml-models qt6-wayland patchelf libelf-dev
   qt6-qpa-plugins libgl-dev fonts-dejavu-core
   nginx-light curl ca-certificates util-linux xvfb xauth x11-utils libxtst6 desktop-file-utils xdg-utils
   appstream libglib2.0-bin dbus-daemon python3"

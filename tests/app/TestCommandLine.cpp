@@ -29,6 +29,11 @@ private slots:
         QTest::newRow("help after a link") << QStringList{link, "--help"} << Action::Help << link << "";
         QTest::newRow("version") << QStringList{"--version"} << Action::Version << "" << "";
         QTest::newRow("first option decides") << QStringList{"--version", "--help"} << Action::Version << "" << "";
+        QTest::newRow("integrate") << QStringList{"--integrate"} << Action::Integrate << "" << "";
+        QTest::newRow("uninstall") << QStringList{"--uninstall"} << Action::Uninstall << "" << "";
+        QTest::newRow("uninstall after a link") << QStringList{link, "--uninstall"} << Action::Uninstall << link << "";
+        QTest::newRow("--integrate after -- is a link") << QStringList{"--", "--integrate"} << Action::Run
+                                                        << "--integrate" << "";
         QTest::newRow("unknown") << QStringList{"--bogus"} << Action::Invalid << ""
                                  << "unknown option \"--bogus\" (see --help)";
         QTest::newRow("a dash link needs --") << QStringList{"-x"} << Action::Invalid << ""
@@ -55,8 +60,8 @@ private slots:
     void usageNamesTheLinkTheOptionsAndTheEnvironment() {
         const QString usage = CommandLine::usage(QStringLiteral("zentho-launcher"));
         QVERIFY(usage.startsWith(QStringLiteral("Usage: zentho-launcher [LINK]\n")));
-        for (const char* word : {"LINK", "--help", "--version", "ZENTHO_UPDATE_MANIFEST",
-                                 "ZENTHO_LAUNCHER_UPDATE_MANIFEST"})
+        for (const char* word : {"LINK", "--help", "--version", "--integrate", "--uninstall",
+                                 "CMakeCache.txt", "ZENTHO_UPDATE_MANIFEST", "ZENTHO_LAUNCHER_UPDATE_MANIFEST"})
             QVERIFY2(usage.contains(QLatin1String(word)), word);
         QVERIFY(usage.endsWith(QLatin1Char('\n')));
         // The name it was started by, whatever that was.

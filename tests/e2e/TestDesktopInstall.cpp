@@ -51,6 +51,7 @@ class TestDesktopInstall : public QObject {
                 {QStringLiteral("XDG_DATA_HOME"), dir_.filePath(QStringLiteral("data"))}};
     }
     QString mimeapps() const { return dir_.filePath(QStringLiteral("config/mimeapps.list")); }
+    QString entryPath() const { return dir_.filePath(QStringLiteral("data/applications/zentho-launcher.desktop")); }
 
     Run install(const QString& prefix, const QMap<QString, QString>& extraEnv = {}) const {
         QMap<QString, QString> env = desktopEnv();
@@ -88,32 +89,34 @@ private slots:
         QVERIFY(version.exitCode != 0);
     }
 
-    void desktopEntryHandlesZenthoLinks() {
+    // The installed launcher adds itself to the user's desktop, in the user's XDG folders,
+    // pointing at the bundle where the install put it.
+    void installAddsTheLauncherToTheDesktop() {
         const QString prefix = dir_.filePath(QStringLiteral("entry"));
         QVERIFY2(install(prefix).exitCode == 0, "install");
-        const QString entry = QString::fromUtf8(
-            TestFiles::readFile(prefix + QStringLiteral("/share/applications/zentho-launcher.desktop")));
+        const QString entry = QString::fromUtf8(TestFiles::readFile(entryPath()));
         QVERIFY(entry.startsWith(QStringLiteral("[Desktop Entry]\n")));
         QCOMPARE(countLines(entry, QStringLiteral("MimeType=x-scheme-handler/zentho;")), 1);
         // A path that needs no quoting stands as it is: xdg-open's generic mode cannot run a
         // quoted one.
-        QCOMPARE(countLines(entry, QStringLiteral("Exec=%1/bin/zentho-launcher %u").arg(prefix)), 1);
+        QCOMPARE(countLines(entry, QStringLiteral("Exec=%1%2/Contents/MacOS/ZenthoLauncher %u").arg(prefix, kBundle)), 1);
         QCOMPARE(countLines(entry, QStringLiteral("Name=ZENTHO Launcher")), 1);
         QCOMPARE(countLines(entry, QStringLiteral("Icon=zentho-launcher")), 1);
         QCOMPARE(countLines(entry, QStringLiteral("StartupWMClass=zentho-launcher")), 1);
         const QByteArray icon =
-            TestFiles::readFile(prefix + QStringLiteral("/share/icons/hicolor/scalable/apps/zentho-launcher.svg"));
+            TestFiles::readFile(dir_.filePath(QStringLiteral("data/icons/hicolor/scalable/apps/zentho-launcher.svg")));
         QVERIFY(icon.contains("<svg"));
+        // Nothing of it under the prefix: the desktop's files are the user's.
+        QVERIFY(!QFileInfo::exists(prefix + QStringLiteral("/share")));
     }
 
     void desktopEntryAndAppStreamDataPassTheirValidators() {
         const QString prefix = dir_.filePath(QStringLiteral("validated"));
         QVERIFY2(install(prefix).exitCode == 0, "install");
-        const QString entry = prefix + QStringLiteral("/share/applications/zentho-launcher.desktop");
-        const Run desktop = run(QStringLiteral("/usr/bin/desktop-file-validate"), {entry});
+        const Run desktop = run(QStringLiteral("/usr/bin/desktop-file-validate"), {entryPath()});
         QCOMPARE(desktop.exitCode, 0);
         QCOMPARE(desktop.output, QString());
-        const QString metainfo = prefix + QStringLiteral("/share/metainfo/invalid.zentho.launcher.metainfo.xml");
+        const QString metainfo = dir_.filePath(QStringLiteral("data/metainfo/invalid.zentho.launcher.metainfo.xml"));
         const Run appstream = run(QStringLiteral("/usr/bin/appstreamcli"),
                                   {QStringLiteral("validate"), QStringLiteral("--no-net"), metainfo});
         QVERIFY2(appstream.exitCode == 0, qPrintable(appstream.output));
@@ -121,7 +124,7 @@ private slots:
         QVERIFY2(!appstream.output.contains(QLatin1String("\nW:")) && !appstream.output.contains(QLatin1String("\nE:")),
                  qPrintable(appstream.output));
         // The same validators refuse what Debian 12 does not know.
-        QString old = QString::fromUtf8(TestFiles::readFile(entry));
+        QString old = QString::fromUtf8(TestFiles::readFile(entryPath()));
         old.replace(QStringLiteral("Version=1.4"), QStringLiteral("Version=1.5"));
         TestFiles::writeFile(dir_.filePath(QStringLiteral("old.desktop")), old.toUtf8() + "SingleMainWindow=true\n");
         QVERIFY(run(QStringLiteral("/usr/bin/desktop-file-validate"), {dir_.filePath(QStringLiteral("old.desktop"))}).exitCode != 0);
@@ -130,15 +133,13 @@ private slots:
     void unusualPrefixIsQuotedForTheDesktop() {
         const QString prefix = dir_.filePath(QStringLiteral("odd place $HOME"));
         QVERIFY2(install(prefix).exitCode == 0, "install");
-        const QString entry = QString::fromUtf8(
-            TestFiles::readFile(prefix + QStringLiteral("/share/applications/zentho-launcher.desktop")));
+        const QString entry = QString::fromUtf8(TestFiles::readFile(entryPath()));
         // In the file: a quoted argument whose dollar is escaped for the argument and its
         // backslash once more for the string value.
         const QString escaped = dir_.filePath(QStringLiteral("odd place \\\\$HOME"));
-        QCOMPARE(countLines(entry, QStringLiteral("Exec=\"%1/bin/zentho-launcher\" %u").arg(escaped)), 1);
-        QCOMPARE(countLines(entry, QStringLiteral("TryExec=%1/bin/zentho-launcher").arg(prefix)), 1);
-        const Run valid = run(QStringLiteral("/usr/bin/desktop-file-validate"),
-                              {prefix + QStringLiteral("/share/applications/zentho-launcher.desktop")});
+        QCOMPARE(countLines(entry, QStringLiteral("Exec=\"%1%2/Contents/MacOS/ZenthoLauncher\" %u").arg(escaped, kBundle)), 1);
+        QCOMPARE(countLines(entry, QStringLiteral("TryExec=%1%2/Contents/MacOS/ZenthoLauncher").arg(prefix, kBundle)), 1);
+        const Run valid = run(QStringLiteral("/usr/bin/desktop-file-validate"), {entryPath()});
         QCOMPARE(valid.exitCode, 0);
         QCOMPARE(valid.output, QString());
     }
@@ -164,19 +165,38 @@ private slots:
         QVERIFY(list.indexOf(kHandler) > list.indexOf(QStringLiteral("[Default Applications]")));
     }
 
+    // The uninstaller takes the launcher off the desktop, then its bundle and commands go; the
+    // player's builds and the game's data stay, and it says where.
+    void uninstallRemovesEverythingButThePlayersData() {
+        const QString prefix = dir_.filePath(QStringLiteral("uninstalled"));
+        QVERIFY2(install(prefix).exitCode == 0, "install");
+        const QString kept = dir_.filePath(QStringLiteral("data/Zentho/launcher/current-macos.json"));
+        TestFiles::writeFile(kept, "{}");
+        const Run result = run(prefix + QStringLiteral("/bin/zentho-launcher-uninstall"), {}, desktopEnv());
+        QVERIFY2(result.exitCode == 0, qPrintable(result.output));
+        QVERIFY(result.output.contains(QStringLiteral("Removed %1\n").arg(entryPath())));
+        QVERIFY(result.output.contains(QStringLiteral("Removed the zentho: link handler from %1\n").arg(mimeapps())));
+        QVERIFY(result.output.contains(QStringLiteral("Kept the player's builds, the current-build record and the "
+                                                      "game's data in %1\n").arg(dir_.filePath(QStringLiteral("data/Zentho")))));
+        QVERIFY(!QFileInfo::exists(entryPath()));
+        QVERIFY(!QFileInfo::exists(prefix));
+        QVERIFY(QFileInfo::exists(kept));
+    }
+
+    // A staged install is somebody else's package: the bundle and the command are laid out, and
+    // the desktop is left to each player's first start.
     void stagedInstallLeavesTheDesktopAlone() {
         QFile::remove(mimeapps());
+        QFile::remove(entryPath());
         const QString stage = dir_.filePath(QStringLiteral("stage"));
         const QString prefix = QStringLiteral("/usr/local");
         const Run result = install(prefix, {{QStringLiteral("DESTDIR"), stage}});
         QVERIFY2(result.exitCode == 0, qPrintable(result.output));
         QVERIFY(!QFileInfo::exists(mimeapps()));
-        const QString entry = QString::fromUtf8(
-            TestFiles::readFile(stage + prefix + QStringLiteral("/share/applications/zentho-launcher.desktop")));
-        // The entry names where the package will live, not the staging folder.
-        QCOMPARE(countLines(entry, QStringLiteral("Exec=/usr/local/bin/zentho-launcher %u")), 1);
+        QVERIFY(!QFileInfo::exists(entryPath()));
         QVERIFY(QFileInfo(stage + prefix + QStringLiteral("/bin/zentho-launcher")).isSymLink());
-        // So does the uninstaller.
+        QVERIFY(QFileInfo(stage + prefix + kBundle + QStringLiteral("/Contents/MacOS/ZenthoLauncher")).isExecutable());
+        // The uninstaller names where the package will live, not the staging folder.
         const QByteArray uninstall = TestFiles::readFile(stage + prefix + QStringLiteral("/bin/zentho-launcher-uninstall"));
         QVERIFY(uninstall.contains("\nprefix='/usr/local'\n"));
         QVERIFY(!uninstall.contains(QFile::encodeName(stage)));

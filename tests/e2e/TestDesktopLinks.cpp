@@ -157,9 +157,10 @@ private slots:
         // Why the entry's Exec stands unquoted: the same entry with the path quoted fails.
         QVERIFY2(install(prefix()).exitCode == 0, "install");
         QString text = QString::fromUtf8(TestFiles::readFile(entry()));
-        const QString plain = QStringLiteral("Exec=%1/bin/zentho-launcher %u").arg(prefix());
+        const QString launcher = prefix() + QStringLiteral("/lib/zentho/ZenthoLauncher.app/Contents/MacOS/ZenthoLauncher");
+        const QString plain = QStringLiteral("Exec=%1 %u").arg(launcher);
         QVERIFY(text.contains(plain));
-        text.replace(plain, QStringLiteral("Exec=\"%1/bin/zentho-launcher\" %u").arg(prefix()));
+        text.replace(plain, QStringLiteral("Exec=\"%1\" %u").arg(launcher));
         TestFiles::writeFile(entry(), text.toUtf8());
         const Run opened = run(QStringLiteral("/usr/bin/xdg-open"), {kLink}, session());
         QCOMPARE(opened.exitCode, 4);

@@ -1,5 +1,6 @@
 #include "ReleaseCheck.h"
 
+#include "BundlePortability.h"
 #include "ChunkCheck.h"
 #include "ReleaseCommand.h"
 #include "ReleaseFiles.h"
@@ -186,7 +187,7 @@ CheckedRelease check(const QString& manifestPath, const QString& archivePath,
                                    : QStringLiteral("signature"));
     checks << QStringLiteral("digest") << QStringLiteral("listing") << QStringLiteral("executable");
     if (manifest.platform == QLatin1String(ReleaseFiles::kLauncherPlatform))
-        checks << QStringLiteral("seal") << QStringLiteral("version");
+        checks << QStringLiteral("seal") << QStringLiteral("libraries") << QStringLiteral("version");
     if (release.index)
         checks << QStringLiteral("chunk index");
     if (chunkCount >= 0)
@@ -204,6 +205,9 @@ void checkLauncherBundle(const QString& bundle, const QString& version, const QS
     const std::string problem = BundleSignature::verify(QFile::encodeName(bundle).toStdString(), sealKeys);
     if (!problem.empty())
         throw CheckFailed("seal", QString::fromStdString(problem));
+    if (const std::string needs = BundlePortability::problem(QFile::encodeName(bundle).toStdString());
+        !needs.empty())
+        throw CheckFailed("libraries", QString::fromStdString(needs));
     std::optional<QString> own;
     try {
         own = BundleInfo::version(bundle);

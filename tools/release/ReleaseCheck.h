@@ -58,7 +58,8 @@ CheckedRelease check(const QString& manifestPath, const QString& archivePath,
                      const ReleaseCheckKeys& keys, const ReleaseChunkFiles& chunkFiles = {});
 
 // A launcher bundle's own checks: an executable Contents/MacOS/ZenthoLauncher, a seal by one of
-// `sealKeys` that matches every entry, and a Contents/Info.json that says `version`, the one
+// `sealKeys` that matches every entry, every library it needs carried or provided by every desktop
+// within the floors (BundlePortability), and a Contents/Info.json that says `version`, the one
 // `versionSource` names ("--version", "the manifest"). Throws CheckFailed.
 void checkLauncherBundle(const QString& bundle, const QString& version, const QString& versionSource,
                          const TrustedKeys& sealKeys);

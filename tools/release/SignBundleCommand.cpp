@@ -1,5 +1,6 @@
 // zentho-release sign-bundle: seals a launcher bundle with a private key.
 
+#include "BundlePortability.h"
 #include "ReleaseCommand.h"
 #include "ReleaseFiles.h"
 
@@ -18,7 +19,9 @@ const char kUsage[] =
     "targets, permission modes) with the Ed25519 private key in KEY (PEM) and writes the seal to\n"
     "BUNDLE.app/Contents/_CodeSignature/Signature, replacing an earlier one. Sign last: any\n"
     "change to the bundle afterwards breaks the seal. BUNDLE.app must be a launcher bundle,\n"
-    "with an executable Contents/MacOS/ZenthoLauncher.\n";
+    "with an executable Contents/MacOS/ZenthoLauncher, that carries every library it needs\n"
+    "beyond those every desktop provides, asks for no newer GNU C library than " ZENTHO_GLIBC_FLOOR "\n"
+    "nor C++ runtime than GLIBCXX_" ZENTHO_GLIBCXX_FLOOR ", and holds x86-64 code only.\n";
 
 int runSignBundle(const std::vector<std::string>& arguments) {
     std::string key;
@@ -49,6 +52,9 @@ int runSignBundle(const std::vector<std::string>& arguments) {
     if (!ReleaseFiles::isExecutableFile(QFile::decodeName(QByteArray::fromStdString(bundle + "/" + ReleaseFiles::kBundleExecutable))))
         throw std::runtime_error(bundle + ": not a launcher bundle (no executable " +
                                  ReleaseFiles::kBundleExecutable + ")");
+    // Sealed, a bundle that cannot run on players' systems would be published as it is.
+    if (const std::string problem = BundlePortability::problem(bundle); !problem.empty())
+        throw std::runtime_error(bundle + ": " + problem);
     BundleSignature::sign(bundle, signingKey);
     return 0;
 }

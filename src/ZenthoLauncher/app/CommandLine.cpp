@@ -18,6 +18,12 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
         } else if (argument == QLatin1String("--version")) {
             result.action = Action::Version;
             return result;
+        } else if (argument == QLatin1String("--integrate")) {
+            result.action = Action::Integrate;
+            return result;
+        } else if (argument == QLatin1String("--uninstall")) {
+            result.action = Action::Uninstall;
+            return result;
         } else {
             result.action = Action::Invalid;
             result.problem = QStringLiteral("unknown option \"%1\" (see --help)").arg(argument);
@@ -30,7 +36,7 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
 QString CommandLine::usage(const QString& program) {
     return QStringLiteral(
                "Usage: %1 [LINK]\n"
-               "       %1 --help | --version\n"
+               "       %1 --help | --version | --integrate | --uninstall\n"
                "\n"
                "Keeps ZENTHO up to date: its main button installs a newer launcher or game when\n"
                "there is one, starts the game and quits; when the network fails, the installed\n"
@@ -40,9 +46,18 @@ QString CommandLine::usage(const QString& program) {
                "and the game receives the link, as it stands, as its only argument. When a\n"
                "launcher is already open, the link is handed to it and this one exits.\n"
                "\n"
+               "On its first start the launcher adds itself to the desktop: a menu entry that\n"
+               "also opens zentho: links, its icon and its software-centre data, in your XDG\n"
+               "folders. A launcher that was moved points them at its new place on its next\n"
+               "start. A launcher started from a build folder (one holding CMakeCache.txt) or\n"
+               "from a temporary folder does not, unless asked with --integrate.\n"
+               "\n"
                "Options:\n"
                "  -h, --help   print this help and exit\n"
                "  --version    print the launcher's version and exit\n"
+               "  --integrate  add this launcher to the desktop now, wherever it is, and exit\n"
+               "  --uninstall  remove it from the desktop again and exit; your saved builds and\n"
+               "               the game's data stay\n"
                "  --           end of options: the next argument is the link, even if it begins\n"
                "               with \"-\"\n"
                "\n"

@@ -10,6 +10,8 @@ struct CommandLine {
         Run,     // open the window; with a link, follow it
         Help,    // print the usage and exit 0
         Version, // print the compiled-in version and exit 0
+        Integrate, // make the desktop know this bundle, say what was written, exit
+        Uninstall, // take that away again, say what was removed and what was kept, exit
         Invalid, // print `problem` on standard error and exit 2
     };
 
@@ -21,7 +23,7 @@ struct CommandLine {
     QString problem;
 
     // `arguments` as the process got them, the program first. Options are read in order until
-    // one decides; "--help", "-h" and "--version" are the only ones.
+    // one decides; "--help", "-h", "--version", "--integrate" and "--uninstall" are the only ones.
     static CommandLine parse(const QStringList& arguments);
     // The text --help prints; `program` is the name the launcher was started by.
     static QString usage(const QString& program);

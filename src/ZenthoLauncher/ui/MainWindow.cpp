@@ -21,9 +21,13 @@ MainWindow::MainWindow(LauncherModel& model, Platform& platform) : clipboard_(pl
     QQuickStyle::setStyle(QStringLiteral("Basic"));
 
     QQmlComponent component(&engine_, QUrl(QString::fromLatin1(kSource)));
-    std::unique_ptr<QObject> root(component.createWithInitialProperties(
-        {{QStringLiteral("launcher"), QVariant::fromValue(static_cast<QObject*>(&model))},
-         {QStringLiteral("clipboard"), QVariant::fromValue(static_cast<QObject*>(&clipboard_))}}));
+    // Qt 6.4 crashes when a component that did not load is asked to create its object: one whose
+    // imports cannot be found (a QML module missing from the bundle) is refused here instead.
+    std::unique_ptr<QObject> root;
+    if (component.isReady())
+        root.reset(component.createWithInitialProperties(
+            {{QStringLiteral("launcher"), QVariant::fromValue(static_cast<QObject*>(&model))},
+             {QStringLiteral("clipboard"), QVariant::fromValue(static_cast<QObject*>(&clipboard_))}}));
     auto* window = qobject_cast<QQuickWindow*>(root.get());
     if (!window) {
         QStringList messages;

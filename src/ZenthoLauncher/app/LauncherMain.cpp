@@ -1,8 +1,10 @@
-#include "identity/LauncherVersion.h"
 #include "TrustedSigningKey.h"
+
 #include "app/CommandLine.h"
+#include "app/DesktopCommands.h"
 #include "app/InviteChannel.h"
 #include "desktop/LinuxPlatform.h"
+#include "identity/LauncherVersion.h"
 #include "model/LauncherModel.h"
 #include "platform/FileManager.h"
 #include "storage/StorageLayout.h"
@@ -29,7 +31,9 @@ QStringList argumentsOf(int argc, char** argv) {
 
 } // namespace
 
-int main(int argc, char** argv) {
+// The launcher's main(): the bundle's executable (BundleStart) loads the library this is in from
+// the bundle's Frameworks folder and calls it with its own command line.
+extern "C" int zenthoLauncherMain(int argc, char** argv) {
     // The bundle verifier's mode, for a launcher that runs without zentho-codesign beside it:
     // decided before any Qt object exists, so it needs no display and opens no window.
     if (argc >= 2 && std::strcmp(argv[1], "--codesign") == 0)
@@ -46,6 +50,10 @@ int main(int argc, char** argv) {
     case CommandLine::Action::Version:
         std::printf("%s\n", qPrintable(launcherVersion()));
         return 0;
+    case CommandLine::Action::Integrate:
+        return DesktopCommands::integrate(FileManager::defaultManager(), LinuxPlatform(), stdout, stderr);
+    case CommandLine::Action::Uninstall:
+        return DesktopCommands::uninstall(FileManager::defaultManager(), LinuxPlatform(), stdout, stderr);
     case CommandLine::Action::Invalid:
         std::fprintf(stderr, "%s: %s\n", qPrintable(program), qPrintable(command.problem));
         return 2;
@@ -74,6 +82,7 @@ int main(int argc, char** argv) {
         return 0;
 
     LinuxPlatform platform;
+    DesktopCommands::integrateOnStart(FileManager::defaultManager(), platform, stderr);
     LauncherModel model(platform);
     try {
         MainWindow window(model, platform);
