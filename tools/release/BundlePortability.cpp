@@ -3,10 +3,12 @@
 #include "ElfFile.h"
 #include "SystemLibraries.h"
 
+#include <QRegularExpression>
+#include <QString>
+
 #include <algorithm>
 #include <cctype>
 #include <optional>
-#include <regex>
 #include <system_error>
 #include <vector>
 
@@ -14,15 +16,18 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// QRegularExpression rather than std::regex: GCC 12's <regex> trips -Werror=maybe-uninitialized
+// in sanitized builds, and the patterns are plain PCRE.
 bool isSystemLibrary(const std::string& soname) {
-    static const std::vector<std::regex> patterns = [] {
-        std::vector<std::regex> compiled;
+    static const std::vector<QRegularExpression> patterns = [] {
+        std::vector<QRegularExpression> compiled;
         for (const char* pattern : kSystemLibraryPatterns)
-            compiled.emplace_back(pattern);
+            compiled.emplace_back(QString::fromUtf8(pattern));
         return compiled;
     }();
+    const QString name = QString::fromStdString(soname);
     return std::any_of(patterns.begin(), patterns.end(),
-                       [&](const std::regex& pattern) { return std::regex_match(soname, pattern); });
+                       [&](const QRegularExpression& pattern) { return pattern.match(name).hasMatch(); });
 }
 
 // "2.36" against "2.35", number by number: true when `version` is newer than `floor`.
