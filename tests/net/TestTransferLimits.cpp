@@ -5,8 +5,10 @@
 
 #include "FaultServer.h"
 #include "ResidentMemory.h"
+#include "ShortLimits.h"
 #include "TaskOutcome.h"
 #include "TestFiles.h"
+#include "TestRequirements.h"
 #include "TestServer.h"
 
 #include "net/DownloadsFolder.h"
@@ -15,7 +17,6 @@
 #include "platform/FileManager.h"
 
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QRandomGenerator>
@@ -125,6 +126,7 @@ class TestTransferLimits : public QObject {
 
 private slots:
     void initTestCase() {
+        ZENTHO_REQUIRE(nginx);
         QVERIFY(temp.isValid());
         server = std::make_unique<TestServer>();
         TestServer::trustInThisProcess();
@@ -163,8 +165,6 @@ private slots:
     void bloatedManifestKeepsMemoryFlat() {
         ResidentMemory::resetPeak();
         const long before = ResidentMemory::peakKiB();
-        QElapsedTimer clock;
-        clock.start();
         const QString error = fetchError(product, fault(QStringLiteral("chunked/67108864")));
         const long grown = ResidentMemory::peakKiB() - before;
         qInfo("peak grew by %ld KiB", grown);
@@ -172,37 +172,33 @@ private slots:
         // Well under the body's size; the margin is for sanitizer builds, which hold freed blocks
         // in quarantine for a while.
         QVERIFY2(grown < 32 * 1024, qPrintable(QStringLiteral("peak grew by %1 KiB").arg(grown)));
-        QVERIFY(clock.elapsed() < 10000);
     }
 
+    // 1 MiB at 4 KiB/s: above the throughput floor, and far longer than the deadline.
     void manifestFetchEndsAtItsDeadline() {
-        TransferLimits limits;
-        limits.manifest.deadline = std::chrono::seconds(2);
-        // 64 KiB at 4 KiB/s: 16 s, well above the throughput floor.
-        server->writeFile(QStringLiteral("slow.json"), QByteArray(64 * 1024, ' '));
-        QElapsedTimer clock;
-        clock.start();
-        const QString error = fetchError(limits, server->url("/trickle/slow.json"));
-        QCOMPARE(error, QStringLiteral("The server did not send its whole answer in time."));
-        QVERIFY2(clock.elapsed() < 6000, qPrintable(QString::number(clock.elapsed())));
+        server->writeFile(QStringLiteral("slow.json"), QByteArray(1024 * 1024, ' '));
+        const TransferLimits limits =
+            onlyShort([](TransferWatchdog::Limits& l) { l.deadline = std::chrono::seconds(1); });
+        QCOMPARE(fetchError(limits, server->url("/trickle/slow.json")),
+                 QStringLiteral("The server did not send its whole answer in time."));
     }
 
+    // The twin: a manifest that comes within the deadline arrives, from the same slow server.
     void manifestWithinItsDeadlineArrives() {
-        TransferLimits limits;
-        limits.manifest.deadline = std::chrono::seconds(2);
-        QCOMPARE(fetch(limits, server->url("/trickle/m.json")).body, manifest);
+        QCOMPARE(fetch(product, server->url("/trickle/m.json")).body, manifest);
     }
 
-    // The same trickle that outlasts a manifest's deadline is a slow but good archive.
+    // The same limits that end a manifest from a trickle after a second take a slow archive whole:
+    // downloads have no deadline.
     void archiveDownloadHasNoOverallDeadline() {
         TransferLimits limits;
-        limits.manifest.deadline = std::chrono::seconds(2);
+        limits.manifest.deadline = std::chrono::seconds(1);
+        server->writeFile(QStringLiteral("slow.json"), QByteArray(1024 * 1024, ' '));
+        QCOMPARE(fetchError(limits, server->url("/trickle/slow.json")),
+                 QStringLiteral("The server did not send its whole answer in time."));
         const QByteArray body = TestFiles::randomBytes(16 * 1024, 7);
         server->writeFile(QStringLiteral("slow.tar.gz"), body);
-        QElapsedTimer clock;
-        clock.start();
         QCOMPARE(download(limits, server->url("/trickle/slow.tar.gz")), body);
-        QVERIFY(clock.elapsed() > 2500);
     }
 
     void archiveStopsAtTheFreeSpaceReserve() {
