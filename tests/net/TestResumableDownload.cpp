@@ -3,8 +3,10 @@
 // digest and the body sink see, and what stays in the downloads folder.
 
 #include "FaultServer.h"
+#include "SmallDisk.h"
 #include "TaskOutcome.h"
 #include "TestFiles.h"
+#include "TestRequirements.h"
 #include "TestServer.h"
 
 #include "errors/Failure.h"
@@ -81,12 +83,13 @@ class TestResumableDownload : public QObject {
     Q_OBJECT
 
     std::unique_ptr<TestServer> server_;
-    std::unique_ptr<QTemporaryDir> root_;
+    std::unique_ptr<QTemporaryDir> temporary_;
+    QString root_; // where the downloads folder is
     RecordingSink sink_;
     RecordingObserver observer_;
     int serial_ = 0;
 
-    QString root() const { return root_->path(); }
+    QString root() const { return root_; }
     DownloadsFolder::Partial files() const {
         return DownloadsFolder(FileManager::defaultManager(), root())
             .prepare(QStringLiteral("macos-arm64"), QStringLiteral("ab").repeated(32));
@@ -145,11 +148,13 @@ class TestResumableDownload : public QObject {
 
 private slots:
     void initTestCase() {
+        ZENTHO_REQUIRE(nginx);
         server_ = std::make_unique<TestServer>();
         TestServer::trustInThisProcess();
     }
     void init() {
-        root_ = std::make_unique<QTemporaryDir>();
+        temporary_ = std::make_unique<QTemporaryDir>();
+        root_ = temporary_->path();
         sink_ = RecordingSink();
         observer_ = RecordingObserver();
     }
@@ -163,6 +168,7 @@ private slots:
         verifyWhole(result, bytes);
         QCOMPARE(sink_.restarts, QList<qsizetype>());
         QCOMPARE(sink_.bytes, bytes); // the kept half first, read back, then the rest
+        server_->awaitLogged();
         const QList<TestServer::Served> served = server_->servedFor(path);
         QCOMPARE(served.size(), 1);
         QCOMPARE(served[0].range, QStringLiteral("bytes=1048576-"));
@@ -186,6 +192,7 @@ private slots:
         verifyWhole(result, bytes);
         QCOMPARE(sink_.restarts, QList<qsizetype>{kept.size()});
         QCOMPARE(sink_.bytes, kept + bytes);
+        server_->awaitLogged();
         const QList<TestServer::Served> served = server_->servedFor(path);
         QCOMPARE(served.size(), 1);
         QCOMPARE(served[0].range, QStringLiteral("bytes=262144-"));
@@ -200,6 +207,7 @@ private slots:
         const DownloadResult result = run(url);
         verifyWhole(result, bytes);
         QCOMPARE(sink_.restarts, QList<qsizetype>{100000});
+        server_->awaitLogged();
         QCOMPARE(server_->servedFor(QStringLiteral("/norange") + path).first().status, 200);
     }
 
@@ -212,6 +220,7 @@ private slots:
         keep(url, bytes + bytes, etagOf(url));
         const DownloadResult result = run(url);
         verifyWhole(result, bytes);
+        server_->awaitLogged();
         const QList<TestServer::Served> served = server_->servedFor(path);
         QCOMPARE(served.size(), 2);
         QCOMPARE(served[0].status, 416);
@@ -316,8 +325,13 @@ private slots:
     }
 
     // Before a byte of the body lands there must be room for it, for unpacking it and for the
-    // reserve; the error names the folder and both sizes.
+    // reserve; the error names the folder and both sizes. The disk is the test's own, so its free
+    // space is what the test says.
     void shortDiskIsFoundBeforeTheBody() {
+        ZENTHO_REQUIRE(root);
+        const SmallDisk disk(64);
+        QVERIFY(!disk.path().isEmpty());
+        root_ = disk.path();
         QByteArray bytes;
         const QString path = publish(1024 * 1024, &bytes);
         TransferLimits limits;
@@ -337,6 +351,10 @@ private slots:
 
     // The twin: with room to spare, the same file arrives.
     void diskWithRoomTakesTheBody() {
+        ZENTHO_REQUIRE(root);
+        const SmallDisk disk(64);
+        QVERIFY(!disk.path().isEmpty());
+        root_ = disk.path();
         QByteArray bytes;
         const QString path = publish(1024 * 1024, &bytes);
         TransferLimits limits;
@@ -346,6 +364,10 @@ private slots:
 
     // A body without a length that would eat into the reserve stops, and its file goes.
     void bodyReachingTheReserveStopsAndIsRemoved() {
+        ZENTHO_REQUIRE(root);
+        const SmallDisk disk(64);
+        QVERIFY(!disk.path().isEmpty());
+        root_ = disk.path();
         TransferLimits limits;
         limits.freeSpaceReserve = FreeSpace::available(root()) - 16 * 1024 * 1024;
         const std::exception_ptr error =

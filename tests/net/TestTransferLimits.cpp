@@ -6,14 +6,17 @@
 #include "FaultServer.h"
 #include "ResidentMemory.h"
 #include "ShortLimits.h"
+#include "SmallDisk.h"
 #include "TaskOutcome.h"
 #include "TestFiles.h"
 #include "TestRequirements.h"
 #include "TestServer.h"
 
 #include "net/DownloadsFolder.h"
+#include "net/FreeSpace.h"
 #include "net/HttpClient.h"
 #include "net/ResumableDownload.h"
+#include "net/TransferText.h"
 #include "platform/FileManager.h"
 
 #include <QDir>
@@ -27,8 +30,6 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-
-#include <sys/statvfs.h>
 
 namespace {
 
@@ -83,14 +84,6 @@ HttpResponse fetch(const TransferLimits& limits, const QUrl& url) {
     return std::move(*response);
 }
 
-
-qint64 freeBytesOf(const QString& folder) {
-    struct statvfs fs {};
-    if (::statvfs(QFile::encodeName(folder).constData(), &fs) != 0)
-        return -1;
-    return qint64(fs.f_bavail) * qint64(fs.f_frsize);
-}
-
 QStringList entriesOf(const QString& folder) {
     return QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot);
 }
@@ -106,7 +99,6 @@ class TestTransferLimits : public QObject {
     QByteArray manifest = "{\"version\":\"0.4.2\"}";
     TransferLimits product; // the product's own limits
 
-    QString downloads() const { return temp.path() + QStringLiteral("/downloads"); }
     QByteArray download(const TransferLimits& limits, const QUrl& url) {
         QString error;
         const std::optional<QByteArray> bytes = downloadInto(temp.path(), limits, url, &error);
@@ -114,9 +106,10 @@ class TestTransferLimits : public QObject {
             throw std::runtime_error(error.toStdString());
         return *bytes;
     }
-    QString downloadError(const TransferLimits& limits, const QUrl& url) {
+    static QString downloadError(const QString& root, const TransferLimits& limits,
+                                 const QUrl& url) {
         QString error;
-        downloadInto(temp.path(), limits, url, &error);
+        downloadInto(root, limits, url, &error);
         return error;
     }
 
@@ -201,27 +194,38 @@ private slots:
         QCOMPARE(download(limits, server->url("/trickle/slow.tar.gz")), body);
     }
 
+    // On a disk of the test's own, so the free space is what the test says, whatever else the
+    // machine writes meanwhile.
     void archiveStopsAtTheFreeSpaceReserve() {
-        const qint64 free = freeBytesOf(temp.path());
-        QVERIFY(free > qint64(512) * 1024 * 1024);
+        ZENTHO_REQUIRE(root);
+        SmallDisk disk(64);
+        QVERIFY(!disk.path().isEmpty());
         TransferLimits limits;
-        limits.freeSpaceReserve = free - 16 * 1024 * 1024;
+        limits.freeSpaceReserve = FreeSpace::available(disk.path()) - 16 * 1024 * 1024;
         // Far more than fits above the reserve, and it does end, so a download that ignored the
-        // reserve would come back whole.
-        const QString error = downloadError(limits, fault(QStringLiteral("chunked/268435456")));
+        // reserve would come back whole (or fail with the disk full).
+        const QString error =
+            downloadError(disk.path(), limits, fault(QStringLiteral("chunked/268435456")));
         QCOMPARE(error, QStringLiteral("Not enough free disk space for the download."));
-        QCOMPARE(entriesOf(downloads()), QStringList());
+        QCOMPARE(entriesOf(disk.path() + QStringLiteral("/downloads")), QStringList());
     }
 
     // A body whose announced size would leave less than the reserve is refused before it lands,
     // naming the folder and both sizes.
     void archiveAnnouncedBeyondTheReserveIsRefused() {
+        ZENTHO_REQUIRE(root);
+        SmallDisk disk(64);
+        QVERIFY(!disk.path().isEmpty());
+        const qint64 free = FreeSpace::available(disk.path());
         TransferLimits limits;
-        limits.freeSpaceReserve = freeBytesOf(temp.path()) - 512 * 1024;
-        const QString error = downloadError(limits, server->url("/big.bin"));
-        QVERIFY2(error.startsWith(QStringLiteral("Not enough free space in ") + temp.path() + QStringLiteral(": ")),
-                 qPrintable(error));
-        QCOMPARE(entriesOf(downloads()), QStringList());
+        limits.freeSpaceReserve = free - 512 * 1024;
+        const QString error = downloadError(disk.path(), limits, server->url("/big.bin"));
+        // Room to download the 1 MiB and to unpack it, on the one disk, and the reserve.
+        QCOMPARE(error, QStringLiteral("Not enough free space in %1: %2 needed, %3 free.")
+                            .arg(disk.path(),
+                                 TransferText::size(2 * 1024 * 1024 + limits.freeSpaceReserve),
+                                 TransferText::size(free)));
+        QCOMPARE(entriesOf(disk.path() + QStringLiteral("/downloads")), QStringList());
     }
 
     void archiveWithinTheReserveArrives() {
