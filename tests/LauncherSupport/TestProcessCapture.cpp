@@ -1,4 +1,5 @@
 #include "DescriptorLimit.h"
+#include "TestFiles.h"
 
 #include <ProcessCapture.h>
 
@@ -192,18 +193,19 @@ private slots:
         QVERIFY(left.first().startsWith(QLatin1String("zentho-launcher-stdout-")));
     }
     void pollReportsTheEndOnlyOnceTheChildHasExited() {
+        const QString exitNow = tmp_->filePath(QStringLiteral("exit-now"));
         std::optional<CapturedProcessResult> result;
         {
-            ProcessCapture::Running child =
-                ProcessCapture::start("/bin/sh", {"-c", "sleep 0.3; printf x"});
+            // A child that cannot end before the test makes its file.
+            ProcessCapture::Running child = ProcessCapture::start(
+                "/bin/sh", {"-c", "while [ ! -e \"$0\" ]; do sleep 0.01; done; printf x",
+                            exitNow.toStdString()});
             QVERIFY(!child.poll());
             QCOMPARE(captureFiles().size(), 2);
-            for (int i = 0; i < 500 && !result; ++i) {
-                QTest::qWait(10);
-                result = child.poll();
-            }
+            QVERIFY(!child.poll());
+            TestFiles::writeFile(exitNow, "");
+            QVERIFY(QTest::qWaitFor([&] { return (result = child.poll()).has_value(); }, 60000));
         }
-        QVERIFY(result);
         QCOMPARE(result->output, std::string("x"));
         QCOMPARE(captureFiles(), QStringList());
     }
@@ -228,10 +230,12 @@ private slots:
         QVERIFY(parent >= 0);
         if (parent == 0) {
             ProcessCapture::Running child = ProcessCapture::start(
-                "/bin/sh", {"-c", "echo $$ > '" + pidFile.toStdString() + "'; exec sleep 30"});
-            for (int i = 0; i < 500 && ::access(pidFile.toLocal8Bit().constData(), R_OK) != 0; ++i)
-                ::usleep(10000);
-            ::usleep(50000);
+                "/bin/sh", {"-c", "echo $$ > '" + pidFile.toStdString() + "'; exec sleep 600"});
+            // Until the child is the long sleep itself, not a shell that might end on its own.
+            const std::string comm = "/proc/" + std::to_string(child.pid()) + "/comm";
+            for (int i = 0;
+                 i < 60000 && TestFiles::readFile(QString::fromStdString(comm)) != "sleep\n"; ++i)
+                ::usleep(1000);
             ::kill(::getpid(), SIGKILL);
         }
         int status = 0;
@@ -241,7 +245,7 @@ private slots:
         const pid_t child = file.readAll().trimmed().toInt();
         QVERIFY(child > 0);
         // Orphans go to init (or a subreaper) once killed; either way the sleep must be gone.
-        QTRY_VERIFY_WITH_TIMEOUT(hasEnded(child), 5000);
+        QTRY_VERIFY_WITH_TIMEOUT(hasEnded(child), 60000);
     }
 
     void usableTemporaryFolderRuns() {

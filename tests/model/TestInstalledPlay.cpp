@@ -1,3 +1,4 @@
+#include "GameWatch.h"
 #include "LauncherModelProbe.h"
 #include "RecordingPlatform.h"
 #include "ScopedDataHome.h"
@@ -5,14 +6,14 @@
 #include "TaskOutcome.h"
 #include "TestFiles.h"
 
-#include "process/ChildReaper.h"
-
 #include <QClipboard>
 #include <QDir>
 #include <QFileInfo>
 #include <QGuiApplication>
 #include <QSignalSpy>
 #include <QTest>
+
+#include <memory>
 
 namespace {
 
@@ -34,29 +35,38 @@ class TestInstalledPlay : public QObject {
 
     ScopedDataHome* home_ = nullptr;
     QString record_;
+    // Watches every game the models start: a game has ended by the end of its watch when the
+    // test made it end, whatever the machine's speed.
+    std::unique_ptr<GameWatch> games_;
 
     QString build(const QString& version) const { return home_->versionsRoot() + "/" + version; }
+    void watchGamesOf(LauncherModel& model) {
+        LauncherModelProbe::setStartupWatch(model, games_->watch());
+    }
 
     // Waits until the model's play task has ended one way or the other.
     static bool settles(LauncherModel& model, RecordingPlatform& platform) {
-        return QTest::qWaitFor([&] { return platform.quitCount > 0 || !model.busy(); }, 5000);
+        return QTest::qWaitFor([&] { return platform.quitCount > 0 || !model.busy(); }, 60000);
     }
 
 private slots:
     void init() {
         home_ = new ScopedDataHome;
         record_ = home_->path() + QStringLiteral("/record");
+        games_ = std::make_unique<GameWatch>();
     }
     void cleanup() {
-        QTRY_COMPARE_WITH_TIMEOUT(ChildReaper::pendingCount(), 0, 5000);
+        QVERIFY(games_->endGames());
+        games_.reset();
         delete home_;
     }
 
     void playStartsTheSelectedBuildAndQuits() {
-        StandinGames::runsFor(build("0.1.190"), 1.5);
-        StandinGames::recorder(build("0.2.0"), record_, 1.0);
+        StandinGames::runsFor(build("0.1.190"), StandinGames::untilEnded);
+        StandinGames::recorder(build("0.2.0"), record_, StandinGames::untilEnded);
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         QCOMPARE(model.selectedInstalledPath(), build("0.2.0"));
         QSignalSpy busy(&model, &LauncherModel::busyChanged);
         model.playSelectedInstalledBuild();
@@ -76,9 +86,10 @@ private slots:
         QCOMPARE(record->arguments, QStringList());
     }
     void aGameThatEndsAtOnceShowsWhyAndFreesTheLauncher() {
-        StandinGames::exitsAfter(build("0.2.0"), 0.2, 3);
+        StandinGames::exitsAfter(build("0.2.0"), 0, 3);
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         model.playSelectedInstalledBuild();
         QVERIFY(settles(model, platform));
         QCOMPARE(model.status(),
@@ -87,10 +98,11 @@ private slots:
         QCOMPARE(platform.quitCount, 0);
     }
     void aFailedStartRescansTheSavedBuilds() {
-        StandinGames::runsFor(build("0.1.190"), 1.5);
+        StandinGames::runsFor(build("0.1.190"), StandinGames::untilEnded);
         StandinGames::removesItselfAndExits(build("0.2.0"), record_, 0);
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         QCOMPARE(model.installedBuilds().size(), 2);
         QSignalSpy listed(&model, &LauncherModel::installedBuildsChanged);
         model.playSelectedInstalledBuild();
@@ -102,9 +114,10 @@ private slots:
         QCOMPARE(model.selectedInstalledPath(), build("0.1.190"));
     }
     void aBuildThatLostItsExecutableShowsThePlatformError() {
-        StandinGames::runsFor(build("0.2.0"), 1.5);
+        StandinGames::runsFor(build("0.2.0"), StandinGames::untilEnded);
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         QVERIFY(QFile::remove(build("0.2.0") + QStringLiteral("/zentho")));
         StandinGames::withoutExecutable(build("0.2.0"));
         model.playSelectedInstalledBuild();
@@ -117,9 +130,10 @@ private slots:
         QCOMPARE(model.selectedInstalledPath(), QString());
     }
     void aBuildThatLostExecutePermissionShowsThePlatformError() {
-        StandinGames::runsFor(build("0.2.0"), 1.5);
+        StandinGames::runsFor(build("0.2.0"), StandinGames::untilEnded);
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         StandinGames::notExecutable(build("0.2.0"));
         model.playSelectedInstalledBuild();
         QVERIFY(settles(model, platform));
@@ -129,10 +143,11 @@ private slots:
     }
 
     void theExecutableIsAlwaysZentho() {
-        StandinGames::recorder(build("0.2.0"), record_, 1.0);
+        StandinGames::recorder(build("0.2.0"), record_, StandinGames::untilEnded);
         TestFiles::writeScript(build("0.2.0") + QStringLiteral("/game"), "exit 9\n");
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         model.playSelectedInstalledBuild();
         QVERIFY(settles(model, platform));
         QCOMPARE(platform.quitCount, 1);
@@ -141,11 +156,12 @@ private slots:
         QCOMPARE(QFileInfo(record->program).fileName(), QStringLiteral("zentho"));
     }
     void playingNeitherReadsNorWritesTheCurrentBuildRecord() {
-        StandinGames::runsFor(build("0.2.0"), 1.5);
+        StandinGames::runsFor(build("0.2.0"), StandinGames::untilEnded);
         const QByteArray state = "{\"version\":\"0.1.5\",\"path\":\"\\/nowhere\"}";
         TestFiles::writeFile(home_->statePath(), state);
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         QCOMPARE(model.installedVersion(), QStringLiteral("0.1.5"));
         model.playSelectedInstalledBuild();
         QVERIFY(settles(model, platform));
@@ -154,9 +170,10 @@ private slots:
         QCOMPARE(model.installedVersion(), QStringLiteral("0.1.5"));
     }
     void playingWithoutARecordCreatesNone() {
-        StandinGames::runsFor(build("0.2.0"), 1.5);
+        StandinGames::runsFor(build("0.2.0"), StandinGames::untilEnded);
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         model.playSelectedInstalledBuild();
         QVERIFY(settles(model, platform));
         QCOMPARE(platform.quitCount, 1);
@@ -164,23 +181,26 @@ private slots:
     }
 
     void whileBusyPlayDoesNothing() {
-        StandinGames::recorder(build("0.2.0"), record_, 1.0);
+        StandinGames::recorder(build("0.2.0"), record_, StandinGames::untilEnded);
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         LauncherModelProbe::setBusy(model, true);
         LauncherModelProbe::setStatus(model, QStringLiteral("Checking for updates..."));
         QSignalSpy status(&model, &LauncherModel::statusChanged);
         model.playSelectedInstalledBuild();
-        QTest::qWait(1000);
+        // A play that went ahead would have said so and started its game before returning.
+        QCOMPARE(games_->watched(), 0);
         QCOMPARE(status.count(), 0);
         QCOMPARE(model.busy(), true);
         QCOMPARE(platform.quitCount, 0);
         QVERIFY(!QFile::exists(record_));
     }
     void aSecondPlayWhileTheFirstRunsStartsNothing() {
-        StandinGames::recorder(build("0.2.0"), record_, 1.0);
+        StandinGames::recorder(build("0.2.0"), record_, StandinGames::untilEnded);
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         model.playSelectedInstalledBuild();
         const auto first = StandinGames::waitForRecord(record_);
         QVERIFY(first);
@@ -188,7 +208,7 @@ private slots:
         model.playSelectedInstalledBuild();
         QVERIFY(settles(model, platform));
         QCOMPARE(platform.quitCount, 1);
-        QTest::qWait(300);
+        QCOMPARE(games_->watched(), 1);
         QVERIFY(!QFile::exists(record_));
     }
     void withNoSavedBuildPlayDoesNothing() {
@@ -201,14 +221,15 @@ private slots:
         QCOMPARE(status.count(), 0);
     }
     void aSelectionLeftOnARemovedBuildDoesNothingUntilTheListIsRefreshed() {
-        StandinGames::recorder(build("0.2.0"), record_, 1.0);
+        StandinGames::recorder(build("0.2.0"), record_, StandinGames::untilEnded);
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         model.setSelectedInstalledPath(build("0.3.0"));
         model.playSelectedInstalledBuild();
         QCOMPARE(model.busy(), false);
         QCOMPARE(model.status(), QStringLiteral("Ready"));
-        QTest::qWait(300);
+        QCOMPARE(games_->watched(), 0);
         QVERIFY(!QFile::exists(record_));
         LauncherModelProbe::refreshInstalledBuilds(model);
         QCOMPARE(model.selectedInstalledPath(), build("0.2.0"));
@@ -218,9 +239,10 @@ private slots:
         QCOMPARE(platform.quitCount, 1);
     }
     void withTwoListedBuildsOfOnePathTheFirstIsStarted() {
-        StandinGames::runsFor(build("0.2.0"), 1.5);
+        StandinGames::runsFor(build("0.2.0"), StandinGames::untilEnded);
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         LauncherModelProbe::setInstalledBuilds(
             model, {{"0.2.0-first", build("0.2.0")}, {"0.2.0-second", build("0.2.0")}});
         model.playSelectedInstalledBuild();
@@ -230,9 +252,10 @@ private slots:
     }
 
     void thePendingInviteIsPassedAndTheLatestWins() {
-        StandinGames::recorder(build("0.2.0"), record_, 1.0);
+        StandinGames::recorder(build("0.2.0"), record_, StandinGames::untilEnded);
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         LauncherModelProbe::setPendingInvite(model, QStringLiteral("zentho://invite/first"));
         LauncherModelProbe::setPendingInvite(model, QStringLiteral("zentho://invite/second room"));
         model.playSelectedInstalledBuild();
@@ -242,9 +265,10 @@ private slots:
         QCOMPARE(record->arguments, QStringList{QStringLiteral("zentho://invite/second room")});
     }
     void theInviteIsReadWhenTheGameStartsAndKeptForLaterStarts() {
-        StandinGames::recorder(build("0.2.0"), record_, 1.0);
+        StandinGames::recorder(build("0.2.0"), record_, StandinGames::untilEnded);
         RecordingPlatform platform(kBundleExe, {kBundleExe});
         LauncherModel model(platform);
+        watchGamesOf(model);
         LauncherModelProbe::setPendingInvite(model, QStringLiteral("zentho://a"));
         auto first = LauncherModelProbe::launch(model, QUrl::fromLocalFile(build("0.2.0")),
                                                 QStringLiteral("zentho"));

@@ -1,3 +1,4 @@
+#include "GameWatch.h"
 #include "LauncherModelProbe.h"
 #include "RecordingPlatform.h"
 #include "ScopedDataHome.h"
@@ -13,17 +14,21 @@ namespace {
 const QString kInvite = QStringLiteral("zentho://join/7F3A-91?host=Pat&region=eu%2Dwest");
 
 // A launcher bundle on disk whose seed runtime is a real program that writes down its arguments
-// and stays up past the start-up watch.
+// and stays up until the test ends it, watched by the test's start-up watch.
 struct OfflineLauncher {
     OfflineLauncher() {
         const QByteArray record = QFile::encodeName(recordPath());
         TestFiles::writeScript(bundle() + QStringLiteral("/Contents/Resources/SeedRuntime/zentho"),
-                               "for a in \"$@\"; do printf 'arg=%s\\n' \"$a\"; done > '" + record + ".part'\n"
-                               "mv '" + record + ".part' '" + record + "'\n"
-                               "exec sleep 5\n");
+                               "for a in \"$@\"; do printf 'arg=%s\\n' \"$a\"; done > '" + record +
+                                   ".part'\n"
+                                   "mv '" +
+                                   record + ".part' '" + record +
+                                   "'\n"
+                                   "exec sleep 3600\n");
         const QString exe = bundle() + QStringLiteral("/Contents/MacOS/ZenthoLauncher");
         platform = std::make_unique<RecordingPlatform>(exe, QStringList{exe});
         model = std::make_unique<LauncherModel>(*platform);
+        LauncherModelProbe::setStartupWatch(*model, games.watch());
     }
     QString bundle() const { return dir.filePath(QStringLiteral("ZenthoLauncher.app")); }
     QString recordPath() const { return dir.filePath(QStringLiteral("game-arguments")); }
@@ -38,6 +43,7 @@ struct OfflineLauncher {
 
     ScopedDataHome home;
     QTemporaryDir dir;
+    GameWatch games; // ends the game before its folder goes
     std::unique_ptr<RecordingPlatform> platform;
     std::unique_ptr<LauncherModel> model;
 };
@@ -69,7 +75,7 @@ private slots:
         QVERIFY(launcher.model->busy()); // the flow has started
         QCOMPARE(seen.value(1), QStringLiteral("Checking launcher version..."));
         QCOMPARE(LauncherModelProbe::pendingInvite(*launcher.model), std::optional<QString>(kInvite));
-        QTRY_COMPARE_WITH_TIMEOUT(launcher.platform->quitCount, 1, 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(launcher.platform->quitCount, 1, 60000);
         QCOMPARE(launcher.gameArguments(), QStringList{kInvite});
         QCOMPARE(launcher.model->status(), QStringLiteral("Update unavailable; starting installed version..."));
     }
@@ -80,10 +86,12 @@ private slots:
         launcher.model->openInviteURL(kInvite);
         QCOMPARE(launcher.model->status(), QStringLiteral("Joining a friend's game..."));
         QCOMPARE(LauncherModelProbe::pendingInvite(*launcher.model), std::optional<QString>(kInvite));
-        QTest::qWait(1500);
+        // A flow that went ahead would have said so before the call returned, as the twin above
+        // shows; so would a game started at once.
         QCOMPARE(launcher.model->status(), QStringLiteral("Joining a friend's game..."));
         QVERIFY(launcher.model->busy());
         QCOMPARE(launcher.platform->quitCount, 0);
+        QCOMPARE(launcher.games.watched(), 0);
         QVERIFY(launcher.gameArguments().isEmpty());
     }
 
@@ -96,7 +104,7 @@ private slots:
                  std::optional<QString>(QStringLiteral("zentho://join/second")));
         LauncherModelProbe::setBusy(*launcher.model, false);
         launcher.model->updateAndPlay();
-        QTRY_COMPARE_WITH_TIMEOUT(launcher.platform->quitCount, 1, 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(launcher.platform->quitCount, 1, 60000);
         QCOMPARE(launcher.gameArguments(), QStringList{QStringLiteral("zentho://join/second")});
     }
 
@@ -111,7 +119,7 @@ private slots:
     void withoutInviteTheGameGetsNoArgument() {
         OfflineLauncher launcher;
         launcher.model->updateAndPlay();
-        QTRY_COMPARE_WITH_TIMEOUT(launcher.platform->quitCount, 1, 15000);
+        QTRY_COMPARE_WITH_TIMEOUT(launcher.platform->quitCount, 1, 60000);
         QCOMPARE(launcher.gameArguments(), QStringList());
         QVERIFY(QFile::exists(launcher.recordPath()));
     }

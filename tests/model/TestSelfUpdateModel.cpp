@@ -8,11 +8,13 @@
 #include "ScopedDataHome.h"
 #include "TestArchives.h"
 #include "TestFiles.h"
+#include "TestRequirements.h"
 #include "TestServer.h"
 
 #include "errors/LauncherError.h"
 #include "model/LauncherModel.h"
 #include "platform/FileManager.h"
+#include "process/ChildReaper.h"
 #include "update/LauncherUpdater.h"
 
 #include <QCoreApplication>
@@ -72,6 +74,7 @@ private:
 
 private slots:
     void initTestCase() {
+        ZENTHO_REQUIRE(nginx);
         TestServer::trustInThisProcess();
         try {
             server_ = std::make_unique<TestServer>();
@@ -85,7 +88,8 @@ private slots:
     void init() { f_ = std::make_unique<LauncherUpdateFixture>(*server_); }
 
     void cleanup() {
-        QTest::qWait(100);
+        // A script that is still swapping finishes, and is collected, before its folder goes.
+        QTRY_COMPARE_WITH_TIMEOUT(ChildReaper::pendingCount(), 0, 60000);
         f_.reset();
     }
 
@@ -133,6 +137,7 @@ private slots:
     }
 
     void readOnlyParentFolderIsRefused() {
+        ZENTHO_REQUIRE(root);
         if (!qEnvironmentVariableIsSet(kInNamespace)) {
             // Root may write anywhere a mount allows, so the folder is made read-only by a mount,
             // in a mount namespace of its own that goes away with the process.
@@ -143,7 +148,7 @@ private slots:
             child.start(QStringLiteral("/usr/bin/unshare"),
                         {QStringLiteral("-m"), QStringLiteral("--propagation"), QStringLiteral("private"),
                          QCoreApplication::applicationFilePath(), QStringLiteral("readOnlyParentFolderIsRefused")});
-            QVERIFY(child.waitForFinished(120000));
+            QVERIFY(child.waitForFinished(300000));
             const QByteArray output = child.readAllStandardOutput() + child.readAllStandardError();
             QVERIFY2(child.exitCode() == 0, output.constData());
             QVERIFY2(output.contains("PASS   : TestSelfUpdateModel::readOnlyParentFolderIsRefused()"), output.constData());

@@ -6,6 +6,7 @@
 #include "StandinGames.h"
 #include "TestArchives.h"
 #include "TestFiles.h"
+#include "TestRequirements.h"
 #include "TestServer.h"
 
 #include "storage/InstalledState.h"
@@ -55,7 +56,7 @@ class TestUpdateFlow : public QObject {
     // /builds/<version>.tar.gz; returns its digest.
     QString serveBuild(const QString& version) {
         const QString folder = scratch_->path() + "/src-" + version;
-        StandinGames::recorder(folder, record(version));
+        StandinGames::recorder(folder, record(version), StandinGames::untilEnded);
         const QString archive = server_->documentRoot() + "/builds/" + version + ".tar.gz";
         TestFiles::makeFolder(server_->documentRoot() + "/builds");
         TestArchives::create(archive, folder, {"zentho"});
@@ -81,13 +82,16 @@ class TestUpdateFlow : public QObject {
     QByteArray stateBytes() const { return TestFiles::readFile(home_->statePath()); }
 
 private slots:
-    void initTestCase() { server_ = new TestServer; }
+    void initTestCase() {
+        ZENTHO_REQUIRE(nginx);
+        server_ = new TestServer;
+    }
     void cleanupTestCase() { delete server_; }
 
     void init() {
         home_ = new ScopedDataHome;
         scratch_ = new QTemporaryDir;
-        StandinGames::recorder(seed(), record("seed"));
+        StandinGames::recorder(seed(), record("seed"), StandinGames::untilEnded);
         // The launcher itself is up to date unless a test says otherwise.
         server_->writeFile("launcher.json",
                            manifest("0.1.190", "macos-launcher-arm64", "https://127.0.0.1/x", "0",
@@ -128,9 +132,10 @@ private slots:
     }
 
     void sameVersionStartsTheManifestsExecutableWithoutDownloading() {
-        StandinGames::recorder(build("0.2.0"), record("zentho-0.2.0"));
-        TestFiles::writeScript(build("0.2.0") + "/game-bin",
-                               "echo started > '" + record("game-bin").toUtf8() + "'\nsleep 1.5\n");
+        StandinGames::recorder(build("0.2.0"), record("zentho-0.2.0"), StandinGames::untilEnded);
+        TestFiles::writeScript(build("0.2.0") + "/game-bin", "echo started > '" +
+                                                                 record("game-bin").toUtf8() +
+                                                                 "'\nexec sleep 3600\n");
         recordCurrent("0.2.0", build("0.2.0"));
         serveGameManifest(manifest("0.2.0", "macos-arm64", "https://127.0.0.1:1/nowhere.tar.gz",
                                    "nonsense", "game-bin"));
@@ -143,7 +148,7 @@ private slots:
         QCOMPARE(stateBytes(), before);
     }
     void differentSpellingOfTheSameVersionIsInstalled() {
-        StandinGames::recorder(build("0.2.0"), record("old-0.2.0"));
+        StandinGames::recorder(build("0.2.0"), record("old-0.2.0"), StandinGames::untilEnded);
         recordCurrent("0.2.0", build("0.2.0"));
         serveGameRelease("0.2.00");
         const FlowOutcome out = FlowScenario::run(env_);
@@ -152,7 +157,7 @@ private slots:
         QCOMPARE(InstalledState::decode(stateBytes())->version, QStringLiteral("0.2.00"));
     }
     void lowerVersionThanInstalledIsInstalled() {
-        StandinGames::recorder(build("0.3.0"), record("0.3.0"));
+        StandinGames::recorder(build("0.3.0"), record("0.3.0"), StandinGames::untilEnded);
         recordCurrent("0.3.0", build("0.3.0"));
         serveGameRelease("0.2.0");
         const FlowOutcome out = FlowScenario::run(env_);
@@ -268,7 +273,7 @@ private slots:
     // launcher runs in: the fallback tests and starts that same build.
     void relativeRecordedPathStartsThatBuildInItsFolder() {
         serverDown();
-        StandinGames::recorder(build("0.2.0"), record("0.2.0"));
+        StandinGames::recorder(build("0.2.0"), record("0.2.0"), StandinGames::untilEnded);
         recordCurrent("0.2.0", "versions/0.2.0");
         const FlowOutcome out = FlowScenario::run(env_);
         QCOMPARE(out.statuses.last(), kFallback);
@@ -298,7 +303,7 @@ private slots:
     }
 
     void manifestBuildExitingDuringStartupFallsBackToItsZentho() {
-        StandinGames::recorder(build("0.2.0"), record("zentho-0.2.0"));
+        StandinGames::recorder(build("0.2.0"), record("zentho-0.2.0"), StandinGames::untilEnded);
         TestFiles::writeScript(build("0.2.0") + "/game-bin", "exit 3\n");
         recordCurrent("0.2.0", build("0.2.0"));
         serveGameManifest(manifest("0.2.0", "macos-arm64", "https://127.0.0.1:1/x.tar.gz", "x", "game-bin"));
@@ -327,7 +332,7 @@ private slots:
     }
     void offlineStartsTheRecordedBuildNotTheSeed() {
         serverDown();
-        StandinGames::recorder(build("0.2.0"), record("0.2.0"));
+        StandinGames::recorder(build("0.2.0"), record("0.2.0"), StandinGames::untilEnded);
         recordCurrent("0.2.0", build("0.2.0"));
         const FlowOutcome out = FlowScenario::run(env_);
         QCOMPARE(out.statuses.last(), kFallback);

@@ -1,5 +1,6 @@
 #include "BlackHole.h"
 #include "TaskOutcome.h"
+#include "TestRequirements.h"
 #include "TestServer.h"
 
 #include "net/HttpClient.h"
@@ -73,6 +74,7 @@ class TestUnreachableHosts : public QObject {
 
 private slots:
     void initTestCase() {
+        ZENTHO_REQUIRE(nginx);
         qputenv("TMPDIR", QFile::encodeName(temp_.path()));
         server_ = std::make_unique<TestServer>();
         server_->writeFile(QStringLiteral("m.json"), "{}");

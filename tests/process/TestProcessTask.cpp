@@ -1,4 +1,5 @@
 #include "TaskOutcome.h"
+#include "TestFiles.h"
 
 #include "archive/Archive.h"
 #include "process/ProcessTask.h"
@@ -7,24 +8,22 @@
 
 #include <QCoroTask>
 #include <QDir>
-#include <QElapsedTimer>
+#include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
-#include <QTimer>
 
+#include <string>
+#include <vector>
 
 namespace {
 
-// How many times a 20 ms timer fired while `work` ran: the main thread's event loop at work.
-template <typename Work>
-int ticksDuring(Work work) {
-    int ticks = 0;
-    QTimer timer;
-    timer.setInterval(20);
-    QObject::connect(&timer, &QTimer::timeout, [&] { ++ticks; });
-    timer.start();
-    work();
-    return ticks;
+// A child that ends with status 4 and "done" once `file` exists, or with status 9 when it has
+// looked for it `looks` times, 10 ms apart, in vain.
+std::vector<std::string> waitsForFile(const QString& file, int looks) {
+    return {"-c",
+            "i=0; while [ ! -e \"$0\" ]; do i=$((i+1)); [ $i -gt " + std::to_string(looks) +
+                " ] && exit 9; sleep 0.01; done; printf done; exit 4",
+            QFile::encodeName(file).toStdString()};
 }
 
 } // namespace
@@ -34,23 +33,30 @@ int ticksDuring(Work work) {
 class TestProcessTask : public QObject {
     Q_OBJECT
 
+    QTemporaryDir dir_;
+
 private slots:
+    // The child ends only after the event loop has handled a posted event (which makes its file),
+    // so it ends well only if the loop ran while the coroutine waited for it.
     void eventLoopRunsWhileTheChildRuns() {
-        const int ticks = ticksDuring([] {
-            const CapturedProcessResult result = QCoro::waitFor(
-                runWithoutBlocking("/bin/sh", {"-c", "sleep 0.6; printf done; exit 4"}));
-            QCOMPARE(result.status, 4);
-            QCOMPARE(result.output, std::string("done"));
-        });
-        QVERIFY2(ticks >= 10, qPrintable(QString::number(ticks)));
+        const QString loopRan = dir_.filePath(QStringLiteral("loop-ran"));
+        QMetaObject::invokeMethod(
+            this, [loopRan] { TestFiles::writeFile(loopRan, ""); }, Qt::QueuedConnection);
+        const CapturedProcessResult result =
+            QCoro::waitFor(runWithoutBlocking("/bin/sh", waitsForFile(loopRan, 6000)));
+        QCOMPARE(result.status, 4);
+        QCOMPARE(result.output, std::string("done"));
     }
-    // The twin: the blocking run holds the loop up for the child's whole life.
+    // The twin: the blocking run holds the loop up for the child's whole life, so the same child
+    // looks for its file in vain, and the posted event is handled only afterwards.
     void blockingRunStopsTheEventLoop() {
-        const int ticks = ticksDuring([] {
-            QCOMPARE(ProcessCapture::run("/bin/sh", {"-c", "sleep 0.6"}).status, 0);
-            QCoreApplication::processEvents();
-        });
-        QVERIFY2(ticks <= 1, qPrintable(QString::number(ticks)));
+        const QString loopRan = dir_.filePath(QStringLiteral("loop-ran-too-late"));
+        QMetaObject::invokeMethod(
+            this, [loopRan] { TestFiles::writeFile(loopRan, ""); }, Qt::QueuedConnection);
+        QCOMPARE(ProcessCapture::run("/bin/sh", waitsForFile(loopRan, 20)).status, 9);
+        QVERIFY(!QFile::exists(loopRan));
+        QCoreApplication::processEvents();
+        QVERIFY(QFile::exists(loopRan));
     }
 
     void startErrorsPassThrough() {

@@ -170,4 +170,8 @@ QString pathOf(const QString& folder, const char* name) {
     return folder + QLatin1Char('/') + QLatin1String(name) + QStringLiteral(".tar.gz");
 }
 
+QString cutEntry(const char* name) {
+    return qstrcmp(name, "truncated") == 0 ? QStringLiteral("data/noise") : QString();
+}
+
 } // namespace ArchiveCorpus

@@ -58,9 +58,16 @@ QByteArray readRequestHead(int fd, int stopFd, Clock::time_point deadline) {
     return head;
 }
 
-QByteArray pathOf(const QByteArray& head) {
+// The request's target: its path and query.
+QByteArray targetOf(const QByteArray& head) {
     const QList<QByteArray> words = head.left(head.indexOf("\r\n")).split(' ');
     return words.size() >= 2 ? words[1] : QByteArray();
+}
+
+QByteArray pathOf(const QByteArray& head) {
+    const QByteArray target = targetOf(head);
+    const qsizetype query = target.indexOf('?');
+    return query < 0 ? target : target.left(query);
 }
 
 // The value of header `name` in a request head, or empty.
@@ -228,7 +235,7 @@ void FaultServer::serveCut(int client, Clock::time_point deadline, const QByteAr
     const QByteArray ifRange = headerOf(request, "If-Range");
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        ranges_.append(range);
+        ranges_.append({targetOf(request), range});
     }
     qint64 from = 0;
     if (range.startsWith("bytes=") && range.endsWith('-') && (ifRange.isEmpty() || ifRange == etag))
@@ -275,5 +282,17 @@ QString FaultServer::fileRoot() const {
 
 QList<QByteArray> FaultServer::rangesAsked() const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return ranges_;
+    QList<QByteArray> ranges;
+    for (const auto& [target, range] : ranges_)
+        ranges.append(range);
+    return ranges;
+}
+
+QList<QByteArray> FaultServer::rangesAskedFor(const QByteArray& target) const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    QList<QByteArray> ranges;
+    for (const auto& [asked, range] : ranges_)
+        if (asked == target)
+            ranges.append(range);
+    return ranges;
 }

@@ -16,7 +16,8 @@
 // runs on its own threads, so a test can wait on a launcher while it streams. TestServer proxies
 // /fault/ to it unbuffered, which puts it behind the test CA's TLS.
 //
-// Paths (as nginx forwards them):
+// Paths (as nginx forwards them; a query after any of them is ignored, so a test can tell its own
+// requests apart):
 //   /fault/chunked/<n>        status 200, a chunked body of <n> bytes of JSON blanks, then its end
 //   /fault/endless            status 200, a chunked body that never ends
 //   /fault/longer/<n>/<m>     status 200, Content-Length <n>, then <m> bytes of body
@@ -48,6 +49,13 @@ public:
     QString fileRoot() const;
     // Every Range header /fault/cut/ was asked with, in order (empty for none).
     QList<QByteArray> rangesAsked() const;
+    // The same for the requests of `target` (path and query) alone. Each connection is served on
+    // a thread of its own, so this is the order in which those threads read the requests, which
+    // may differ from the order the client sent them on different connections: Qt sends a request
+    // whose connection dropped once more by itself at times, and that copy may be read after a
+    // later request. The order holds for a request that could only be sent once an earlier one
+    // was answered.
+    QList<QByteArray> rangesAskedFor(const QByteArray& target) const;
     // The body /fault/cut/<n>/ serves.
     static QByteArray cutBody(qint64 size);
 
@@ -70,7 +78,7 @@ private:
     std::atomic<qint64> bytesSent_{0};
     std::thread acceptor_;
     mutable std::mutex mutex_;
-    QList<QByteArray> ranges_;
+    QList<std::pair<QByteArray, QByteArray>> ranges_; // target, Range
     QString fileRoot_;
     std::vector<std::thread> connections_;
 };

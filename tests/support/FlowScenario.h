@@ -7,7 +7,8 @@
 // Runs one press of the main button in a fresh process of the calling test binary, because the
 // manifest addresses are read from the environment once per process. The parent prepares disk,
 // server and environment; the child builds a model over the real platform (quit recorded, not
-// performed), presses, and reports every status and the outcome on standard output.
+// performed), presses, and reports every status and the outcome on standard output. Its games
+// are watched and ended by a GameWatch, so whether one counts as started is its own doing.
 //
 // Child options, all from the environment:
 //   ZENTHO_TEST_BUNDLE_EXE     the launcher executable path the platform pretends to run from
@@ -20,7 +21,6 @@ struct FlowOutcome {
     int quitCount = 0;
     bool busy = false;    // at the end
     int exitCode = -1;
-    qint64 elapsedMicroseconds = 0; // from the first press until the press ended
     QString childErrors;  // the child's standard error, for failure messages
 };
 
@@ -29,7 +29,7 @@ namespace FlowScenario {
 // In main(): when this process is a scenario child, runs it and returns its exit code.
 std::optional<int> runChildIfAsked(int argc, char** argv);
 
-// Runs one scenario child with `environment` and waits for it (60 s at most).
+// Runs one scenario child with `environment` and waits for it (5 minutes at most).
 FlowOutcome run(const QProcessEnvironment& environment);
 
 } // namespace FlowScenario

@@ -1,5 +1,6 @@
 #include "LauncherBundles.h"
 
+#include "StandinGames.h"
 #include "TestFiles.h"
 
 #include <QDeadlineTimer>
@@ -7,6 +8,8 @@
 #include <QFile>
 #include <QProcess>
 #include <QTest>
+
+#include <functional>
 
 namespace LauncherBundles {
 
@@ -68,6 +71,45 @@ bool processRuns(qint64 pid) {
     const QByteArray line = stat.readAll();
     const qsizetype close = line.lastIndexOf(')');
     return close >= 0 && line.size() > close + 2 && line.at(close + 2) != 'Z';
+}
+
+namespace {
+
+// The processes whose identifier and command line pass `test`.
+QList<qint64>
+processesWhere(const std::function<bool(qint64 pid, const QList<QByteArray>& argv)>& test) {
+    QList<qint64> found;
+    for (const QString& name : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        bool number = false;
+        const qint64 pid = name.toLongLong(&number);
+        if (number &&
+            test(pid, TestFiles::readFile(QStringLiteral("/proc/%1/cmdline").arg(pid)).split('\0')))
+            found.append(pid);
+    }
+    return found;
+}
+
+} // namespace
+
+std::optional<qint64> finishScriptWaiting(const QString& scriptPath, int timeoutMs) {
+    const QByteArray script = QFile::encodeName(scriptPath);
+    std::optional<qint64> waiting;
+    [[maybe_unused]] const bool found = QTest::qWaitFor(
+        [&] {
+            for (const qint64 shell : processesWhere([&](qint64, const QList<QByteArray>& argv) {
+                     return argv.size() > 2 && argv[0] == "/bin/sh" && argv.contains(script);
+                 })) {
+                const QList<qint64> sleeping = processesWhere([&](qint64 pid,
+                                                                  const QList<QByteArray>& argv) {
+                    return StandinGames::parentProcess(pid) == shell && argv.value(0) == "sleep";
+                });
+                if (!sleeping.isEmpty())
+                    waiting = shell;
+            }
+            return waiting.has_value();
+        },
+        timeoutMs);
+    return waiting;
 }
 
 } // namespace LauncherBundles

@@ -4,6 +4,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 // Small launcher bundles for the self-update tests, and the tools that seal them.
 namespace LauncherBundles {
 
@@ -14,7 +16,7 @@ void makeFake(const QString& bundle, const QByteArray& label, const QString& rec
 // The labels recorded so far, one per start, in order.
 QByteArray recorded(const QString& recordPath);
 // Waits (processing events) up to `timeoutMs` for `recordPath` to hold `expected`.
-bool waitForRecorded(const QString& recordPath, const QByteArray& expected, int timeoutMs = 5000);
+bool waitForRecorded(const QString& recordPath, const QByteArray& expected, int timeoutMs = 60000);
 
 // The build folder the tests run from, and the signing tools and test key it holds.
 QString buildDir();
@@ -31,5 +33,11 @@ qint64 endedProcessIdentifier();
 // True while a process with this identifier exists (a zombie counts as gone).
 bool processRuns(qint64 pid);
 
+// Waits (processing events) up to `timeoutMs` until the finish script at `scriptPath` runs and
+// waits for the old launcher to go: the script's loop has found the launcher still running and
+// sleeps before it looks again, which is the only place it starts `sleep`. Until that launcher
+// ends, nothing of the swap can have happened. Returns the script's process identifier, or
+// nothing.
+std::optional<qint64> finishScriptWaiting(const QString& scriptPath, int timeoutMs = 60000);
 
 } // namespace LauncherBundles

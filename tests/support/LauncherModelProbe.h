@@ -14,6 +14,9 @@ struct LauncherModelProbe {
         m.pendingInvite_ = invite;
     }
     static void setBusy(LauncherModel& m, bool busy) { m.setBusy(busy); }
+    static void setStartupWatch(LauncherModel& m, GameLauncher::Watch watch) {
+        m.startupWatch_ = std::move(watch);
+    }
     static void setStatus(LauncherModel& m, const QString& status) { m.setStatus(status); }
     static void setDownloadProgress(LauncherModel& m, double fraction) {
         m.setDownloadProgress(fraction);

@@ -175,7 +175,8 @@ bool LauncherUpdateFixture::swapDone() {
 }
 
 bool LauncherUpdateFixture::nothingStarted() {
-    QTest::qWait(200);
+    // A finish script is written before it is started and is never removed, so where there is
+    // none, none was started, and nothing will swap or start a launcher later.
     return leftovers(QStringLiteral("finish-launcher-update-")).isEmpty() &&
            leftovers(QStringLiteral("launcher-backup-")).isEmpty() &&
            LauncherBundles::recorded(record_).isEmpty() && runningLabel() == "old\n";

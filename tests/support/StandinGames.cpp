@@ -83,6 +83,13 @@ void recorder(const QString& folder, const QString& recordPath, double duration)
                            recordingLines(recordPath) + "exec sleep " + seconds(duration) + "\n");
 }
 
+void endsWhenTold(const QString& folder, const QString& recordPath, const QString& exitSignalPath,
+                  int status) {
+    TestFiles::writeScript(
+        program(folder), recordingLines(recordPath) + "while [ ! -e " + quoted(exitSignalPath) +
+                             " ]; do sleep 0.01; done\nexit " + QByteArray::number(status) + "\n");
+}
+
 void removesItselfAndExits(const QString& folder, const QString& recordPath, int status) {
     TestFiles::writeScript(program(folder), recordingLines(recordPath) + "rm -rf " +
                                                 quoted(folder) + "\nexit " +
@@ -156,5 +163,14 @@ std::optional<char> processState(qint64 pid) {
 std::optional<qint64> parentProcess(qint64 pid) { return statNumber(pid, 1); }
 std::optional<qint64> processGroup(qint64 pid) { return statNumber(pid, 2); }
 std::optional<qint64> processSession(qint64 pid) { return statNumber(pid, 3); }
+
+bool becomesZombieWhileNobodyLooks(qint64 pid) {
+    for (int i = 0; i < 6000; ++i) {
+        if (processState(pid) == 'Z')
+            return true;
+        QThread::msleep(10);
+    }
+    return false;
+}
 
 } // namespace StandinGames

@@ -9,6 +9,9 @@
 // a game that starts fine, crashes, quits early or cannot be started at all.
 namespace StandinGames {
 
+// Long enough that a game running for it is only ever ended by the test (GameWatch does that).
+inline constexpr double untilEnded = 3600;
+
 // Exits with `status` after `seconds`.
 void exitsAfter(const QString& folder, double seconds, int status);
 // Is ended by signal `signal` (sent to itself) after `seconds`.
@@ -17,6 +20,10 @@ void killedAfter(const QString& folder, double seconds, int signal);
 void runsFor(const QString& folder, double seconds);
 // Writes what it was started with to `recordPath` (see Record), then runs for `seconds`.
 void recorder(const QString& folder, const QString& recordPath, double seconds = 1.5);
+// Writes its record like recorder(), then waits until a file exists at `exitSignalPath` and exits
+// with `status`: a game that ends when the test says so.
+void endsWhenTold(const QString& folder, const QString& recordPath, const QString& exitSignalPath,
+                  int status);
 // Writes its record like recorder(), then removes its own build folder and exits with `status`:
 // a build that is gone by the time the launcher looks again.
 void removesItselfAndExits(const QString& folder, const QString& recordPath, int status);
@@ -41,7 +48,7 @@ struct Record {
     QString stdoutTarget;   // where its standard output goes (the /proc fd link)
 };
 // Waits (processing events) up to `timeoutMs` for the record at `recordPath` to be complete.
-std::optional<Record> waitForRecord(const QString& recordPath, int timeoutMs = 5000);
+std::optional<Record> waitForRecord(const QString& recordPath, int timeoutMs = 30000);
 
 // The state letter of a process from /proc/<pid>/stat ('R', 'S', 'Z', ...), or none when the
 // process no longer exists.
@@ -50,5 +57,8 @@ std::optional<char> processState(qint64 pid);
 std::optional<qint64> processSession(qint64 pid);
 std::optional<qint64> processGroup(qint64 pid);
 std::optional<qint64> parentProcess(qint64 pid);
+// Blocks, without running the event loop, until the process is a zombie (has ended and has not
+// been collected); false when that takes more than a minute.
+bool becomesZombieWhileNobodyLooks(qint64 pid);
 
 } // namespace StandinGames

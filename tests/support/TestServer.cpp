@@ -14,8 +14,11 @@
 #include <QTcpSocket>
 #include <QThread>
 
+#include <csignal>
 #include <memory>
 #include <stdexcept>
+
+#include <sys/prctl.h>
 
 namespace {
 
@@ -142,13 +145,16 @@ bool TestServer::tryStart(QString& failure) {
     QFile::remove(prefix_.filePath(QStringLiteral("logs/error.log")));
 
     nginx_.setProcessChannelMode(QProcess::MergedChannels);
+    // nginx goes with the test even when the test is killed (a ctest timeout) before it can stop
+    // it, so no test leaves a server running.
+    nginx_.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
     nginx_.start(nginxProgram, {"-p", prefix_.path(), "-c", conf, "-e",
                                 prefix_.filePath(QStringLiteral("logs/error.log"))});
-    if (!nginx_.waitForStarted(5000)) {
+    if (!nginx_.waitForStarted(60000)) {
         failure = nginx_.errorString();
         return false;
     }
-    const QDeadlineTimer deadline(10000);
+    const QDeadlineTimer deadline(60000);
     while (!deadline.hasExpired()) {
         if (nginx_.state() == QProcess::NotRunning || nginx_.waitForFinished(50)) {
             failure = QString::fromLocal8Bit(nginx_.readAll()) + errorLog();
@@ -157,7 +163,7 @@ bool TestServer::tryStart(QString& failure) {
         if (accepts(httpsPort_) && accepts(httpPort_))
             return true;
     }
-    failure = QStringLiteral("nginx did not listen within 10 s: ") + errorLog();
+    failure = QStringLiteral("nginx did not listen within a minute: ") + errorLog();
     nginx_.kill();
     nginx_.waitForFinished(5000);
     return false;
@@ -195,7 +201,8 @@ QString TestServer::configuration() const {
         "        location ^~ /redirect/http/ {\n"
         "            rewrite ^/redirect/http/(.*)$ " + httpBase + "/$1 redirect;\n"
         "        }\n"
-        "        location = /redirect/loop { return 302 $scheme://$http_host/redirect/loop; }\n";
+        "        location = /redirect/loop { return 302 $scheme://$http_host/redirect/loop; }\n"
+        "        location ^~ /mark/ { return 204; }\n";
     for (const char* code : {"200", "204", "206", "304", "404", "407", "500"}) {
         const QString c = QString::fromLatin1(code);
         locations += "        location ^~ /status/" + c + "/ {\n"
@@ -247,11 +254,11 @@ void TestServer::primeTruncatedFile() {
     ssl.setCaCertificates(QSslCertificate::fromPath(caPath()));
     socket.setSslConfiguration(ssl);
     socket.connectToHostEncrypted(loopback, httpsPort_);
-    if (!socket.waitForEncrypted(10000))
+    if (!socket.waitForEncrypted(60000))
         fail(QStringLiteral("could not prime /truncated: ") + socket.errorString());
     socket.write("GET /truncated HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
     QByteArray answer;
-    while (socket.waitForReadyRead(10000))
+    while (socket.waitForReadyRead(60000))
         answer += socket.readAll();
     answer += socket.readAll();
     if (!answer.startsWith("HTTP/1.1 200") || answer.size() < truncatedContentLength())
@@ -322,6 +329,24 @@ QString TestServer::accessLog() const {
     if (!file.open(QIODevice::ReadOnly))
         return {};
     return QString::fromLocal8Bit(file.readAll());
+}
+
+void TestServer::awaitLogged() const {
+    static int serial = 0;
+    const QByteArray mark = "/mark/" + QByteArray::number(++serial);
+    QTcpSocket socket;
+    socket.connectToHost(loopback, httpPort_);
+    if (!socket.waitForConnected(60000))
+        fail(QStringLiteral("could not mark the access log: ") + socket.errorString());
+    socket.write("GET " + mark + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n");
+    while (socket.waitForReadyRead(60000)) // until nginx has answered and closed
+        socket.readAll();
+    const QDeadlineTimer deadline(60000);
+    while (!accessLog().contains(QString::fromLatin1("\"GET " + mark + " "))) {
+        if (deadline.hasExpired())
+            fail(QStringLiteral("nginx did not log ") + QString::fromLatin1(mark));
+        QThread::msleep(5);
+    }
 }
 
 QList<TestServer::Served> TestServer::servedFor(const QString& path) const {

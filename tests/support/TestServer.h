@@ -33,6 +33,7 @@ class FaultServer;
 //   /redirect/https/<path>  302 to url(<path>) (https)
 //   /redirect/http/<path>   302 to httpUrl(<path>) (a step down to plain http)
 //   /redirect/loop          302 to itself, forever
+//   /mark/<anything>        204: a request that only marks the access log (see awaitLogged())
 //   /fault/...              FaultServer's bodies, passed through unbuffered (see FaultServer.h)
 // HTTPS only:
 //   /truncated              status 200, Content-Length 1048576, connection closed after at
@@ -81,6 +82,13 @@ public:
     // nginx's access log so far: one line per request, with its request line, status, body
     // bytes sent, Range and If-Range.
     QString accessLog() const;
+    // Returns once the access log holds the line of every request nginx answered before the call.
+    // A client has an answer as soon as nginx has sent it, but nginx writes the line only after
+    // that, so right after a transfer its line may be missing yet; this sends a request of its own
+    // and waits for that request's line. nginx runs as one process that handles one event at a
+    // time and writes a request's line in the same turn as the last of its answer, so the lines
+    // of everything answered before are in the log by then.
+    void awaitLogged() const;
     // The GETs of `path` the access log holds so far, in order.
     struct Served {
         QString range; // empty when none was asked for

@@ -1,5 +1,6 @@
 #include "WindowFixture.h"
 
+#include "LauncherModelProbe.h"
 #include "TestFiles.h"
 
 #include <QAccessible>
@@ -22,6 +23,7 @@ WindowFixture::WindowFixture(const QStringList& savedVersions) {
     for (const QString& version : savedVersions)
         TestFiles::makeBuild(home.versionsRoot() + QLatin1Char('/') + version);
     model = std::make_unique<LauncherModel>(platform);
+    LauncherModelProbe::setStartupWatch(*model, games.watch());
     window = std::make_unique<MainWindow>(*model, platform);
     window->show();
     QVERIFY(QTest::qWaitForWindowExposed(window->window()));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "GameWatch.h"
 #include "RecordingPlatform.h"
 #include "ScopedDataHome.h"
 #include "model/LauncherModel.h"
@@ -15,7 +16,8 @@
 class QQuickItem;
 
 // One launcher window on a private data folder, shown offscreen, with the given builds saved
-// in the versions folder. The platform records quits and clipboard writes.
+// in the versions folder. The platform records quits and clipboard writes; the games the window
+// starts are watched by `games` (see GameWatch) and ended with the fixture.
 struct WindowFixture {
     static const QString kBundleExe;
 
@@ -33,6 +35,7 @@ struct WindowFixture {
     QImage grab() const;
 
     ScopedDataHome home;
+    GameWatch games;
     RecordingPlatform platform{kBundleExe, {kBundleExe}};
     std::unique_ptr<LauncherModel> model;
     std::unique_ptr<MainWindow> window;

@@ -144,18 +144,18 @@ private slots:
         QCOMPARE(seen.value(0), QStringLiteral("Checking launcher version..."));
         // No manifest and no seed build at this made-up bundle: the flow ends in a failure, and
         // the button is ready for the next key.
-        QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 60000);
         QVERIFY(f.model->status().startsWith(QStringLiteral("Update failed: ")));
         QTRY_COMPARE(focusedName(f), QStringLiteral("updateAndPlayButton"));
         seen.clear();
         press(f, Qt::Key_Enter);
         QCOMPARE(seen.value(0), QStringLiteral("Checking launcher version..."));
-        QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 60000);
         QTRY_COMPARE(focusedName(f), QStringLiteral("updateAndPlayButton"));
         seen.clear();
         press(f, Qt::Key_Space);
         QCOMPARE(seen.value(0), QStringLiteral("Checking launcher version..."));
-        QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 60000);
     }
 
     void returnEnterAndSpacePressPlayThisVersion() {
@@ -170,7 +170,7 @@ private slots:
             seen.clear();
             press(f, key);
             QCOMPARE(seen.value(0), QStringLiteral("Starting ZENTHO 0.2.0..."));
-            QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 10000);
+            QTRY_VERIFY_WITH_TIMEOUT(!f.model->busy(), 60000);
             QTRY_COMPARE(focusedName(f), QStringLiteral("playInstalledButton"));
         }
     }

@@ -6,12 +6,13 @@
 
 #include "errors/FileError.h"
 #include "platform/FileManager.h"
+#include "process/ChildReaper.h"
 #include "update/FinishScript.h"
 
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -53,17 +54,41 @@ struct SwapFixture {
         return TestFiles::readFile(bundle + QStringLiteral("/Contents/Resources/label.txt"));
     }
 
-    // Runs the script to its end; returns its exit code, or -1 when it did not finish in time.
-    int run(qint64 pid, const QString& stagedPath, const QString& backupPath, int timeoutMs = 10000,
+    // Starts the script as the launcher does, but traced (sh -x): every command it runs is
+    // written to its standard error before it runs, so once it has ended the trace says all it
+    // did, and what it did not.
+    void start(QProcess& sh, qint64 pid, const QString& stagedPath, const QString& backupPath,
+               const QStringList& more = {}) const {
+        sh.start(QStringLiteral("/bin/sh"),
+                 QStringList{QStringLiteral("-x"), script, QString::number(pid), stagedPath, target,
+                             backupPath} +
+                     more);
+    }
+    // Runs the script to its end; returns its exit code, or -1 when it did not finish.
+    int run(qint64 pid, const QString& stagedPath, const QString& backupPath,
             const QStringList& more = {}) {
         QProcess sh;
-        sh.start(QStringLiteral("/bin/sh"),
-                 QStringList{script, QString::number(pid), stagedPath, target, backupPath} + more);
-        if (!sh.waitForFinished(timeoutMs) || sh.exitStatus() != QProcess::NormalExit)
+        start(sh, pid, stagedPath, backupPath, more);
+        const bool finished = sh.waitForFinished(60000);
+        trace = QString::fromLocal8Bit(sh.readAllStandardError()).split(QLatin1Char('\n'));
+        if (!finished || sh.exitStatus() != QProcess::NormalExit)
             return -1;
         return sh.exitCode();
     }
+    // The commands of the last run() that ran `program`.
+    QStringList tracedRuns(const QString& program) const {
+        return trace.filter(QRegularExpression(QStringLiteral("^\\+ ") +
+                                               QRegularExpression::escape(program) +
+                                               QStringLiteral("( |$)")));
+    }
+
+    QStringList trace;
 };
+
+// A launcher that runs until the test ends it.
+void startRunningLauncher(QProcess& launcher) {
+    launcher.start(QStringLiteral("/bin/sleep"), {QStringLiteral("3600")});
+}
 
 // Files under /proc report a size of 0, so they are read until the end instead.
 QByteArray procFile(const QString& path) {
@@ -114,35 +139,45 @@ private slots:
         QVERIFY(FinishScript::textForThisPlatform() != kMacScript);
     }
 
+    void cleanup() {
+        // The scripts writeAndStart() started end, and are collected, before their folder goes.
+        QTRY_COMPARE_WITH_TIMEOUT(ChildReaper::pendingCount(), 0, 60000);
+    }
+
+    // The launcher is gone before the script looks: it swaps without ever waiting.
     void endedProcessSwapsAtOnceAndStartsTheNewLauncher() {
         SwapFixture f;
-        QElapsedTimer clock;
-        clock.start();
         QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), f.staged, f.backup), 0);
-        QVERIFY2(clock.elapsed() < 2000, "the script waited for a process that had ended");
+        QVERIFY2(f.tracedRuns(QStringLiteral("sleep")).isEmpty(), qPrintable(f.trace.join('\n')));
+        QCOMPARE(f.tracedRuns(QStringLiteral("/usr/bin/setsid")).size(), 1);
         QCOMPARE(f.labelAt(f.target), QByteArray("new\n"));
         QCOMPARE(f.labelAt(f.backup), QByteArray("old\n"));
         QVERIFY(!QFileInfo::exists(f.staged));
         QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n"));
     }
 
+    // The twin: while the launcher runs, the script waits, and nothing moves until it has gone.
     void runningProcessIsWaitedFor() {
         SwapFixture f;
         QProcess launcher;
-        launcher.start(QStringLiteral("/bin/sleep"), {QStringLiteral("1.5")});
+        startRunningLauncher(launcher);
         QVERIFY(launcher.waitForStarted());
         QProcess sh;
-        sh.start(QStringLiteral("/bin/sh"), {f.script, QString::number(launcher.processId()),
-                                             f.staged, f.target, f.backup});
+        f.start(sh, launcher.processId(), f.staged, f.backup);
         QVERIFY(sh.waitForStarted());
-        QTest::qWait(700);
-        // The old launcher still runs: nothing has moved and nothing was started.
-        QCOMPARE(sh.state(), QProcess::Running);
+        QCOMPARE(LauncherBundles::finishScriptWaiting(f.script),
+                 std::optional<qint64>(sh.processId()));
+        // The script has seen the old launcher running: nothing has moved and nothing was started.
         QCOMPARE(f.labelAt(f.target), QByteArray("old\n"));
         QVERIFY(QFileInfo::exists(f.staged));
+        QVERIFY(!QFileInfo::exists(f.backup));
+        QCOMPARE(sh.state(), QProcess::Running);
+        QVERIFY(
+            !QString::fromLocal8Bit(sh.readAllStandardError()).contains(QStringLiteral("setsid")));
         QVERIFY(LauncherBundles::recorded(f.record).isEmpty());
-        QVERIFY(launcher.waitForFinished(5000));
-        QVERIFY(sh.waitForFinished(5000));
+        launcher.kill();
+        QVERIFY(launcher.waitForFinished(60000));
+        QVERIFY(sh.waitForFinished(60000));
         QCOMPARE(sh.exitCode(), 0);
         QCOMPARE(f.labelAt(f.target), QByteArray("new\n"));
         QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n"));
@@ -154,7 +189,9 @@ private slots:
         QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), f.staged, unreachable), 1);
         QCOMPARE(f.labelAt(f.target), QByteArray("old\n"));
         QCOMPARE(f.labelAt(f.staged), QByteArray("new\n"));
-        QTest::qWait(500);
+        // The script has ended without starting a launcher, so nothing will write the record.
+        QVERIFY2(f.tracedRuns(QStringLiteral("/usr/bin/setsid")).isEmpty(),
+                 qPrintable(f.trace.join('\n')));
         QVERIFY(LauncherBundles::recorded(f.record).isEmpty());
     }
 
@@ -162,6 +199,7 @@ private slots:
         SwapFixture f;
         const QString missing = f.dir.path() + QStringLiteral("/launcher-staging-Y/ZenthoLauncher.app");
         QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), missing, f.backup), 1);
+        QCOMPARE(f.tracedRuns(QStringLiteral("/usr/bin/setsid")).size(), 1);
         QCOMPARE(f.labelAt(f.target), QByteArray("old\n"));
         QVERIFY(!QFileInfo::exists(f.backup));
         QVERIFY(LauncherBundles::waitForRecorded(f.record, "old\n"));
@@ -170,7 +208,7 @@ private slots:
     void writeAndStartRunsTheScriptDetachedFromOurOutput() {
         SwapFixture f;
         QProcess launcher;
-        launcher.start(QStringLiteral("/bin/sleep"), {QStringLiteral("1")});
+        startRunningLauncher(launcher);
         QVERIFY(launcher.waitForStarted());
         const QString script = f.dir.path() + QStringLiteral("/finish-launcher-update-X.sh");
         const pid_t pid = FinishScript::writeAndStart(FileManager::defaultManager(), script,
@@ -188,7 +226,7 @@ private slots:
                 commandLine = procFile(QStringLiteral("/proc/%1/cmdline").arg(pid));
                 return commandLine.startsWith("/bin/sh");
             },
-            5000));
+            60000));
         QCOMPARE(commandLine.split('\0').mid(0, 6),
                  (QList<QByteArray>{"/bin/sh", QFile::encodeName(script),
                                     QByteArray::number(launcher.processId()),
@@ -200,17 +238,20 @@ private slots:
                  QStringLiteral("/dev/null"));
         // Once the launcher has gone, the swap happens and the script is collected, not left
         // behind as a zombie.
-        QVERIFY(launcher.waitForFinished(5000));
-        QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n"));
+        QCOMPARE(LauncherBundles::finishScriptWaiting(script), std::optional<qint64>(pid));
+        QCOMPARE(f.labelAt(f.target), QByteArray("old\n"));
+        launcher.kill();
+        QVERIFY(launcher.waitForFinished(60000));
+        QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n", 60000));
         QCOMPARE(f.labelAt(f.target), QByteArray("new\n"));
-        QVERIFY(QTest::qWaitFor([&] { return !QFileInfo::exists(QStringLiteral("/proc/%1").arg(pid)); },
-                                5000));
+        QVERIFY(QTest::qWaitFor(
+            [&] { return !QFileInfo::exists(QStringLiteral("/proc/%1").arg(pid)); }, 60000));
     }
 
     void theNewLauncherFollowsTheInviteWhateverItBeginsWith() {
         SwapFixture f;
         const QString invite = QStringLiteral("-zentho://join/a b *  $HOME");
-        QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), f.staged, f.backup, 10000, {invite}), 0);
+        QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), f.staged, f.backup, {invite}), 0);
         QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n--\n" + invite.toUtf8() + "\n"));
     }
 
@@ -218,14 +259,14 @@ private slots:
         SwapFixture f;
         const QString missing = f.dir.path() + QStringLiteral("/launcher-staging-Y/ZenthoLauncher.app");
         const QString invite = QStringLiteral("zentho://join/abc");
-        QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), missing, f.backup, 10000, {invite}), 1);
+        QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), missing, f.backup, {invite}), 1);
         QVERIFY(LauncherBundles::waitForRecorded(f.record, "old\n--\n" + invite.toUtf8() + "\n"));
     }
 
     void withoutAnInviteTheLauncherGetsNoArguments() {
         for (const QStringList& more : {QStringList{}, QStringList{QString()}}) {
             SwapFixture f;
-                QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), f.staged, f.backup, 10000, more), 0);
+            QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), f.staged, f.backup, more), 0);
             QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n"));
         }
     }
@@ -253,7 +294,8 @@ private slots:
                                  FinishScript::writeAndStart(FileManager::defaultManager(), script,
                                                              LauncherBundles::endedProcessIdentifier(),
                                                              f.staged, f.target, f.backup));
-        QTest::qWait(500);
+        // A script is adopted by the reaper as it is started, before the call returns.
+        QCOMPARE(ChildReaper::pendingCount(), 0);
         QCOMPARE(f.labelAt(f.target), QByteArray("old\n"));
         QVERIFY(LauncherBundles::recorded(f.record).isEmpty());
     }

@@ -1,4 +1,5 @@
 #include "InstallSandbox.h"
+#include "TestRequirements.h"
 
 // The two ways an install goes (a full install and a record of a build already on disk) and
 // what each leaves in the launcher's storage.
@@ -6,7 +7,10 @@ class TestGameInstaller : public InstallSandbox {
     Q_OBJECT
 
 private slots:
-    void initTestCase() { startServer(); }
+    void initTestCase() {
+        ZENTHO_REQUIRE(nginx);
+        startServer();
+    }
     void init() { setUpSandbox(); }
     void cleanup() { tearDownSandbox(); }
 

@@ -1,4 +1,5 @@
 #include "InstallSandbox.h"
+#include "TestRequirements.h"
 #include "TreeSnapshot.h"
 
 #include "formats/ChunkStore.h"
@@ -150,7 +151,10 @@ class TestGameInstallerChunks : public InstallSandbox {
     }
 
 private slots:
-    void initTestCase() { startServer(); }
+    void initTestCase() {
+        ZENTHO_REQUIRE(nginx);
+        startServer();
+    }
     void init() { setUpSandbox(); }
     void cleanup() { tearDownSandbox(); }
 

@@ -1,4 +1,5 @@
 #include "InstallSandbox.h"
+#include "TestRequirements.h"
 
 #include <QRandomGenerator>
 
@@ -8,7 +9,10 @@ class TestInstallRefusals : public InstallSandbox {
     Q_OBJECT
 
 private slots:
-    void initTestCase() { startServer(); }
+    void initTestCase() {
+        ZENTHO_REQUIRE(nginx);
+        startServer();
+    }
     void init() { setUpSandbox(); }
     void cleanup() { tearDownSandbox(); }
 

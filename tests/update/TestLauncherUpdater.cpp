@@ -5,6 +5,7 @@
 #include "LauncherUpdateFixture.h"
 #include "TestArchives.h"
 #include "TestFiles.h"
+#include "TestRequirements.h"
 #include "TestServer.h"
 
 #include "errors/LauncherError.h"
@@ -12,6 +13,7 @@
 #include "identity/LauncherVersion.h"
 #include "net/HttpClient.h"
 #include "platform/FileManager.h"
+#include "process/ChildReaper.h"
 #include "update/FinishScript.h"
 #include "update/LauncherUpdater.h"
 
@@ -50,6 +52,7 @@ private:
 
 private slots:
     void initTestCase() {
+        ZENTHO_REQUIRE(nginx);
         TestServer::trustInThisProcess();
         try {
             server_ = std::make_unique<TestServer>();
@@ -62,8 +65,8 @@ private slots:
     void init() { f_ = std::make_unique<LauncherUpdateFixture>(*server_); }
 
     void cleanup() {
-        // Let a script that is still swapping finish before its folder goes.
-        QTest::qWait(100);
+        // A script that is still swapping finishes, and is collected, before its folder goes.
+        QTRY_COMPARE_WITH_TIMEOUT(ChildReaper::pendingCount(), 0, 60000);
         f_.reset();
     }
 
@@ -89,8 +92,8 @@ private slots:
     }
 
     void olderVersionIsInstalledAndSwappedAfterTheLauncherEnds() {
-        QProcess running;
-        running.start(QStringLiteral("/bin/sleep"), {QStringLiteral("1")});
+        QProcess running; // the old launcher, until the test ends it
+        running.start(QStringLiteral("/bin/sleep"), {QStringLiteral("3600")});
         QVERIFY(running.waitForStarted());
         f().platform().pid = running.processId();
 
@@ -111,9 +114,11 @@ private slots:
         QCOMPARE(TestFiles::readFile(script), FinishScript::textForThisPlatform());
 
         // Until the old launcher has gone, nothing moves.
-        QTest::qWait(300);
+        QVERIFY(LauncherBundles::finishScriptWaiting(script));
         QCOMPARE(f().runningLabel(), QByteArray("old\n"));
-        QVERIFY(running.waitForFinished(5000));
+        QVERIFY(f().leftovers(QStringLiteral("launcher-backup-")).isEmpty());
+        running.kill();
+        QVERIFY(running.waitForFinished(60000));
         QVERIFY(f().swapDone());
 
         const QStringList backups = f().leftovers(QStringLiteral("launcher-backup-"));

@@ -3,33 +3,13 @@
 #include "errors/LauncherError.h"
 #include "launch/GameProcess.h"
 
-#include <QTimer>
-
-#include <QCoroTimer>
-
-namespace {
-
-// Sleeps without blocking the event loop until at least `duration` has passed on the monotonic
-// clock. A precise timer, because Qt's default timers may fire up to 5% early, and a re-check
-// of the clock, so the watch is never cut short.
-QCoro::Task<void> sleepAtLeast(std::chrono::milliseconds duration) {
-    using namespace std::chrono;
-    const auto deadline = steady_clock::now() + duration;
-    for (;;) {
-        const auto left = ceil<milliseconds>(deadline - steady_clock::now());
-        if (left <= milliseconds::zero())
-            co_return;
-        QTimer timer;
-        timer.setTimerType(Qt::PreciseTimer);
-        timer.setSingleShot(true);
-        timer.start(left);
-        co_await timer;
-    }
-}
-
-} // namespace
-
 namespace GameLauncher {
+
+Watch monotonicWatch(std::chrono::milliseconds duration, WaitClock clock) {
+    // Not a coroutine itself: the sleep's frame keeps its own copies, whatever becomes of this
+    // function object.
+    return [duration, clock](pid_t) { return sleepAtLeast(duration, clock); };
+}
 
 QString programPath(const QString& runtimeFolder, const QString& executable) {
     if (runtimeFolder.endsWith(QLatin1Char('/')))
@@ -37,11 +17,12 @@ QString programPath(const QString& runtimeFolder, const QString& executable) {
     return runtimeFolder + QLatin1Char('/') + executable;
 }
 
-QCoro::Task<void> launch(QString runtimeFolder, QString executable, std::optional<QString> invite) {
+QCoro::Task<void> launch(QString runtimeFolder, QString executable, std::optional<QString> invite,
+                         Watch watch) {
     const QStringList arguments = invite ? QStringList{*invite} : QStringList{};
     GameProcess game =
         GameProcess::start(programPath(runtimeFolder, executable), runtimeFolder, arguments);
-    co_await sleepAtLeast(startupWatch);
+    co_await watch(game.pid());
     if (const auto status = game.endedStatus())
         throw LauncherError::gameExited(*status);
     // Still running: it has started. Letting go of `game` hands it to the background reaper.

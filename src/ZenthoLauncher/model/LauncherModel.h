@@ -1,6 +1,7 @@
 #pragma once
 
 #include "formats/ReleaseManifest.h"
+#include "launch/GameLauncher.h"
 #include "model/InstalledBuildList.h"
 #include "net/HttpClient.h"
 #include "storage/InstalledBuild.h"
@@ -146,6 +147,9 @@ private:
     HttpClient http_;
     QString seedRuntime_;
     std::optional<QString> pendingInvite_;
+    // Every game the model starts is watched by this: the launcher's own watch, which the tests
+    // replace.
+    GameLauncher::Watch startupWatch_ = GameLauncher::monotonicWatch();
     StorageLayout layout_;
     double downloadProgress_ = -1;
     QString downloadCaption_;

@@ -16,7 +16,8 @@ const QString kInstalledExecutable = QStringLiteral("zentho");
 
 QCoro::Task<void> LauncherModel::launch(QUrl runtime, QString executable) {
     // Read now, as the game is started: an invite opened before this moment goes to this game.
-    co_await GameLauncher::launch(runtime.toLocalFile(), std::move(executable), pendingInvite_);
+    co_await GameLauncher::launch(runtime.toLocalFile(), std::move(executable), pendingInvite_,
+                                  startupWatch_);
 }
 
 void LauncherModel::playSelectedInstalledBuild() {
