@@ -11,6 +11,7 @@ class LauncherStorage {
 public:
     explicit LauncherStorage(QString dataHome) : dataHome_(std::move(dataHome)) {}
 
+    QString dataHome() const { return dataHome_; }
     QString root() const { return dataHome_ + QStringLiteral("/Zentho/launcher"); }
     QString versions() const { return root() + QStringLiteral("/versions"); }
     QString build(const QString& version) const { return versions() + QLatin1Char('/') + version; }
