@@ -82,40 +82,109 @@ QString XvfbSession::windowProperty(const QString& window, const QString& proper
     return QString::fromUtf8(xprop.readAllStandardOutput()).trimmed();
 }
 
+namespace {
+
+// Xlib and XTEST, loaded by name: the machine has their libraries but no headers.
+class XLibrary {
+public:
+    XLibrary()
+        : x11_(::dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL)), xtst_(::dlopen("libXtst.so.6", RTLD_NOW | RTLD_LOCAL)) {}
+    ~XLibrary() {
+        if (xtst_)
+            ::dlclose(xtst_);
+        if (x11_)
+            ::dlclose(x11_);
+    }
+    XLibrary(const XLibrary&) = delete;
+    XLibrary& operator=(const XLibrary&) = delete;
+
+    template <typename Function> Function x11(const char* name) const {
+        return x11_ ? reinterpret_cast<Function>(::dlsym(x11_, name)) : nullptr;
+    }
+    template <typename Function> Function xtst(const char* name) const {
+        return xtst_ ? reinterpret_cast<Function>(::dlsym(xtst_, name)) : nullptr;
+    }
+
+private:
+    void* x11_;
+    void* xtst_;
+};
+
+using OpenDisplay = void* (*)(const char*);
+using CloseDisplay = int (*)(void*);
+// XSync: returns once the server has handled every request sent before it.
+using Sync = int (*)(void*, int);
+
+// Xlib's XClientMessageEvent, as its header lays it out.
+struct ClientMessage {
+    int type;
+    unsigned long serial;
+    int sendEvent;
+    void* display;
+    unsigned long window;
+    unsigned long messageType;
+    int format;
+    long data[5];
+};
+// Xlib's XEvent is a union padded to 24 longs.
+union Event {
+    ClientMessage message;
+    long pad[24];
+};
+constexpr int kClientMessage = 33;
+
+} // namespace
+
 bool XvfbSession::click(QPoint point) const {
-    // Xlib and XTEST are loaded by name: the machine has their libraries but no headers.
-    using OpenDisplay = void* (*)(const char*);
-    using CloseDisplay = int (*)(void*);
-    using Flush = int (*)(void*);
     using FakeMotion = int (*)(void*, int, int, int, unsigned long);
     using FakeButton = int (*)(void*, unsigned int, int, unsigned long);
-    void* x11 = ::dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL);
-    void* xtst = ::dlopen("libXtst.so.6", RTLD_NOW | RTLD_LOCAL);
-    bool clicked = false;
-    if (x11 && xtst) {
-        const auto open = reinterpret_cast<OpenDisplay>(::dlsym(x11, "XOpenDisplay"));
-        const auto close = reinterpret_cast<CloseDisplay>(::dlsym(x11, "XCloseDisplay"));
-        const auto flush = reinterpret_cast<Flush>(::dlsym(x11, "XFlush"));
-        const auto motion = reinterpret_cast<FakeMotion>(::dlsym(xtst, "XTestFakeMotionEvent"));
-        const auto button = reinterpret_cast<FakeButton>(::dlsym(xtst, "XTestFakeButtonEvent"));
-        if (open && close && flush && motion && button) {
-            if (void* display = open(display_.toLocal8Bit().constData())) {
-                motion(display, -1, point.x(), point.y(), 0);
-                flush(display);
-                QTest::qWait(100);
-                button(display, 1, 1, 0);
-                flush(display);
-                QTest::qWait(50);
-                button(display, 1, 0, 0);
-                flush(display);
-                close(display);
-                clicked = true;
-            }
-        }
-    }
-    if (xtst)
-        ::dlclose(xtst);
-    if (x11)
-        ::dlclose(x11);
-    return clicked;
+    const XLibrary library;
+    const auto open = library.x11<OpenDisplay>("XOpenDisplay");
+    const auto close = library.x11<CloseDisplay>("XCloseDisplay");
+    const auto sync = library.x11<Sync>("XSync");
+    const auto motion = library.xtst<FakeMotion>("XTestFakeMotionEvent");
+    const auto button = library.xtst<FakeButton>("XTestFakeButtonEvent");
+    if (!open || !close || !sync || !motion || !button)
+        return false;
+    void* display = open(display_.toLocal8Bit().constData());
+    if (!display)
+        return false;
+    // The server handles one client's requests in order: the press lands where the pointer was
+    // moved, and the release after the press, with no pause between them.
+    motion(display, -1, point.x(), point.y(), 0);
+    button(display, 1, 1, 0);
+    button(display, 1, 0, 0);
+    sync(display, 0);
+    close(display);
+    return true;
+}
+
+bool XvfbSession::askToClose(const QString& window) const {
+    using InternAtom = unsigned long (*)(void*, const char*, int);
+    using SendEvent = int (*)(void*, unsigned long, int, long, Event*);
+    const XLibrary library;
+    const auto open = library.x11<OpenDisplay>("XOpenDisplay");
+    const auto close = library.x11<CloseDisplay>("XCloseDisplay");
+    const auto sync = library.x11<Sync>("XSync");
+    const auto intern = library.x11<InternAtom>("XInternAtom");
+    const auto send = library.x11<SendEvent>("XSendEvent");
+    bool number = false;
+    const unsigned long id = window.toULong(&number, 0);
+    if (!open || !close || !sync || !intern || !send || !number)
+        return false;
+    void* display = open(display_.toLocal8Bit().constData());
+    if (!display)
+        return false;
+    // What a window manager sends when the player clicks the window's close button.
+    Event event{};
+    event.message.type = kClientMessage;
+    event.message.window = id;
+    event.message.messageType = intern(display, "WM_PROTOCOLS", 0);
+    event.message.format = 32;
+    event.message.data[0] = long(intern(display, "WM_DELETE_WINDOW", 0));
+    event.message.data[1] = 0; // CurrentTime
+    const bool sent = send(display, id, 0, 0, &event) != 0;
+    sync(display, 0);
+    close(display);
+    return sent;
 }

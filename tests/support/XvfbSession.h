@@ -32,6 +32,9 @@ public:
                            const QString& format = {}) const;
     // A left click at `point` in screen pixels. False when the display or XTEST is unavailable.
     bool click(QPoint point) const;
+    // Asks the window with X id `window` to close, as a window manager does for its close
+    // button (WM_DELETE_WINDOW). False when the display is unavailable.
+    bool askToClose(const QString& window) const;
 
 private:
     // The first match of `title`'s window line in the tree of windows: its id, size and position.
