@@ -61,6 +61,10 @@ std::optional<int> RealLauncher::waitForExit(int timeoutMs) {
     return process_.exitCode();
 }
 
+bool RealLauncher::stillRunningAfter(int timeoutMs) {
+    return !process_.waitForFinished(timeoutMs) && process_.state() != QProcess::NotRunning;
+}
+
 qint64 RealLauncher::launcherPid(int timeoutMs) const {
     // Every program on the way (unshare, sh, a wrapper) executes the next in the same process,
     // which ends up as the launcher; other tests' launchers of the same bundle are not it.
