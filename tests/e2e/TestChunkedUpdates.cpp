@@ -7,6 +7,8 @@
 
 #include "ChunkTraffic.h"
 #include "LauncherBundles.h"
+#include "LauncherStorage.h"
+#include "TestRequirements.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "TestArchives.h"
@@ -81,7 +83,7 @@ class TestChunkedUpdates : public QObject {
 
     QString path(const QString& name) const { return dir_->filePath(name); }
     QString data() const { return path(QStringLiteral("data")); }
-    QString root() const { return data() + QStringLiteral("/Zentho/launcher"); }
+    QString root() const { return LauncherStorage(data()).root(); }
     QString build(const QString& version) const { return root() + QStringLiteral("/versions/") + version; }
     QString record() const { return path(QStringLiteral("record")); }
     QString www() const { return server_->documentRoot(); }
@@ -123,16 +125,14 @@ class TestChunkedUpdates : public QObject {
         TestFiles::writeFile(folder + QStringLiteral("/data/maps/arena.map"), TestFiles::randomBytes(500000, 12));
     }
     Run packAndPublish(const QString& version) {
-        const Run packed = ReleaseTool::packGame(
+        const Run packed = ReleaseTool::packGameWithChunks(
             path(QStringLiteral("game-") + version), version, server_->url(QStringLiteral("/builds")).toString(),
-            path(QStringLiteral("out-") + version),
-            {QStringLiteral("--chunks"), path(QStringLiteral("store")), QStringLiteral("--chunks-url"),
-             server_->url(QStringLiteral("/chunks")).toString()});
+            path(QStringLiteral("out-") + version), path(QStringLiteral("store")),
+            server_->url(QStringLiteral("/chunks")).toString());
         if (!packed.ok())
             return packed;
         const Run published =
-            ReleaseTool::run({QStringLiteral("publish"), QStringLiteral("--to"), www(), QStringLiteral("--chunks"),
-                              path(QStringLiteral("store")), packed.line(QStringLiteral("manifest"))});
+            ReleaseTool::publishWithChunks(www(), path(QStringLiteral("store")), packed.line(QStringLiteral("manifest")));
         return published.ok() ? packed : published;
     }
     // Serves `manifest` and returns its address.
@@ -165,7 +165,7 @@ class TestChunkedUpdates : public QObject {
         return cwd < 0 ? QString() : QFile::decodeName(recorded.mid(cwd + 4, recorded.indexOf('\n', cwd) - cwd - 4));
     }
     QList<Get> getsSinceStart() const { return getsIn(server_->accessLog().mid(logMark_)); }
-    QSet<QString> keptChunks() const { return setOf(QDir(root() + QStringLiteral("/chunks")).entryList(QDir::Files)); }
+    QSet<QString> keptChunks() const { return setOf(QDir(LauncherStorage(data()).chunks()).entryList(QDir::Files)); }
     // 0.3.1 is exactly the archive's build, and nothing of the way there is left in the storage.
     void verifyInstalled031() {
         QCOMPARE(TreeSnapshot::of(build(k031), TreeSnapshot::Times::ignored), expected_);
@@ -182,6 +182,8 @@ class TestChunkedUpdates : public QObject {
 
 private slots:
     void initTestCase() {
+        ZENTHO_REQUIRE(root);
+        ZENTHO_REQUIRE(nginx);
         QVERIFY(RealLauncher::becomeSubreaper());
         QVERIFY(QFileInfo(RealLauncher::executableOf(LauncherBundles::builtBundle())).isExecutable());
         QVERIFY2(QFileInfo::exists(LauncherBundles::releaseTool()), "zentho-release is not built");

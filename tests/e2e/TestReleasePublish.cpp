@@ -6,6 +6,7 @@
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "TestFiles.h"
+#include "TestRequirements.h"
 #include "TestServer.h"
 
 #include <QDir>
@@ -116,6 +117,8 @@ private slots:
 
     // Published straight into nginx's document root, the release is what the launcher installs.
     void publishedReleasesAreServedAsTheLauncherExpects() {
+        ZENTHO_REQUIRE(root);
+        ZENTHO_REQUIRE(nginx);
         TestServer server;
         const QString base = server.url(QStringLiteral("/release")).toString();
         const QString game = packGame(QStringLiteral("0.2.0"), base);
