@@ -329,7 +329,7 @@ private slots:
         const QByteArray recorded = RealLauncher::waitForGameRecord(record(), 5000);
         if (!recorded.isEmpty())
             RealLauncher::terminateAndCollect(RealLauncher::recordedPid(recorded));
-        QCOMPARE(TestFiles::readFile(root + QStringLiteral("/Zentho/launcher/current-macos.json")),
+        QCOMPARE(TestFiles::readFile(LauncherStorage(root).state()),
                  (InstalledState{QStringLiteral("0.2.0"), QStringLiteral("/Zentho/launcher/versions/0.2.0")}
                       .encode()));
         QVERIFY2(ended && launcher.exitStatus() == QProcess::NormalExit && launcher.exitCode() == 0,

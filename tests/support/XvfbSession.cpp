@@ -84,20 +84,32 @@ QString XvfbSession::windowProperty(const QString& window, const QString& proper
 
 namespace {
 
-// Xlib and XTEST, loaded by name: the machine has their libraries but no headers.
-class XLibrary {
+// A connection to the X server through Xlib and XTEST, loaded by name: the machine has their
+// libraries but no headers. When it goes, it waits until the server has handled every request
+// sent on it (XSync), then closes.
+class XConnection {
 public:
-    XLibrary()
-        : x11_(::dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL)), xtst_(::dlopen("libXtst.so.6", RTLD_NOW | RTLD_LOCAL)) {}
-    ~XLibrary() {
+    explicit XConnection(const QString& display)
+        : x11_(::dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL)), xtst_(::dlopen("libXtst.so.6", RTLD_NOW | RTLD_LOCAL)) {
+        const auto open = x11<void* (*)(const char*)>("XOpenDisplay");
+        if (open && x11<int (*)(void*)>("XCloseDisplay") && x11<int (*)(void*, int)>("XSync"))
+            display_ = open(display.toLocal8Bit().constData());
+    }
+    ~XConnection() {
+        if (display_) {
+            x11<int (*)(void*, int)>("XSync")(display_, 0);
+            x11<int (*)(void*)>("XCloseDisplay")(display_);
+        }
         if (xtst_)
             ::dlclose(xtst_);
         if (x11_)
             ::dlclose(x11_);
     }
-    XLibrary(const XLibrary&) = delete;
-    XLibrary& operator=(const XLibrary&) = delete;
+    XConnection(const XConnection&) = delete;
+    XConnection& operator=(const XConnection&) = delete;
 
+    // The display, or null when there is none to talk to.
+    void* display() const { return display_; }
     template <typename Function> Function x11(const char* name) const {
         return x11_ ? reinterpret_cast<Function>(::dlsym(x11_, name)) : nullptr;
     }
@@ -108,12 +120,8 @@ public:
 private:
     void* x11_;
     void* xtst_;
+    void* display_ = nullptr;
 };
-
-using OpenDisplay = void* (*)(const char*);
-using CloseDisplay = int (*)(void*);
-// XSync: returns once the server has handled every request sent before it.
-using Sync = int (*)(void*, int);
 
 // Xlib's XClientMessageEvent, as its header lays it out.
 struct ClientMessage {
@@ -136,55 +144,34 @@ constexpr int kClientMessage = 33;
 } // namespace
 
 bool XvfbSession::click(QPoint point) const {
-    using FakeMotion = int (*)(void*, int, int, int, unsigned long);
-    using FakeButton = int (*)(void*, unsigned int, int, unsigned long);
-    const XLibrary library;
-    const auto open = library.x11<OpenDisplay>("XOpenDisplay");
-    const auto close = library.x11<CloseDisplay>("XCloseDisplay");
-    const auto sync = library.x11<Sync>("XSync");
-    const auto motion = library.xtst<FakeMotion>("XTestFakeMotionEvent");
-    const auto button = library.xtst<FakeButton>("XTestFakeButtonEvent");
-    if (!open || !close || !sync || !motion || !button)
-        return false;
-    void* display = open(display_.toLocal8Bit().constData());
-    if (!display)
+    const XConnection x(display_);
+    const auto motion = x.xtst<int (*)(void*, int, int, int, unsigned long)>("XTestFakeMotionEvent");
+    const auto button = x.xtst<int (*)(void*, unsigned int, int, unsigned long)>("XTestFakeButtonEvent");
+    if (!x.display() || !motion || !button)
         return false;
     // The server handles one client's requests in order: the press lands where the pointer was
     // moved, and the release after the press, with no pause between them.
-    motion(display, -1, point.x(), point.y(), 0);
-    button(display, 1, 1, 0);
-    button(display, 1, 0, 0);
-    sync(display, 0);
-    close(display);
+    motion(x.display(), -1, point.x(), point.y(), 0);
+    button(x.display(), 1, 1, 0);
+    button(x.display(), 1, 0, 0);
     return true;
 }
 
 bool XvfbSession::askToClose(const QString& window) const {
-    using InternAtom = unsigned long (*)(void*, const char*, int);
-    using SendEvent = int (*)(void*, unsigned long, int, long, Event*);
-    const XLibrary library;
-    const auto open = library.x11<OpenDisplay>("XOpenDisplay");
-    const auto close = library.x11<CloseDisplay>("XCloseDisplay");
-    const auto sync = library.x11<Sync>("XSync");
-    const auto intern = library.x11<InternAtom>("XInternAtom");
-    const auto send = library.x11<SendEvent>("XSendEvent");
+    const XConnection x(display_);
+    const auto intern = x.x11<unsigned long (*)(void*, const char*, int)>("XInternAtom");
+    const auto send = x.x11<int (*)(void*, unsigned long, int, long, Event*)>("XSendEvent");
     bool number = false;
     const unsigned long id = window.toULong(&number, 0);
-    if (!open || !close || !sync || !intern || !send || !number)
-        return false;
-    void* display = open(display_.toLocal8Bit().constData());
-    if (!display)
+    if (!x.display() || !intern || !send || !number)
         return false;
     // What a window manager sends when the player clicks the window's close button.
     Event event{};
     event.message.type = kClientMessage;
     event.message.window = id;
-    event.message.messageType = intern(display, "WM_PROTOCOLS", 0);
+    event.message.messageType = intern(x.display(), "WM_PROTOCOLS", 0);
     event.message.format = 32;
-    event.message.data[0] = long(intern(display, "WM_DELETE_WINDOW", 0));
+    event.message.data[0] = long(intern(x.display(), "WM_DELETE_WINDOW", 0));
     event.message.data[1] = 0; // CurrentTime
-    const bool sent = send(display, id, 0, 0, &event) != 0;
-    sync(display, 0);
-    close(display);
-    return sent;
+    return send(x.display(), id, 0, 0, &event) != 0;
 }
