@@ -49,7 +49,8 @@ void RealLauncher::start(const TestServer& server, const QString& invite) {
 }
 
 std::optional<int> RealLauncher::waitForExit(int timeoutMs) {
-    const bool ended = process_.waitForFinished(timeoutMs);
+    // waitForFinished() answers false for a process that has already ended.
+    const bool ended = process_.state() == QProcess::NotRunning || process_.waitForFinished(timeoutMs);
     errors_ = process_.readAllStandardError();
     if (!ended) {
         process_.kill();
