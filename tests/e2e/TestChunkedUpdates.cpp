@@ -6,6 +6,7 @@
 // and what is on disk afterwards.
 
 #include "ChunkTraffic.h"
+#include "AdoptedProcesses.h"
 #include "LauncherBundles.h"
 #include "LauncherStorage.h"
 #include "TestRequirements.h"
@@ -27,10 +28,11 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <optional>
+
 #include <algorithm>
 #include <csignal>
 #include <memory>
-#include <sys/wait.h>
 
 using namespace ChunkTraffic;
 using ReleaseTool::Run;
@@ -61,11 +63,6 @@ QString printed(const QSet<QString>& set) {
     return list.join(QLatin1Char(' '));
 }
 
-void collectOrphans() {
-    while (::waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
-}
-
 } // namespace
 
 class TestChunkedUpdates : public QObject {
@@ -80,6 +77,7 @@ class TestChunkedUpdates : public QObject {
     QSet<QString> missing_; // the chunks of 0.3.1 that 0.3.0 lacks
     QStringList expected_;  // a fresh extraction of the 0.3.1 archive
     qsizetype logMark_ = 0; // where the access log stood when the last launcher started
+    std::optional<AdoptedProcesses> adopted_;
 
     QString path(const QString& name) const { return dir_->filePath(name); }
     QString data() const { return path(QStringLiteral("data")); }
@@ -229,10 +227,11 @@ private slots:
         ReleaseTool::copyTree(data(), path(QStringLiteral("installed-0.3.0")));
     }
     void init() {
+        adopted_.emplace();
         QVERIFY(QDir(data()).removeRecursively());
         ReleaseTool::copyTree(path(QStringLiteral("installed-0.3.0")), data());
     }
-    void cleanup() { collectOrphans(); }
+    void cleanup() { adopted_.reset(); }
 
     // Only the chunks 0.3.0 lacks come over the network, never the archive.
     void updateFetchesOnlyTheMissingChunks() {

@@ -4,6 +4,7 @@
 // sent before the launcher stopped reading), the launcher's memory stays flat, the disk keeps its
 // reserve, and no download is left behind.
 
+#include "AdoptedProcesses.h"
 #include "ChunkTraffic.h"
 #include "FaultServer.h"
 #include "LauncherBundles.h"
@@ -125,6 +126,7 @@ class TestHostileServers : public QObject {
     std::unique_ptr<TestServer> server_;
     QTemporaryDir* tmp_ = nullptr;
     long offlinePeakKiB_ = -1;
+    std::optional<AdoptedProcesses> adopted_;
 
     QString path(const QString& relative) const { return tmp_->filePath(relative); }
     LauncherStorage storage() const { return LauncherStorage(path(QStringLiteral("data"))); }
@@ -214,9 +216,11 @@ private slots:
     }
     void init() {
         tmp_ = new QTemporaryDir;
+        adopted_.emplace();
         TestFiles::makeFolder(path(QStringLiteral("tmp")));
     }
     void cleanup() {
+        adopted_.reset();
         delete tmp_;
         tmp_ = nullptr;
     }

@@ -4,6 +4,7 @@
 // before the manifest that names them; and the real launcher, which does not use chunks yet,
 // installing such a release from its archive as before.
 
+#include "AdoptedProcesses.h"
 #include "LauncherBundles.h"
 #include "LauncherStorage.h"
 #include "RealLauncher.h"
@@ -25,6 +26,8 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <optional>
 
 #include <sys/stat.h>
 
@@ -66,6 +69,8 @@ class TestReleaseChunks : public QObject {
     Q_OBJECT
 
     QTemporaryDir* tmp_ = nullptr;
+    // The games the real launcher starts come to this test, and go with each test function.
+    std::optional<AdoptedProcesses> adopted_;
 
     QString path(const QString& relative) const { return tmp_->filePath(relative); }
     QString store() const { return path(QStringLiteral("store")); }
@@ -110,8 +115,14 @@ private slots:
         QVERIFY(RealLauncher::becomeSubreaper());
         QVERIFY2(ReleaseTool::missingFromTheBuild().isEmpty(), qPrintable(ReleaseTool::missingFromTheBuild()));
     }
-    void init() { tmp_ = new QTemporaryDir; }
-    void cleanup() { delete tmp_; }
+    void init() {
+        tmp_ = new QTemporaryDir;
+        adopted_.emplace();
+    }
+    void cleanup() {
+        adopted_.reset();
+        delete tmp_;
+    }
 
     void aSecondReleaseAddsOnlyTheChunksThatChanged() {
         const QString source030 = makeRelease030();

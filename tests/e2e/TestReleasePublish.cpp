@@ -3,6 +3,7 @@
 // ever names an archive that is not in place; archives of earlier releases kept.
 
 #include "LauncherBundles.h"
+#include "AdoptedProcesses.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "TestFiles.h"
@@ -14,6 +15,8 @@
 #include <QFileInfo>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <optional>
 
 #include <algorithm>
 
@@ -70,6 +73,8 @@ class TestReleasePublish : public QObject {
     Q_OBJECT
 
     QTemporaryDir* tmp_ = nullptr;
+    // The games the real launcher starts come to this test, and go with each test function.
+    std::optional<AdoptedProcesses> adopted_;
 
     QString path(const QString& relative) const { return tmp_->filePath(relative); }
 
@@ -112,8 +117,14 @@ class TestReleasePublish : public QObject {
 
 private slots:
     void initTestCase() { QVERIFY(RealLauncher::becomeSubreaper()); }
-    void init() { tmp_ = new QTemporaryDir; }
-    void cleanup() { delete tmp_; }
+    void init() {
+        tmp_ = new QTemporaryDir;
+        adopted_.emplace();
+    }
+    void cleanup() {
+        adopted_.reset();
+        delete tmp_;
+    }
 
     // Published straight into nginx's document root, the release is what the launcher installs.
     void publishedReleasesAreServedAsTheLauncherExpects() {

@@ -2,6 +2,7 @@
 // their check, and a release it packed, served over HTTPS, installed and started by the real
 // launcher. Keys and seals are in TestReleaseKeys.
 
+#include "AdoptedProcesses.h"
 #include "LauncherBundles.h"
 #include "LauncherStorage.h"
 #include "RealLauncher.h"
@@ -22,6 +23,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <optional>
+
 #include <sys/stat.h>
 
 using ReleaseTool::Run;
@@ -30,6 +33,8 @@ class TestReleaseTool : public QObject {
     Q_OBJECT
 
     QTemporaryDir* tmp_ = nullptr;
+    // The games the real launcher starts come to this test, and go with each test function.
+    std::optional<AdoptedProcesses> adopted_;
 
     QString path(const QString& relative) const { return tmp_->filePath(relative); }
 
@@ -53,8 +58,14 @@ private slots:
         QVERIFY(RealLauncher::becomeSubreaper());
         QVERIFY2(ReleaseTool::missingFromTheBuild().isEmpty(), qPrintable(ReleaseTool::missingFromTheBuild()));
     }
-    void init() { tmp_ = new QTemporaryDir; }
-    void cleanup() { delete tmp_; }
+    void init() {
+        tmp_ = new QTemporaryDir;
+        adopted_.emplace();
+    }
+    void cleanup() {
+        adopted_.reset();
+        delete tmp_;
+    }
 
     void packWritesAnArchiveAndTheManifestThatNamesIt() {
         const QString source = makeGameSource();
