@@ -5,9 +5,9 @@
 // Releases that are broken (a bundle changed after its seal, the running version under another
 // name) are refused and the game starts instead.
 
-#include "AdoptedProcesses.h"
 #include "LauncherBundles.h"
 #include "LauncherStorage.h"
+#include "LauncherTestScope.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "TestFiles.h"
@@ -22,7 +22,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <functional>
@@ -33,10 +32,10 @@ using ReleaseTool::Run;
 class TestLauncherSelfUpdate : public QObject {
     Q_OBJECT
 
-    QTemporaryDir* tmp_ = nullptr;
-    std::optional<AdoptedProcesses> adopted_;
+    // The test function's folder and what its launchers leave behind.
+    std::optional<LauncherTestScope> scope_;
 
-    QString path(const QString& relative) const { return tmp_->filePath(relative); }
+    QString path(const QString& relative) const { return scope_->path(relative); }
     QString installedBundle() const { return path(QStringLiteral("Applications/ZenthoLauncher.app")); }
     QString dataHome() const { return path(QStringLiteral("data")); }
     QString launcherRoot() const { return LauncherStorage(dataHome()).root(); }
@@ -97,15 +96,8 @@ private slots:
                  "the 0.2.0 launcher bundle is not built");
         QCOMPARE(RealLauncher::versionOf(ReleaseTool::launcherBundle020()), QStringLiteral("0.2.0"));
     }
-    void init() {
-        tmp_ = new QTemporaryDir;
-        // The games, the finish script and the launchers it starts all come to this test.
-        adopted_.emplace();
-    }
-    void cleanup() {
-        adopted_.reset();
-        delete tmp_;
-    }
+    void init() { scope_.emplace(); }
+    void cleanup() { scope_.reset(); }
 
     void theOldLauncherIsReplacedByTheNewOneAndTheNewOneStarts() {
         TestServer server;

@@ -4,9 +4,9 @@
 // before the manifest that names them; and the real launcher, which does not use chunks yet,
 // installing such a release from its archive as before.
 
-#include "AdoptedProcesses.h"
 #include "LauncherBundles.h"
 #include "LauncherStorage.h"
+#include "LauncherTestScope.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "StandinGames.h"
@@ -24,7 +24,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <optional>
@@ -68,11 +67,10 @@ qint64 newChunkBytes(const Run& run) {
 class TestReleaseChunks : public QObject {
     Q_OBJECT
 
-    QTemporaryDir* tmp_ = nullptr;
-    // The games the real launcher starts come to this test, and go with each test function.
-    std::optional<AdoptedProcesses> adopted_;
+    // The test function's folder and what its launchers leave behind.
+    std::optional<LauncherTestScope> scope_;
 
-    QString path(const QString& relative) const { return tmp_->filePath(relative); }
+    QString path(const QString& relative) const { return scope_->path(relative); }
     QString store() const { return path(QStringLiteral("store")); }
 
     // Game 0.3.0: the stand-in as "zentho", eight files of 1 MiB that do not compress, text that
@@ -115,14 +113,8 @@ private slots:
         QVERIFY(RealLauncher::becomeSubreaper());
         QVERIFY2(ReleaseTool::missingFromTheBuild().isEmpty(), qPrintable(ReleaseTool::missingFromTheBuild()));
     }
-    void init() {
-        tmp_ = new QTemporaryDir;
-        adopted_.emplace();
-    }
-    void cleanup() {
-        adopted_.reset();
-        delete tmp_;
-    }
+    void init() { scope_.emplace(); }
+    void cleanup() { scope_.reset(); }
 
     void aSecondReleaseAddsOnlyTheChunksThatChanged() {
         const QString source030 = makeRelease030();

@@ -3,7 +3,7 @@
 // ever names an archive that is not in place; archives of earlier releases kept.
 
 #include "LauncherBundles.h"
-#include "AdoptedProcesses.h"
+#include "LauncherTestScope.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "TestFiles.h"
@@ -13,7 +13,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <optional>
@@ -72,11 +71,10 @@ qsizetype positionOf(const QList<Event>& events, quint32 mask, const QString& na
 class TestReleasePublish : public QObject {
     Q_OBJECT
 
-    QTemporaryDir* tmp_ = nullptr;
-    // The games the real launcher starts come to this test, and go with each test function.
-    std::optional<AdoptedProcesses> adopted_;
+    // The test function's folder and what its launchers leave behind.
+    std::optional<LauncherTestScope> scope_;
 
-    QString path(const QString& relative) const { return tmp_->filePath(relative); }
+    QString path(const QString& relative) const { return scope_->path(relative); }
 
     // A game release of the 0.2.0 stand-in packed as `version` into dist-<version>.
     QString packGame(const QString& version, const QString& base, const QStringList& extra = {}) {
@@ -117,14 +115,8 @@ class TestReleasePublish : public QObject {
 
 private slots:
     void initTestCase() { QVERIFY(RealLauncher::becomeSubreaper()); }
-    void init() {
-        tmp_ = new QTemporaryDir;
-        adopted_.emplace();
-    }
-    void cleanup() {
-        adopted_.reset();
-        delete tmp_;
-    }
+    void init() { scope_.emplace(); }
+    void cleanup() { scope_.reset(); }
 
     // Published straight into nginx's document root, the release is what the launcher installs.
     void publishedReleasesAreServedAsTheLauncherExpects() {

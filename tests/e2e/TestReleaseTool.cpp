@@ -2,9 +2,9 @@
 // their check, and a release it packed, served over HTTPS, installed and started by the real
 // launcher. Keys and seals are in TestReleaseKeys.
 
-#include "AdoptedProcesses.h"
 #include "LauncherBundles.h"
 #include "LauncherStorage.h"
+#include "LauncherTestScope.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "StandinGames.h"
@@ -20,7 +20,6 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <optional>
@@ -32,11 +31,10 @@ using ReleaseTool::Run;
 class TestReleaseTool : public QObject {
     Q_OBJECT
 
-    QTemporaryDir* tmp_ = nullptr;
-    // The games the real launcher starts come to this test, and go with each test function.
-    std::optional<AdoptedProcesses> adopted_;
+    // The test function's folder and what its launchers leave behind.
+    std::optional<LauncherTestScope> scope_;
 
-    QString path(const QString& relative) const { return tmp_->filePath(relative); }
+    QString path(const QString& relative) const { return scope_->path(relative); }
 
     // A game build folder: the 0.2.0 stand-in as "zentho", a data folder and a symlink inside it.
     QString makeGameSource(const QString& name = QStringLiteral("game")) {
@@ -58,14 +56,8 @@ private slots:
         QVERIFY(RealLauncher::becomeSubreaper());
         QVERIFY2(ReleaseTool::missingFromTheBuild().isEmpty(), qPrintable(ReleaseTool::missingFromTheBuild()));
     }
-    void init() {
-        tmp_ = new QTemporaryDir;
-        adopted_.emplace();
-    }
-    void cleanup() {
-        adopted_.reset();
-        delete tmp_;
-    }
+    void init() { scope_.emplace(); }
+    void cleanup() { scope_.reset(); }
 
     void packWritesAnArchiveAndTheManifestThatNamesIt() {
         const QString source = makeGameSource();

@@ -3,9 +3,9 @@
 // manifest signed by either key and refuses unsigned, forged, foreign-key and expired ones, going
 // on as for any manifest failure. The launcher players get by default never asks for a signature.
 
-#include "AdoptedProcesses.h"
 #include "LauncherBundles.h"
 #include "LauncherStorage.h"
+#include "LauncherTestScope.h"
 #include "ManifestJson.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
@@ -21,7 +21,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <optional>
@@ -45,10 +44,10 @@ const QString kLauncherArchive = QStringLiteral("/release/launcher-0.2.0.tar.gz"
 class TestSignedManifests : public QObject {
     Q_OBJECT
 
-    QTemporaryDir* tmp_ = nullptr;
-    std::optional<AdoptedProcesses> adopted_;
+    // The test function's folder and what its launchers leave behind.
+    std::optional<LauncherTestScope> scope_;
 
-    QString path(const QString& relative) const { return tmp_->filePath(relative); }
+    QString path(const QString& relative) const { return scope_->path(relative); }
     LauncherStorage storage() const { return LauncherStorage(path(QStringLiteral("data"))); }
 
     // Serves `json` at /release/`name` with a signature beside it made as `how` says.
@@ -118,15 +117,8 @@ private slots:
         QVERIFY(RealLauncher::becomeSubreaper());
         QCOMPARE(RealLauncher::versionOf(signedBundle()), QStringLiteral("0.1.190"));
     }
-    void init() {
-        tmp_ = new QTemporaryDir;
-        adopted_.emplace();
-    }
-    void cleanup() {
-        // The games, and whatever else the launchers left, go before the folders they run from.
-        adopted_.reset();
-        delete tmp_;
-    }
+    void init() { scope_.emplace(); }
+    void cleanup() { scope_.reset(); }
 
     void bothManifestsMustBeSignedByATrustedKey_data() {
         QTest::addColumn<QString>("how");
