@@ -22,10 +22,11 @@ public:
     QString display() const { return display_; }
 
     // Where the top-level window titled `title` that has a WM_CLASS lies on the screen, once it
-    // is mapped; none when it did not appear within `timeoutMs`.
-    std::optional<QRect> waitForWindow(const QString& title, int timeoutMs = 20000) const;
+    // is mapped; none when it did not appear within `timeoutMs`. A launcher on a loaded machine
+    // can take over 20 s to show its window, hence the long default.
+    std::optional<QRect> waitForWindow(const QString& title, int timeoutMs = 90000) const;
     // The X id of that window once it is mapped; none when it did not appear within `timeoutMs`.
-    std::optional<QString> waitForWindowId(const QString& title, int timeoutMs = 20000) const;
+    std::optional<QString> waitForWindowId(const QString& title, int timeoutMs = 90000) const;
     // One property of the window with X id `window` as xprop prints it without its type
     // ("WM_CLASS = \"a\", \"b\""); `format` is xprop's -f format for it, when given.
     QString windowProperty(const QString& window, const QString& property,
