@@ -158,7 +158,15 @@ private slots:
         old.environment().insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
         old.start(server, QString()); // no link: the player presses the button
         const std::optional<QRect> window = screen.waitForWindow(QStringLiteral("ZENTHO Launcher"));
-        QVERIFY2(window, old.errors().constData());
+        if (!window) {
+            // Whether the launcher was still up without a window or had ended, and what it said.
+            const bool running = old.stillRunningAfter(0);
+            const std::optional<int> exit = old.waitForExit(0);
+            QFAIL(qPrintable(QStringLiteral("no window; the launcher %1: %2")
+                                 .arg(running ? QStringLiteral("still ran")
+                                              : QStringLiteral("ended with %1").arg(exit.value_or(-1)),
+                                      QString::fromLocal8Bit(old.errors()))));
+        }
         // A click that lands before the window takes input is lost, so it is clicked until the
         // old launcher ends; the first click that counts ends it.
         QDeadlineTimer deadline(90000);
