@@ -3,9 +3,12 @@
 // with the stand-in game recording the link it receives. Then the uninstaller, which takes the
 // install away again, handler included, and keeps the player's builds and data.
 
+#include "AdoptedProcesses.h"
 #include "LauncherBundles.h"
+#include "LauncherStorage.h"
 #include "RealLauncher.h"
 #include "TestFiles.h"
+#include "TestRequirements.h"
 #include "XvfbSession.h"
 
 #include <QDir>
@@ -18,6 +21,7 @@
 #include <QTest>
 
 #include <memory>
+#include <optional>
 
 namespace {
 
@@ -36,6 +40,7 @@ class TestDesktopLinks : public QObject {
 
     std::unique_ptr<QTemporaryDir> dir_;
     std::unique_ptr<XvfbSession> screen_;
+    std::optional<AdoptedProcesses> adopted_;
 
     QString home() const { return dir_->filePath(QStringLiteral("home")); }
     QString prefix() const { return home() + QStringLiteral("/.local"); }
@@ -43,6 +48,13 @@ class TestDesktopLinks : public QObject {
     QString mimeapps() const { return home() + QStringLiteral("/.config/mimeapps.list"); }
     QString record() const { return dir_->filePath(QStringLiteral("record")); }
     QString storage() const { return home() + QStringLiteral("/.local/share/Zentho"); }
+    LauncherStorage launcherStorage() const { return LauncherStorage(home() + QStringLiteral("/.local/share")); }
+
+    // No game started and none can start any more: everything the last command left behind has
+    // ended (a launcher it started would have started a game and left it running).
+    bool noGameStarted() {
+        return adopted_->waitUntilAllEnded() && !QFileInfo::exists(record());
+    }
 
     // A player's session: HOME, a display, no session bus and, unless `desktop` names one, no
     // desktop environment. The launcher finds no manifest (offline) and starts its seed game.
@@ -120,6 +132,7 @@ class TestDesktopLinks : public QObject {
 
 private slots:
     void initTestCase() {
+        ZENTHO_REQUIRE(xvfb);
         QVERIFY(RealLauncher::becomeSubreaper());
         screen_ = std::make_unique<XvfbSession>();
         QVERIFY(!screen_->display().isEmpty());
@@ -127,11 +140,13 @@ private slots:
 
     void init() {
         dir_ = std::make_unique<QTemporaryDir>();
+        adopted_.emplace();
         TestFiles::makeFolder(home());
         TestFiles::makeFolder(dir_->filePath(QStringLiteral("runtime")));
         QFile::setPermissions(dir_->filePath(QStringLiteral("runtime")),
                               QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
     }
+    void cleanup() { adopted_.reset(); }
 
     void genericXdgOpenStartsTheInstalledLauncherWithTheLink() {
         const Run installed = install(prefix());
@@ -165,7 +180,7 @@ private slots:
         const Run opened = run(QStringLiteral("/usr/bin/xdg-open"), {kLink}, session());
         QCOMPARE(opened.exitCode, 4);
         QVERIFY2(opened.output.contains(QStringLiteral("Permission denied")), qPrintable(opened.output));
-        QVERIFY(gameRecord(2000).isEmpty());
+        QVERIFY(noGameStarted());
     }
 
     void uninstallRemovesTheInstallAndKeepsThePlayersData() {
@@ -180,8 +195,8 @@ private slots:
         // The player plays: the launcher keeps a build and its record in the storage.
         QCOMPARE(run(QStringLiteral("/usr/bin/xdg-open"), {kLink}, session()).exitCode, 0);
         QVERIFY(!gameRecord().isEmpty());
-        TestFiles::makeBuild(storage() + QStringLiteral("/launcher/versions/0.2.0"));
-        TestFiles::writeFile(storage() + QStringLiteral("/launcher/current-macos.json"),
+        TestFiles::makeBuild(launcherStorage().build(QStringLiteral("0.2.0")));
+        TestFiles::writeFile(launcherStorage().state(),
                              "{\"version\":\"0.2.0\",\"path\":\"x\"}");
         TestFiles::writeFile(storage() + QStringLiteral("/saves/slot1"), "progress");
         QStringList kept{QStringLiteral(".local/share")};
@@ -203,12 +218,12 @@ private slots:
         // Nothing handles the links any more.
         QVERIFY(QFile::remove(record()));
         QVERIFY(run(QStringLiteral("/usr/bin/xdg-open"), {kLink}, session()).exitCode != 0);
-        QVERIFY(RealLauncher::waitForGameRecord(record(), 2000).isEmpty());
+        QVERIFY(noGameStarted());
     }
 
     void uninstallInAFreshHomeLeavesNothingButTheData() {
         QVERIFY2(install(prefix()).exitCode == 0, "install");
-        TestFiles::makeBuild(storage() + QStringLiteral("/launcher/versions/0.2.0"));
+        TestFiles::makeBuild(launcherStorage().build(QStringLiteral("0.2.0")));
         const Run removed = run(prefix() + QStringLiteral("/bin/zentho-launcher-uninstall"), {}, session());
         QVERIFY2(removed.exitCode == 0, qPrintable(removed.output));
         // No handler registration (the list the install made is gone), no cache, no entry.

@@ -3,23 +3,23 @@
 // archive while its window must keep running. Each case is observed through what runs, what is
 // on disk afterwards and what the server was asked for.
 
+#include "InstallFixture.h"
 #include "LauncherBundles.h"
-#include "RealLauncher.h"
+#include "ManifestJson.h"
 #include "StandinGames.h"
 #include "TestArchives.h"
 #include "TestFiles.h"
-#include "TestServer.h"
+#include "TestRequirements.h"
 
-#include "storage/InstalledState.h"
-
+#include <QDeadlineTimer>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <algorithm>
 #include <csignal>
 #include <memory>
 #include <vector>
@@ -29,6 +29,8 @@ namespace {
 
 const QString kInvite = QStringLiteral("zentho://invite/install-safety");
 const QString kNoLauncherUpdate = QStringLiteral("file:///dev/null/no-launcher-manifest.json");
+const QString kPrevious = QStringLiteral("0.5.0");
+const QString kNew = QStringLiteral("0.6.0");
 
 // Children of `pid` whose command name is `name`, from /proc.
 QList<qint64> childrenNamed(qint64 pid, const QByteArray& name) {
@@ -61,84 +63,20 @@ QList<qint64> unpackingTars(qint64 pid) {
     return found;
 }
 
-// Collects whatever this test, as subreaper, has inherited and is already gone.
-void collectOrphans() {
-    while (::waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
-}
-
-bool isRunning(qint64 pid) {
-    const std::optional<char> state = StandinGames::processState(pid);
-    return state && *state != 'Z';
-}
-
 } // namespace
 
-class TestInstallSafety : public QObject {
+class TestInstallSafety : public QObject, InstallFixture {
     Q_OBJECT
 
-    std::unique_ptr<TestServer> server_;
-    std::unique_ptr<QTemporaryDir> dir_;
-    int serial_ = 0;
+    QString launcherRoot() const { return storage().root(); }
+    QString statePath() const { return storage().state(); }
 
-    QString path(const QString& name) const { return dir_->filePath(name); }
-    QString data() const { return path(QStringLiteral("data")); }
-    QString launcherRoot() const { return data() + QStringLiteral("/Zentho/launcher"); }
-    QString build(const QString& version) const {
-        return launcherRoot() + QStringLiteral("/versions/") + version;
-    }
-    QString statePath() const { return launcherRoot() + QStringLiteral("/current-macos.json"); }
-    QString record(const QString& name = QStringLiteral("record")) const { return path(name); }
-
-    // Build 0.5.0, a recorder, is installed and current.
-    void installPrevious() {
-        StandinGames::recorder(build(QStringLiteral("0.5.0")), record(), 1.5);
-        TestFiles::writeFile(statePath(), InstalledState{QStringLiteral("0.5.0"),
-                                                         build(QStringLiteral("0.5.0"))}.encode());
-    }
+    void installPrevious() { installCurrent(kPrevious); }
     // Serves the archive of `members` of `folder` under `location` (for example "/trickle") and a
     // manifest for version 0.6.0 naming it; returns the manifest's URL.
     QString publish(const QString& folder, const QStringList& members,
                     const QString& location = QString(), const QStringList& tarOptions = {}) {
-        const QString name = QStringLiteral("game-%1.tar.gz").arg(++serial_);
-        const QString archive =
-            server_->writeFile(name, TestArchives::bytesOf(folder, members, tarOptions));
-        const QString manifest = QStringLiteral(
-            "{\"version\":\"0.6.0\",\"platform\":\"macos-arm64\",\"url\":\"%1\",\"sha256\":\"%2\","
-            "\"executable\":\"zentho\"}")
-            .arg(server_->url(location + QLatin1Char('/') + name).toString(),
-                 TestArchives::sha256sum(archive));
-        server_->writeFile(name + QStringLiteral(".json"), manifest.toUtf8());
-        return server_->url(QLatin1Char('/') + name + QStringLiteral(".json")).toString();
-    }
-    std::unique_ptr<RealLauncher> launcher(const QString& gameManifest,
-                                           const QString& recordPath) const {
-        auto real = std::make_unique<RealLauncher>(LauncherBundles::builtBundle(), data());
-        real->useManifests(gameManifest, kNoLauncherUpdate);
-        real->recordGameStartIn(recordPath);
-        return real;
-    }
-    // Presses the main button once (through an invite link) and returns the folder of the game
-    // that started, or an empty text when none did.
-    QString press(const QString& gameManifest, RealLauncher* prepared = nullptr) {
-        QFile::remove(record());
-        std::unique_ptr<RealLauncher> owned;
-        if (!prepared) {
-            owned = launcher(gameManifest, record());
-            prepared = owned.get();
-        }
-        prepared->start(*server_, kInvite);
-        const std::optional<int> exit = prepared->waitForExit(60000);
-        if (exit != std::optional<int>(0))
-            qWarning("launcher ended with %d: %s", exit.value_or(-1), prepared->errors().constData());
-        return startedFolder(record());
-    }
-    static QString startedFolder(const QString& recordPath) {
-        const std::optional<StandinGames::Record> started = StandinGames::waitForRecord(recordPath, 5000);
-        if (!started)
-            return {};
-        RealLauncher::terminateAndCollect(started->pid);
-        return started->cwd;
+        return InstallFixture::publish(kNew, TestArchives::bytesOf(folder, members, tarOptions), location).manifest;
     }
     QStringList leftovers() const {
         return QDir(launcherRoot())
@@ -162,15 +100,12 @@ class TestInstallSafety : public QObject {
 
 private slots:
     void initTestCase() {
-        QVERIFY(RealLauncher::becomeSubreaper());
-        QVERIFY(QFileInfo(RealLauncher::executableOf(LauncherBundles::builtBundle())).isExecutable());
-        server_ = std::make_unique<TestServer>();
+        ZENTHO_REQUIRE(root);
+        ZENTHO_REQUIRE(nginx);
+        setUpSuite();
     }
-    void init() { dir_ = std::make_unique<QTemporaryDir>(); }
-    void cleanup() {
-        dir_.reset();
-        collectOrphans();
-    }
+    void init() { setUp(); }
+    void cleanup() { tearDown(); }
 
     // An archive whose game is a link to a file outside: the file keeps its mode, nothing is
     // recorded, and the installed build starts.
@@ -181,9 +116,9 @@ private slots:
         const QString folder = path(QStringLiteral("linked"));
         QVERIFY(QDir().mkpath(folder));
         QVERIFY(QFile::link(outside, folder + QStringLiteral("/zentho")));
-        QCOMPARE(press(publish(folder, {QStringLiteral("zentho")})), build(QStringLiteral("0.5.0")));
+        QCOMPARE(press(publish(folder, {QStringLiteral("zentho")})), build(kPrevious));
         QCOMPARE(TestFiles::modeOf(outside), 0600);
-        QVERIFY(!QFileInfo::exists(build(QStringLiteral("0.6.0"))));
+        QVERIFY(!QFileInfo::exists(build(kNew)));
         QVERIFY(TestFiles::readFile(statePath()).contains("0.5.0"));
     }
     // The twin: a link that stays inside the build is a game like any other.
@@ -195,8 +130,8 @@ private slots:
                                       QFile::ReadOwner | QFile::WriteOwner));
         QVERIFY(QFile::link(QStringLiteral("bin/zentho"), folder + QStringLiteral("/zentho")));
         QCOMPARE(press(publish(folder, {QStringLiteral("zentho"), QStringLiteral("bin")})),
-                 build(QStringLiteral("0.6.0")));
-        QCOMPARE(TestFiles::modeOf(build(QStringLiteral("0.6.0")) + QStringLiteral("/bin/zentho")), 0755);
+                 build(kNew));
+        QCOMPARE(TestFiles::modeOf(build(kNew) + QStringLiteral("/bin/zentho")), 0755);
     }
 
     // A folder in the game's place never becomes current, so every later press still starts the
@@ -206,8 +141,8 @@ private slots:
         const QString folder = path(QStringLiteral("folder"));
         TestFiles::writeFile(folder + QStringLiteral("/zentho/inside"), "x");
         const QString manifest = publish(folder, {QStringLiteral("zentho")});
-        QCOMPARE(press(manifest), build(QStringLiteral("0.5.0")));
-        QCOMPARE(press(manifest), build(QStringLiteral("0.5.0")));
+        QCOMPARE(press(manifest), build(kPrevious));
+        QCOMPARE(press(manifest), build(kPrevious));
         QVERIFY(TestFiles::readFile(statePath()).contains("0.5.0"));
         QCOMPARE(leftovers(), QStringList());
     }
@@ -227,13 +162,10 @@ private slots:
         const QString archive = server_->writeFile(
             QStringLiteral("linked-launcher.tar.gz"),
             TestArchives::bytesOf(source, {QStringLiteral("ZenthoLauncher.app")}));
-        server_->writeFile(
-            QStringLiteral("launcher.json"),
-            QStringLiteral("{\"version\":\"0.2.0\",\"platform\":\"macos-launcher-arm64\",\"url\":\"%1\","
-                           "\"sha256\":\"%2\",\"executable\":\"ZenthoLauncher.app\"}")
-                .arg(server_->url(QStringLiteral("/linked-launcher.tar.gz")).toString(),
-                     TestArchives::sha256sum(archive))
-                .toUtf8());
+        server_->writeFile(QStringLiteral("launcher.json"),
+                           ManifestJson::launcher(QStringLiteral("0.2.0"),
+                                                  server_->url(QStringLiteral("/linked-launcher.tar.gz")).toString(),
+                                                  TestArchives::sha256sum(archive)));
 
         RealLauncher real(running, data());
         real.useManifests(kNoLauncherUpdate, server_->url(QStringLiteral("/launcher.json")).toString());
@@ -241,8 +173,10 @@ private slots:
         real.start(*server_, kInvite);
         QCOMPARE(real.waitForExit(60000), std::optional<int>(0));
         // The seed game starts: the launcher went on to the game instead of handing over.
-        QCOMPARE(startedFolder(record()), running + QStringLiteral("/Contents/Resources/SeedRuntime"));
-        QTest::qWait(1500); // a finish script, had one been started, would have swapped by now
+        QCOMPARE(startedFolder(), running + QStringLiteral("/Contents/Resources/SeedRuntime"));
+        // Whatever the launcher left has ended: a finish script, had one been started, has
+        // done all it would.
+        QVERIFY(adopted_->waitUntilAllEnded());
         QVERIFY(QFileInfo(running).isDir() && !QFileInfo(running).isSymLink());
         QVERIFY(QFileInfo(RealLauncher::executableOf(running)).isExecutable());
         QCOMPARE(QDir(launcherRoot()).entryList({QStringLiteral("launcher-backup-*"),
@@ -259,7 +193,7 @@ private slots:
         TestFiles::writeFile(launcherRoot() + QStringLiteral("/.current-macos.json.tmp.EARLIER"), "{}");
         const QString manifest = publish(bigBuild(400), {QStringLiteral("zentho"), QStringLiteral("pad")});
 
-        std::unique_ptr<RealLauncher> first = launcher(manifest, record());
+        std::unique_ptr<RealLauncher> first = launcher(manifest);
         first->start(*server_, kInvite);
         const qint64 pid = first->launcherPid();
         QVERIFY(pid > 0);
@@ -267,12 +201,20 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(!(tars = unpackingTars(pid)).isEmpty(), 30000);
         ::kill(static_cast<pid_t>(pid), SIGKILL);
         first->waitForExit(10000);
-        // The orphaned tar would go on writing for seconds; it must end with its launcher.
-        QTRY_VERIFY_WITH_TIMEOUT(!isRunning(tars.first()), 2000);
-        collectOrphans();
-        QVERIFY(!leftovers().isEmpty());
+        // The orphan comes to this test. Left running, it would go on writing the whole pad; it
+        // must end with its launcher instead, its work unfinished.
+        int status = 0;
+        QCOMPARE(::waitpid(pid_t(tars.first()), &status, 0), pid_t(tars.first()));
+        QVERIFY(!WIFEXITED(status) || WEXITSTATUS(status) != 0);
+        QVERIFY(adopted_->waitUntilAllEnded());
+        const QStringList staged = leftovers().filter(QStringLiteral("staging-"));
+        QVERIFY(!staged.isEmpty());
+        qint64 unpacked = 0;
+        for (const QString& folder : staged)
+            unpacked = std::max(unpacked, QFileInfo(launcherRoot() + QLatin1Char('/') + folder + QStringLiteral("/pad")).size());
+        QVERIFY2(unpacked < qint64(400) << 20, qPrintable(QString::number(unpacked)));
 
-        QCOMPARE(press(manifest), build(QStringLiteral("0.6.0")));
+        QCOMPARE(press(manifest), build(kNew));
         QCOMPARE(leftovers(), QStringList());
         QVERIFY(TestFiles::readFile(statePath()).contains("0.6.0"));
     }
@@ -282,15 +224,13 @@ private slots:
     void mainThreadNeverWaitsForTar() {
         installPrevious();
         const QString manifest = publish(bigBuild(600), {QStringLiteral("zentho"), QStringLiteral("pad")});
-        std::unique_ptr<RealLauncher> real = launcher(manifest, record());
+        std::unique_ptr<RealLauncher> real = launcher(manifest);
         real->start(*server_, kInvite);
         const qint64 pid = real->launcherPid();
         QVERIFY(pid > 0);
         int samples = 0;
         int waiting = 0;
-        QElapsedTimer clock;
-        clock.start();
-        while (clock.elapsed() < 60000 && ::kill(static_cast<pid_t>(pid), 0) == 0) {
+        for (QDeadlineTimer deadline(120000); !deadline.hasExpired() && ::kill(static_cast<pid_t>(pid), 0) == 0;) {
             if (!childrenNamed(pid, "tar").isEmpty()) {
                 QFile syscall(QStringLiteral("/proc/%1/syscall").arg(pid));
                 if (syscall.open(QIODevice::ReadOnly)) {
@@ -305,7 +245,7 @@ private slots:
                 break;
         }
         real->waitForExit(60000);
-        QCOMPARE(startedFolder(record()), build(QStringLiteral("0.6.0")));
+        QCOMPARE(startedFolder(), build(kNew));
         QVERIFY2(samples >= 20, qPrintable(QString::number(samples)));
         QCOMPARE(waiting, 0);
     }
@@ -322,10 +262,10 @@ private slots:
         // There is no game in it, so the install fails and must remove what it unpacked.
         const QString manifest = publish(folder, {QStringLiteral("locked/file"), QStringLiteral("locked")},
                                          QString(), {QStringLiteral("--no-recursion")});
-        std::unique_ptr<RealLauncher> real = launcher(manifest, record());
+        std::unique_ptr<RealLauncher> real = launcher(manifest);
         real->runThrough({QStringLiteral("/usr/bin/setpriv"),
                           QStringLiteral("--bounding-set=-dac_override,-dac_read_search")});
-        QCOMPARE(press(manifest, real.get()), build(QStringLiteral("0.5.0")));
+        QCOMPARE(press(*real), build(kPrevious));
         // The install got as far as unpacking: the archive was fetched.
         QCOMPARE(server_->accessLog().count(QStringLiteral("GET /game-%1.tar.gz ").arg(serial_)), 1);
         QCOMPARE(leftovers(), QStringList());
@@ -350,7 +290,7 @@ private slots:
         for (const QString& name : {QStringLiteral("one"), QStringLiteral("two")}) {
             const QString runtime = path(QStringLiteral("runtime-") + name);
             QVERIFY(QDir().mkpath(runtime));
-            launchers.push_back(launcher(manifest, record()));
+            launchers.push_back(launcher(manifest));
             launchers.back()->environment().insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime);
         }
         for (auto& real : launchers)
@@ -358,7 +298,7 @@ private slots:
         for (auto& real : launchers)
             QCOMPARE(real->waitForExit(60000), std::optional<int>(0));
         // Both games record into the build's one record file: the newer one started from 0.6.0.
-        QCOMPARE(startedFolder(record()), build(QStringLiteral("0.6.0")));
+        QCOMPARE(startedFolder(), build(kNew));
         QCOMPARE(server_->accessLog().count(QStringLiteral("GET /trickle/") + archiveName), 1);
         QCOMPARE(leftovers(), QStringList());
     }
@@ -370,9 +310,9 @@ private slots:
         const QString folder = path(QStringLiteral("plain"));
         StandinGames::recorder(folder, record(), 1.5);
         std::unique_ptr<RealLauncher> real =
-            launcher(publish(folder, {QStringLiteral("zentho")}), record());
+            launcher(publish(folder, {QStringLiteral("zentho")}));
         real->environment().insert(QStringLiteral("TMPDIR"), path(QStringLiteral("no-such-folder")));
-        QCOMPARE(press(QString(), real.get()), build(QStringLiteral("0.6.0")));
+        QCOMPARE(press(*real), build(kNew));
         QCOMPARE(QDir(QStringLiteral("/")).entryList({QStringLiteral("zentho-*")}), QStringList());
     }
 

@@ -6,9 +6,12 @@
 // name) are refused and the game starts instead.
 
 #include "LauncherBundles.h"
+#include "LauncherStorage.h"
+#include "LauncherTestScope.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "TestFiles.h"
+#include "TestRequirements.h"
 #include "TestServer.h"
 #include "WindowFixture.h"
 #include "WindowIdentity.h"
@@ -19,25 +22,23 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <functional>
-
-#include <sys/wait.h>
+#include <optional>
 
 using ReleaseTool::Run;
 
 class TestLauncherSelfUpdate : public QObject {
     Q_OBJECT
 
-    QTemporaryDir* tmp_ = nullptr;
-    QList<qint64> leftovers_;
+    // The test function's folder and what its launchers leave behind.
+    std::optional<LauncherTestScope> scope_;
 
-    QString path(const QString& relative) const { return tmp_->filePath(relative); }
+    QString path(const QString& relative) const { return scope_->path(relative); }
     QString installedBundle() const { return path(QStringLiteral("Applications/ZenthoLauncher.app")); }
     QString dataHome() const { return path(QStringLiteral("data")); }
-    QString launcherRoot() const { return dataHome() + QStringLiteral("/Zentho/launcher"); }
+    QString launcherRoot() const { return LauncherStorage(dataHome()).root(); }
 
     // The user's copy of the launcher, 0.1.190. Its verifier is the test build that trusts the
     // test key, so the test never needs the key the real build trusts.
@@ -88,23 +89,15 @@ class TestLauncherSelfUpdate : public QObject {
 
 private slots:
     void initTestCase() {
+        ZENTHO_REQUIRE(root);
+        ZENTHO_REQUIRE(nginx);
         QVERIFY(RealLauncher::becomeSubreaper());
         QVERIFY2(QFileInfo::exists(RealLauncher::executableOf(ReleaseTool::launcherBundle020())),
                  "the 0.2.0 launcher bundle is not built");
         QCOMPARE(RealLauncher::versionOf(ReleaseTool::launcherBundle020()), QStringLiteral("0.2.0"));
     }
-    void init() {
-        tmp_ = new QTemporaryDir;
-        leftovers_.clear();
-    }
-    void cleanup() {
-        for (const qint64 pid : leftovers_)
-            RealLauncher::terminateAndCollect(pid);
-        // The finish script and the short-lived setsid come to us too.
-        while (::waitpid(-1, nullptr, WNOHANG) > 0) {
-        }
-        delete tmp_;
-    }
+    void init() { scope_.emplace(); }
+    void cleanup() { scope_.reset(); }
 
     void theOldLauncherIsReplacedByTheNewOneAndTheNewOneStarts() {
         TestServer server;
@@ -138,7 +131,6 @@ private slots:
         QVERIFY(recorded.contains("cwd=" + QFile::encodeName(installedBundle()) +
                                   "/Contents/Resources/SeedRuntime\n"));
         QVERIFY(recorded.contains("\narg=zentho://invite/after-update\npid="));
-        leftovers_ << RealLauncher::recordedPid(recorded);
         // Having started the game, the new launcher quits.
         QVERIFY(QTest::qWaitFor(
             [&] { return RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle())).isEmpty(); },
@@ -148,6 +140,7 @@ private slots:
     // The desktop ties a window to the desktop entry by its class, and shows the icon the
     // window carries: the launcher the finish script starts from inside the bundle has both.
     void theUpdatedLaunchersWindowHasTheEntrysClassAndIcon() {
+        ZENTHO_REQUIRE(xvfb);
         QRect button;
         {
             // The same window, offscreen in this process, tells where the button is drawn.
@@ -165,24 +158,31 @@ private slots:
         old.environment().insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
         old.start(server, QString()); // no link: the player presses the button
         const std::optional<QRect> window = screen.waitForWindow(QStringLiteral("ZENTHO Launcher"));
-        QVERIFY2(window, old.errors().constData());
-        // A click that lands before the window takes input is lost; the first that counts ends
-        // the old launcher.
-        std::optional<int> ended;
-        for (int attempt = 0; attempt < 6 && !ended; ++attempt) {
-            QVERIFY(screen.click(window->topLeft() + button.center()));
-            ended = old.waitForExit(3000);
+        if (!window) {
+            // Whether the launcher was still up without a window or had ended, and what it said.
+            const bool running = old.stillRunningAfter(0);
+            const std::optional<int> exit = old.waitForExit(0);
+            QFAIL(qPrintable(QStringLiteral("no window; the launcher %1: %2")
+                                 .arg(running ? QStringLiteral("still ran")
+                                              : QStringLiteral("ended with %1").arg(exit.value_or(-1)),
+                                      QString::fromLocal8Bit(old.errors()))));
         }
-        QCOMPARE(ended, std::optional<int>(0));
+        // A click that lands before the window takes input is lost, so it is clicked until the
+        // old launcher ends; the first click that counts ends it.
+        QDeadlineTimer deadline(90000);
+        do
+            QVERIFY(screen.click(window->topLeft() + button.center()));
+        while (old.stillRunningAfter(3000) && !deadline.hasExpired());
+        QCOMPARE(old.waitForExit(), std::optional<int>(0));
         QVERIFY2(waitForVersion(QStringLiteral("0.2.0")), old.errors().constData());
 
         // Only the new launcher's window is left; it stays open, as no link came with it.
         const std::optional<QString> shown = screen.waitForWindowId(QStringLiteral("ZENTHO Launcher"));
-        leftovers_ = RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle()));
+        const QList<qint64> running = RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle()));
         QVERIFY(shown);
-        QCOMPARE(leftovers_.size(), 1);
+        QCOMPARE(running.size(), 1);
         QCOMPARE(screen.windowProperty(*shown, QStringLiteral("_NET_WM_PID")),
-                 QStringLiteral("_NET_WM_PID = %1").arg(leftovers_.first()));
+                 QStringLiteral("_NET_WM_PID = %1").arg(running.first()));
         QCOMPARE(WindowIdentity::windowClass(screen, *shown), WindowIdentity::entryWindowClass());
         QString why;
         QVERIFY2(WindowIdentity::carriesTheLauncherIcon(screen, *shown, &why), qPrintable(why));
@@ -212,7 +212,6 @@ private slots:
         const QByteArray recorded = RealLauncher::waitForGameRecord(path(QStringLiteral("record")));
         QVERIFY2(recorded.startsWith("version=0.1.190\n"), (recorded + old.errors()).constData());
         QVERIFY(recorded.contains("arg=zentho://invite/no-update\n"));
-        leftovers_ << RealLauncher::recordedPid(recorded);
         QCOMPARE(RealLauncher::versionOf(installedBundle()), QStringLiteral("0.1.190"));
         QVERIFY(QDir(launcherRoot()).entryList({QStringLiteral("launcher-backup-*")}, QDir::Dirs).isEmpty());
         QVERIFY(RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle())).isEmpty());
@@ -243,7 +242,6 @@ private slots:
             const QByteArray recorded = RealLauncher::waitForGameRecord(record);
             QVERIFY2(recorded.startsWith("version=0.1.190\n"), (recorded + old.errors()).constData());
             QVERIFY(recorded.contains("arg=zentho://invite/" + room.toUtf8() + "\n"));
-            leftovers_ << RealLauncher::recordedPid(recorded);
             QCOMPARE(RealLauncher::versionOf(installedBundle()), QStringLiteral("0.1.190"));
             QVERIFY(QDir(launcherRoot()).entryList({QStringLiteral("launcher-backup-*")}, QDir::Dirs).isEmpty());
             QVERIFY(QDir(launcherRoot()).entryList({QStringLiteral("finish-launcher-update-*")}, QDir::Files).isEmpty());

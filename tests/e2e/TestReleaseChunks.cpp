@@ -5,11 +5,14 @@
 // installing such a release from its archive as before.
 
 #include "LauncherBundles.h"
+#include "LauncherStorage.h"
+#include "LauncherTestScope.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "StandinGames.h"
 #include "TestArchives.h"
 #include "TestFiles.h"
+#include "TestRequirements.h"
 #include "TestServer.h"
 
 #include "formats/ChunkIndex.h"
@@ -21,8 +24,9 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QRegularExpression>
-#include <QTemporaryDir>
 #include <QTest>
+
+#include <optional>
 
 #include <sys/stat.h>
 
@@ -63,9 +67,10 @@ qint64 newChunkBytes(const Run& run) {
 class TestReleaseChunks : public QObject {
     Q_OBJECT
 
-    QTemporaryDir* tmp_ = nullptr;
+    // The test function's folder and what its launchers leave behind.
+    std::optional<LauncherTestScope> scope_;
 
-    QString path(const QString& relative) const { return tmp_->filePath(relative); }
+    QString path(const QString& relative) const { return scope_->path(relative); }
     QString store() const { return path(QStringLiteral("store")); }
 
     // Game 0.3.0: the stand-in as "zentho", eight files of 1 MiB that do not compress, text that
@@ -100,22 +105,16 @@ class TestReleaseChunks : public QObject {
 
     Run packWithChunks(const QString& source, const QString& version, const QString& out,
                        const QStringList& extra = {}) {
-        return ReleaseTool::packGame(source, version, kBase, out,
-                                     QStringList{QStringLiteral("--chunks"), store(), QStringLiteral("--chunks-url"), kStoreUrl} + extra);
-    }
-    Run verify(const Run& packed, const QStringList& extra = {}) {
-        return ReleaseTool::run(QStringList{QStringLiteral("verify")} + extra +
-                                QStringList{packed.line(QStringLiteral("manifest")), packed.line(QStringLiteral("archive"))});
+        return ReleaseTool::packGameWithChunks(source, version, kBase, out, store(), kStoreUrl, extra);
     }
 
 private slots:
     void initTestCase() {
         QVERIFY(RealLauncher::becomeSubreaper());
-        QVERIFY2(QFileInfo::exists(LauncherBundles::releaseTool()), "zentho-release is not built");
-        QVERIFY2(QFileInfo::exists(ReleaseTool::standinGame020()), "the 0.2.0 stand-in is not built");
+        QVERIFY2(ReleaseTool::missingFromTheBuild().isEmpty(), qPrintable(ReleaseTool::missingFromTheBuild()));
     }
-    void init() { tmp_ = new QTemporaryDir; }
-    void cleanup() { delete tmp_; }
+    void init() { scope_.emplace(); }
+    void cleanup() { scope_.reset(); }
 
     void aSecondReleaseAddsOnlyTheChunksThatChanged() {
         const QString source030 = makeRelease030();
@@ -166,14 +165,14 @@ private slots:
             QCOMPARE(afterSecond.value(it.key()), it.value());
 
         for (const Run* packed : {&first, &second}) {
-            const Run checked = verify(*packed, {QStringLiteral("--chunks"), store()});
+            const Run checked = ReleaseTool::verify(*packed, {QStringLiteral("--chunks"), store()});
             QVERIFY2(checked.ok(), checked.errors.constData());
             QVERIFY2(checked.output.endsWith(", chunk index, " +
                                              QByteArray::number(chunkCounts(*packed)[0]) + " chunks checked\n"),
                      checked.output.constData());
         }
         // Without the store, the index is still checked against the archive.
-        const Run indexOnly = verify(second);
+        const Run indexOnly = ReleaseTool::verify(second);
         QVERIFY2(indexOnly.ok() && indexOnly.output.endsWith("executable, chunk index checked\n"), indexOnly.output.constData());
     }
 
@@ -181,22 +180,22 @@ private slots:
         const Run packed = packWithChunks(makeRelease030(), QStringLiteral("0.3.0"), path(QStringLiteral("out")));
         QVERIFY2(packed.ok(), packed.errors.constData());
         const QString index = packed.line(QStringLiteral("index"));
-        QVERIFY(verify(packed, {QStringLiteral("--chunks"), store()}).ok());
+        QVERIFY(ReleaseTool::verify(packed, {QStringLiteral("--chunks"), store()}).ok());
 
         // One flipped byte in one chunk of the store.
         const QMap<QString, QByteArray> chunks = storeContent(store());
         const QString damaged = store() + QLatin1Char('/') + chunks.lastKey();
         const QByteArray good = chunks.last();
         ReleaseTool::flipOneByte(damaged);
-        Run checked = verify(packed, {QStringLiteral("--chunks"), store()});
+        Run checked = ReleaseTool::verify(packed, {QStringLiteral("--chunks"), store()});
         QVERIFY2(checked.failedWithOneLine(), checked.errors.constData());
         QVERIFY2(checked.errors.startsWith("zentho-release verify: chunks: " + QFile::encodeName(damaged)), checked.errors.constData());
         // A missing chunk is named too.
         QVERIFY(QFile::remove(damaged));
-        checked = verify(packed, {QStringLiteral("--chunks"), store()});
+        checked = ReleaseTool::verify(packed, {QStringLiteral("--chunks"), store()});
         QVERIFY2(checked.failedWithOneLine() && checked.errors.contains("cannot be read"), checked.errors.constData());
         TestFiles::writeFile(damaged, good);
-        QVERIFY(verify(packed, {QStringLiteral("--chunks"), store()}).ok());
+        QVERIFY(ReleaseTool::verify(packed, {QStringLiteral("--chunks"), store()}).ok());
 
         // An index changed after packing no longer has the manifest's digest.
         const QByteArray original = TestFiles::readFile(index);
@@ -204,7 +203,7 @@ private slots:
         edited.replace("\"mode\":493", "\"mode\":511");
         QVERIFY(edited != original);
         TestFiles::writeFile(index, edited);
-        checked = verify(packed);
+        checked = ReleaseTool::verify(packed);
         QVERIFY2(checked.failedWithOneLine() && checked.errors.contains("verify: index: the index's digest is"),
                  checked.errors.constData());
 
@@ -219,7 +218,7 @@ private slots:
         QByteArray relinked = manifest;
         relinked.replace(ReleaseManifest::decode(manifest).chunks->sha256.toUtf8(), TestArchives::sha256sum(index).toUtf8());
         TestFiles::writeFile(manifestPath, relinked);
-        checked = verify(packed);
+        checked = ReleaseTool::verify(packed);
         QVERIFY2(checked.failedWithOneLine() &&
                      checked.errors.contains("index: \"data/current\" points to \"pack0.bin\" in the index and to \"levels.txt\" in the archive"),
                  checked.errors.constData());
@@ -227,7 +226,7 @@ private slots:
         // Back as packed, it passes again: the failures were the damage, not the release.
         TestFiles::writeFile(index, original);
         TestFiles::writeFile(manifestPath, manifest);
-        QVERIFY(verify(packed, {QStringLiteral("--chunks"), store()}).ok());
+        QVERIFY(ReleaseTool::verify(packed, {QStringLiteral("--chunks"), store()}).ok());
     }
 
     void publishLaysOutChunksAndIndexBeforeTheManifest() {
@@ -269,14 +268,15 @@ private slots:
     }
 
     void aReleaseWithChunksIsInstalledFromItsArchiveByTheRealLauncher() {
+        ZENTHO_REQUIRE(root);
+        ZENTHO_REQUIRE(nginx);
         TestServer server;
         const QString www = server.documentRoot();
-        const Run packed = ReleaseTool::packGame(
+        const Run packed = ReleaseTool::packGameWithChunks(
             makeRelease030(), QStringLiteral("0.3.0"), server.url(QStringLiteral("/builds")).toString(), path(QStringLiteral("out")),
-            {QStringLiteral("--chunks"), store(), QStringLiteral("--chunks-url"), server.url(QStringLiteral("/chunks")).toString()});
+            store(), server.url(QStringLiteral("/chunks")).toString());
         QVERIFY2(packed.ok(), packed.errors.constData());
-        const Run published = ReleaseTool::run({QStringLiteral("publish"), QStringLiteral("--to"), www, QStringLiteral("--chunks"),
-                                                store(), packed.line(QStringLiteral("manifest"))});
+        const Run published = ReleaseTool::publishWithChunks(www, store(), packed.line(QStringLiteral("manifest")));
         QVERIFY2(published.ok(), published.errors.constData());
         QVERIFY(ReleaseManifest::decode(TestFiles::readFile(www + QStringLiteral("/release/macos-arm64-manifest.json"))).chunks);
 
@@ -290,7 +290,7 @@ private slots:
         QCOMPARE(launcher.waitForExit(), std::optional<int>(0));
 
         const QByteArray recorded = RealLauncher::waitForGameRecord(record);
-        const QString installed = data + QStringLiteral("/Zentho/launcher/versions/0.3.0");
+        const QString installed = LauncherStorage(data).build(QStringLiteral("0.3.0"));
         QVERIFY2(recorded.contains("\ncwd=" + QFile::encodeName(installed) + "\n"), (recorded + launcher.errors()).constData());
         QCOMPARE(TestFiles::readFile(installed + QStringLiteral("/data/levels.txt")),
                  TestFiles::readFile(path(QStringLiteral("game-0.3.0/data/levels.txt"))));

@@ -3,16 +3,19 @@
 // ever names an archive that is not in place; archives of earlier releases kept.
 
 #include "LauncherBundles.h"
+#include "LauncherTestScope.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "TestFiles.h"
+#include "TestRequirements.h"
 #include "TestServer.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QTemporaryDir>
 #include <QTest>
+
+#include <optional>
 
 #include <algorithm>
 
@@ -68,9 +71,10 @@ qsizetype positionOf(const QList<Event>& events, quint32 mask, const QString& na
 class TestReleasePublish : public QObject {
     Q_OBJECT
 
-    QTemporaryDir* tmp_ = nullptr;
+    // The test function's folder and what its launchers leave behind.
+    std::optional<LauncherTestScope> scope_;
 
-    QString path(const QString& relative) const { return tmp_->filePath(relative); }
+    QString path(const QString& relative) const { return scope_->path(relative); }
 
     // A game release of the 0.2.0 stand-in packed as `version` into dist-<version>.
     QString packGame(const QString& version, const QString& base, const QStringList& extra = {}) {
@@ -111,11 +115,13 @@ class TestReleasePublish : public QObject {
 
 private slots:
     void initTestCase() { QVERIFY(RealLauncher::becomeSubreaper()); }
-    void init() { tmp_ = new QTemporaryDir; }
-    void cleanup() { delete tmp_; }
+    void init() { scope_.emplace(); }
+    void cleanup() { scope_.reset(); }
 
     // Published straight into nginx's document root, the release is what the launcher installs.
     void publishedReleasesAreServedAsTheLauncherExpects() {
+        ZENTHO_REQUIRE(root);
+        ZENTHO_REQUIRE(nginx);
         TestServer server;
         const QString base = server.url(QStringLiteral("/release")).toString();
         const QString game = packGame(QStringLiteral("0.2.0"), base);

@@ -3,11 +3,14 @@
 // launcher. Keys and seals are in TestReleaseKeys.
 
 #include "LauncherBundles.h"
+#include "LauncherStorage.h"
+#include "LauncherTestScope.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "StandinGames.h"
 #include "TestArchives.h"
 #include "TestFiles.h"
+#include "TestRequirements.h"
 #include "TestServer.h"
 
 #include "formats/ReleaseManifest.h"
@@ -17,8 +20,9 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QTemporaryDir>
 #include <QTest>
+
+#include <optional>
 
 #include <sys/stat.h>
 
@@ -27,9 +31,10 @@ using ReleaseTool::Run;
 class TestReleaseTool : public QObject {
     Q_OBJECT
 
-    QTemporaryDir* tmp_ = nullptr;
+    // The test function's folder and what its launchers leave behind.
+    std::optional<LauncherTestScope> scope_;
 
-    QString path(const QString& relative) const { return tmp_->filePath(relative); }
+    QString path(const QString& relative) const { return scope_->path(relative); }
 
     // A game build folder: the 0.2.0 stand-in as "zentho", a data folder and a symlink inside it.
     QString makeGameSource(const QString& name = QStringLiteral("game")) {
@@ -45,19 +50,14 @@ class TestReleaseTool : public QObject {
         TestFiles::makeFolder(path(folder));
         return ReleaseTool::sealedCopy(from, path(folder + QStringLiteral("/ZenthoLauncher.app")));
     }
-    Run verify(const QString& manifest, const QString& archive, const QStringList& extra = {}) {
-        return ReleaseTool::run(QStringList{QStringLiteral("verify")} + extra +
-                                QStringList{manifest, archive});
-    }
 
 private slots:
     void initTestCase() {
         QVERIFY(RealLauncher::becomeSubreaper());
-        QVERIFY2(QFileInfo::exists(LauncherBundles::releaseTool()), "zentho-release is not built");
-        QVERIFY2(QFileInfo::exists(ReleaseTool::standinGame020()), "the 0.2.0 stand-in is not built");
+        QVERIFY2(ReleaseTool::missingFromTheBuild().isEmpty(), qPrintable(ReleaseTool::missingFromTheBuild()));
     }
-    void init() { tmp_ = new QTemporaryDir; }
-    void cleanup() { delete tmp_; }
+    void init() { scope_.emplace(); }
+    void cleanup() { scope_.reset(); }
 
     void packWritesAnArchiveAndTheManifestThatNamesIt() {
         const QString source = makeGameSource();
@@ -88,7 +88,7 @@ private slots:
         // The content of the folder is the top level, names sorted; the symlink stays a symlink.
         QCOMPARE(TestArchives::tar({QStringLiteral("-tzf"), archive}), QByteArray("data/\ndata/current\ndata/levels.txt\nzentho\n"));
 
-        const Run checked = verify(manifestPath, archive);
+        const Run checked = ReleaseTool::verify(manifestPath, archive);
         QVERIFY2(checked.ok(), checked.errors.constData());
         QCOMPARE(checked.output, QByteArray("ok: macos-arm64 0.2.0: digest, listing, executable checked\n"));
     }
@@ -210,7 +210,7 @@ private slots:
         QVERIFY(ReleaseTool::packGame(makeGameSource(), QStringLiteral("0.2.0"), QStringLiteral("http://h.invalid"), out).ok());
         const QString manifestPath = out + QStringLiteral("/macos-arm64-manifest.json");
         QString archive = out + QStringLiteral("/zentho-0.2.0-macos-arm64.tar.gz");
-        QVERIFY(verify(manifestPath, archive).ok());
+        QVERIFY(ReleaseTool::verify(manifestPath, archive).ok());
 
         QJsonObject json = QJsonDocument::fromJson(TestFiles::readFile(manifestPath)).object();
         if (change == QLatin1String("nokey"))
@@ -238,7 +238,7 @@ private slots:
             bytes.chop(3);
         TestFiles::writeFile(manifestPath, bytes);
 
-        const Run checked = verify(manifestPath, archive);
+        const Run checked = ReleaseTool::verify(manifestPath, archive);
         QCOMPARE(checked.exitCode, 1);
         QVERIFY2(checked.errors.contains("zentho-release verify: " + message.toUtf8()), checked.errors.constData());
         QCOMPARE(checked.errors.count('\n') - checked.errors.count("warning:"), 1);
@@ -246,6 +246,8 @@ private slots:
     // The whole road of a release: packed by the tool, served over HTTPS, and installed and
     // started by the real launcher, which quits and leaves the game running.
     void aPackedReleaseIsInstalledAndStartedByTheRealLauncher() {
+        ZENTHO_REQUIRE(root);
+        ZENTHO_REQUIRE(nginx);
         TestServer server;
         const QString release = server.documentRoot() + QStringLiteral("/release");
         const Run game = ReleaseTool::packGame(makeGameSource(), QStringLiteral("0.2.0"),
@@ -269,17 +271,20 @@ private slots:
 
         const QByteArray recorded = RealLauncher::waitForGameRecord(record);
         QVERIFY2(!recorded.isEmpty(), launcher.errors().constData());
-        const QString installed = data + QStringLiteral("/Zentho/launcher/versions/0.2.0");
+        const LauncherStorage storage(data);
+        const QString installed = storage.build(QStringLiteral("0.2.0"));
         QVERIFY2(recorded.startsWith("version=0.2.0\ncwd=" + QFile::encodeName(installed) + "\narg=" +
                                      invite.toUtf8() + "\n"),
                  recorded.constData());
-        QVERIFY(TestFiles::readFile(data + QStringLiteral("/Zentho/launcher/current-macos.json")).contains("0.2.0"));
+        QVERIFY(TestFiles::readFile(storage.state()).contains("0.2.0"));
         const qint64 pid = RealLauncher::recordedPid(recorded);
         const auto state = StandinGames::processState(pid);
         QVERIFY2(state && *state != 'Z', "the game did not outlive the launcher");
         RealLauncher::terminateAndCollect(pid);
     }
     void aReleaseWhoseArchiveChangedIsRefusedAndTheSeedRuntimeStarts() {
+        ZENTHO_REQUIRE(root);
+        ZENTHO_REQUIRE(nginx);
         TestServer server;
         const QString release = server.documentRoot() + QStringLiteral("/release");
         QVERIFY(ReleaseTool::packGame(makeGameSource(), QStringLiteral("0.2.0"),
@@ -297,7 +302,7 @@ private slots:
 
         const QByteArray recorded = RealLauncher::waitForGameRecord(record);
         QVERIFY2(recorded.startsWith("version=0.1.190\n"), (recorded + launcher.errors()).constData());
-        QVERIFY(!QFileInfo::exists(data + QStringLiteral("/Zentho/launcher/versions/0.2.0")));
+        QVERIFY(!QFileInfo::exists(LauncherStorage(data).build(QStringLiteral("0.2.0"))));
         RealLauncher::terminateAndCollect(RealLauncher::recordedPid(recorded));
     }
 };

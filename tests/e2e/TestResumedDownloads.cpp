@@ -5,39 +5,25 @@
 // and what is left on disk.
 
 #include "FaultServer.h"
-#include "LauncherBundles.h"
-#include "RealLauncher.h"
+#include "InstallFixture.h"
 #include "StandinGames.h"
 #include "TestArchives.h"
 #include "TestFiles.h"
-#include "TestServer.h"
+#include "TestRequirements.h"
 
-#include "storage/InstalledState.h"
-
-#include <QCryptographicHash>
 #include <QDateTime>
 #include <QDir>
-#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <csignal>
 #include <memory>
-#include <sys/wait.h>
 
 namespace {
 
-const QString kInvite = QStringLiteral("zentho://invite/resumed-downloads");
-const QString kNoLauncherUpdate = QStringLiteral("file:///dev/null/no-launcher-manifest.json");
 const QString kPrevious = QStringLiteral("0.2.0");
 const QString kNew = QStringLiteral("0.3.0");
-
-void collectOrphans() {
-    while (::waitpid(-1, nullptr, WNOHANG) > 0) {
-    }
-}
 
 qint64 bytesServed(const QList<TestServer::Served>& served) {
     qint64 total = 0;
@@ -48,31 +34,12 @@ qint64 bytesServed(const QList<TestServer::Served>& served) {
 
 } // namespace
 
-class TestResumedDownloads : public QObject {
+class TestResumedDownloads : public QObject, InstallFixture {
     Q_OBJECT
 
-    std::unique_ptr<TestServer> server_;
-    std::unique_ptr<QTemporaryDir> dir_;
-    int serial_ = 0;
+    QString downloads() const { return storage().downloads(); }
 
-    QString path(const QString& name) const { return dir_->filePath(name); }
-    QString data() const { return path(QStringLiteral("data")); }
-    QString tmp() const { return path(QStringLiteral("tmp")); }
-    QString launcherRoot() const { return data() + QStringLiteral("/Zentho/launcher"); }
-    QString downloads() const { return launcherRoot() + QStringLiteral("/downloads"); }
-    QString build(const QString& version) const {
-        return launcherRoot() + QStringLiteral("/versions/") + version;
-    }
-    QString record() const { return path(QStringLiteral("record")); }
-    QString runtime() const { return path(QStringLiteral("runtime")); }
-
-    // The previous build, a recorder, installed and current under `root`.
-    void installPrevious(const QString& root) {
-        const QString folder = root + QStringLiteral("/Zentho/launcher/versions/") + kPrevious;
-        StandinGames::recorder(folder, record(), 1.5);
-        TestFiles::writeFile(root + QStringLiteral("/Zentho/launcher/current-macos.json"),
-                             InstalledState{kPrevious, build(kPrevious)}.encode());
-    }
+    void installPrevious(const QString& root) { installCurrent(kPrevious, root); }
     // A build archive of about `megabytes` (a recorder and incompressible padding).
     QByteArray buildArchive(double megabytes, quint32 seed) {
         const QString folder = path(QStringLiteral("build-%1").arg(seed));
@@ -86,62 +53,23 @@ class TestResumedDownloads : public QObject {
     // address and the archive's path on the server in `archivePath`.
     QString publish(const QByteArray& archive, const QString& location, QString* archivePath,
                     const QByteArray& good = {}) {
-        const QString name = QStringLiteral("game-%1.tar.gz").arg(++serial_);
-        server_->writeFile(name, archive);
-        const QString digest = QString::fromLatin1(
-            QCryptographicHash::hash(good.isEmpty() ? archive : good, QCryptographicHash::Sha256)
-                .toHex());
-        *archivePath = location + QLatin1Char('/') + name;
-        server_->writeFile(
-            name + QStringLiteral(".json"),
-            QStringLiteral("{\"version\":\"%1\",\"platform\":\"macos-arm64\",\"url\":\"%2\","
-                           "\"sha256\":\"%3\",\"executable\":\"zentho\"}")
-                .arg(kNew, server_->url(*archivePath).toString(), digest)
-                .toUtf8());
-        return server_->url(QLatin1Char('/') + name + QStringLiteral(".json")).toString();
-    }
-    std::unique_ptr<RealLauncher> launcher(const QString& manifest) const {
-        auto real = std::make_unique<RealLauncher>(LauncherBundles::builtBundle(), data());
-        real->useManifests(manifest, kNoLauncherUpdate);
-        real->recordGameStartIn(record());
-        real->environment().insert(QStringLiteral("TMPDIR"), tmp());
-        // Its own runtime folder, so Qt does not make one in the temporary folder.
-        real->environment().insert(QStringLiteral("XDG_RUNTIME_DIR"), runtime());
-        return real;
-    }
-    // One press of the main button; the folder of the game that started, or empty.
-    QString press(RealLauncher& real) {
-        QFile::remove(record());
-        real.start(*server_, kInvite);
-        const std::optional<int> exit = real.waitForExit(60000);
-        if (exit != std::optional<int>(0))
-            qWarning("launcher ended with %d: %s", exit.value_or(-1), real.errors().constData());
-        const std::optional<StandinGames::Record> started =
-            StandinGames::waitForRecord(record(), 5000);
-        if (!started)
-            return {};
-        RealLauncher::terminateAndCollect(started->pid);
-        return started->cwd;
+        const Published published = InstallFixture::publish(kNew, archive, location, good);
+        *archivePath = published.archivePath;
+        return published.manifest;
     }
     // Starts the launcher, kills it with SIGKILL once `fraction` of `size` bytes are in its
     // download, and waits until nginx has logged the cut request. The bytes it had kept.
     qint64 killHalfway(const QString& manifest, const QString& archivePath, qint64 size,
                        double fraction = 0.5) {
         std::unique_ptr<RealLauncher> first = launcher(manifest);
-        first->start(*server_, kInvite);
+        first->start(*server_, QStringLiteral("zentho://invite/resumed-downloads"));
         const qint64 pid = first->launcherPid();
         if (pid <= 0)
             return -1;
-        qint64 kept = 0;
-        QElapsedTimer clock;
-        clock.start();
-        while (clock.elapsed() < 30000 && kept < qint64(double(size) * fraction)) {
-            QTest::qWait(20);
-            kept = partialSize();
-        }
+        if (!QTest::qWaitFor([&] { return partialSize() >= qint64(double(size) * fraction); }, 60000))
+            qWarning("the download never got to %.0f %%", fraction * 100);
         ::kill(pid_t(pid), SIGKILL);
         first->waitForExit(10000);
-        collectOrphans();
         // nginx logs the cut request once it notices the connection has gone.
         if (!QTest::qWaitFor([&] { return server_->servedFor(archivePath).size() == 1; }, 10000))
             qWarning("nginx did not log the cut request");
@@ -175,21 +103,12 @@ class TestResumedDownloads : public QObject {
 
 private slots:
     void initTestCase() {
-        QVERIFY(RealLauncher::becomeSubreaper());
-        QVERIFY(
-            QFileInfo(RealLauncher::executableOf(LauncherBundles::builtBundle())).isExecutable());
-        server_ = std::make_unique<TestServer>();
+        ZENTHO_REQUIRE(root);
+        ZENTHO_REQUIRE(nginx);
+        setUpSuite();
     }
-    void init() {
-        dir_ = std::make_unique<QTemporaryDir>();
-        TestFiles::makeFolder(tmp());
-        TestFiles::makeFolder(runtime());
-        QVERIFY(QFile::setPermissions(runtime(), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
-    }
-    void cleanup() {
-        dir_.reset();
-        collectOrphans();
-    }
+    void init() { setUp(); }
+    void cleanup() { tearDown(); }
 
     // Killed halfway, started again: the rest is asked for with Range, no more than a tenth of
     // the archive comes twice, and the new build starts.
@@ -263,20 +182,10 @@ private slots:
     void droppedConnectionIsResumedInTheSameAttempt() {
         installPrevious(data());
         const QByteArray archive = buildArchive(1, 5);
-        const QString name = QStringLiteral("cut-%1.tar.gz").arg(++serial_);
-        server_->writeFile(name, archive);
-        const QString archivePath = QStringLiteral("/fault/cutfile/400000/") + name;
-        const QString digest = QString::fromLatin1(
-            QCryptographicHash::hash(archive, QCryptographicHash::Sha256).toHex());
-        server_->writeFile(
-            name + QStringLiteral(".json"),
-            QStringLiteral("{\"version\":\"%1\",\"platform\":\"macos-arm64\",\"url\":\"%2\","
-                           "\"sha256\":\"%3\",\"executable\":\"zentho\"}")
-                .arg(kNew, server_->url(archivePath).toString(), digest)
-                .toUtf8());
+        QString archivePath;
+        const QString manifest = publish(archive, QStringLiteral("/fault/cutfile/400000"), &archivePath);
         const int before = server_->faultServer().rangesAsked().size();
-        std::unique_ptr<RealLauncher> real =
-            launcher(server_->url(QLatin1Char('/') + name + QStringLiteral(".json")).toString());
+        std::unique_ptr<RealLauncher> real = launcher(manifest);
         QCOMPARE(press(*real), build(kNew));
         const QList<QByteArray> ranges = server_->faultServer().rangesAsked().mid(before);
         QVERIFY2(ranges.size() >= 3, ranges.join(' ').constData());

@@ -4,9 +4,13 @@
 // on as for any manifest failure. The launcher players get by default never asks for a signature.
 
 #include "LauncherBundles.h"
+#include "LauncherStorage.h"
+#include "LauncherTestScope.h"
+#include "ManifestJson.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "TestFiles.h"
+#include "TestRequirements.h"
 #include "TestServer.h"
 
 #include "formats/ManifestExpiry.h"
@@ -14,14 +18,12 @@
 #include "trust/ManifestSignature.h"
 
 #include <QDateTime>
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QTemporaryDir>
 #include <QTest>
 
-#include <sys/wait.h>
+#include <optional>
 
 using ReleaseTool::Run;
 
@@ -42,10 +44,11 @@ const QString kLauncherArchive = QStringLiteral("/release/launcher-0.2.0.tar.gz"
 class TestSignedManifests : public QObject {
     Q_OBJECT
 
-    QTemporaryDir* tmp_ = nullptr;
-    QList<qint64> leftovers_;
+    // The test function's folder and what its launchers leave behind.
+    std::optional<LauncherTestScope> scope_;
 
-    QString path(const QString& relative) const { return tmp_->filePath(relative); }
+    QString path(const QString& relative) const { return scope_->path(relative); }
+    LauncherStorage storage() const { return LauncherStorage(path(QStringLiteral("data"))); }
 
     // Serves `json` at /release/`name` with a signature beside it made as `how` says.
     static void serveSigned(TestServer& server, const QString& name, QByteArray json, const QString& how) {
@@ -82,16 +85,16 @@ class TestSignedManifests : public QObject {
     // the manifest downloads the archive and stops there, one that refuses it never asks.
     static void publishUnusableLauncher(TestServer& server, const QString& how) {
         server.writeFile(kLauncherArchive.mid(1), "not the archive the manifest describes");
-        const QByteArray json = "{\"version\":\"0.2.0\",\"platform\":\"macos-launcher-arm64\",\"url\":\"" +
-                                server.url(kLauncherArchive).toEncoded() + "\",\"sha256\":\"" + QByteArray(64, '0') +
-                                "\",\"executable\":\"ZenthoLauncher.app\"}\n";
+        const QByteArray json =
+            ManifestJson::launcher(QStringLiteral("0.2.0"), server.url(kLauncherArchive).toString(), QString(64, QLatin1Char('0')))
+                .lineEnd();
         serveSigned(server, QStringLiteral("macos-launcher-arm64-manifest.json"), json, how);
     }
 
     // Starts the launcher of `bundle` for an invite with both manifests on `server`, waits for it
-    // to quit and returns the record of the game it started.
+    // to quit and returns the record of the game it started (which cleanup() ends).
     QByteArray pressPlay(TestServer& server, const QString& bundle) {
-        RealLauncher launcher(bundle, path(QStringLiteral("data")));
+        RealLauncher launcher(bundle, storage().dataHome());
         launcher.useManifests(server.url(QStringLiteral("/release/macos-arm64-manifest.json")).toString(),
                               server.url(QStringLiteral("/release/macos-launcher-arm64-manifest.json")).toString());
         const QString record = path(QStringLiteral("record"));
@@ -101,7 +104,6 @@ class TestSignedManifests : public QObject {
         const QByteArray recorded = RealLauncher::waitForGameRecord(record);
         if (exit != std::optional<int>(0) || recorded.isEmpty())
             qWarning("launcher: %s", launcher.errors().constData());
-        leftovers_ << RealLauncher::recordedPid(recorded);
         return recorded;
     }
     static int requests(const TestServer& server, const QString& path) {
@@ -110,22 +112,13 @@ class TestSignedManifests : public QObject {
 
 private slots:
     void initTestCase() {
+        ZENTHO_REQUIRE(root);
+        ZENTHO_REQUIRE(nginx);
         QVERIFY(RealLauncher::becomeSubreaper());
         QCOMPARE(RealLauncher::versionOf(signedBundle()), QStringLiteral("0.1.190"));
     }
-    void init() {
-        tmp_ = new QTemporaryDir;
-        leftovers_.clear();
-    }
-    void cleanup() {
-        for (const qint64 pid : leftovers_) {
-            if (pid > 0)
-                RealLauncher::terminateAndCollect(pid);
-        }
-        while (::waitpid(-1, nullptr, WNOHANG) > 0) {
-        }
-        delete tmp_;
-    }
+    void init() { scope_.emplace(); }
+    void cleanup() { scope_.reset(); }
 
     void bothManifestsMustBeSignedByATrustedKey_data() {
         QTest::addColumn<QString>("how");
@@ -148,7 +141,7 @@ private slots:
         // The game manifest: installed and started, or refused and the seed runtime started.
         QVERIFY2(recorded.startsWith(accepted ? "version=0.2.0\n" : "version=0.1.190\n"), recorded.constData());
         QVERIFY(recorded.contains("arg=zentho://invite/signed\n"));
-        QCOMPARE(QFileInfo::exists(path(QStringLiteral("data/Zentho/launcher/versions/0.2.0"))), accepted);
+        QCOMPARE(QFileInfo::exists(storage().build(QStringLiteral("0.2.0"))), accepted);
         // The launcher manifest: its archive fetched only when the manifest was accepted.
         QCOMPARE(requests(server, kLauncherArchive), accepted ? 1 : 0);
         QCOMPARE(requests(server, QStringLiteral("/release/macos-arm64-manifest.json.sig")), 1);
@@ -175,6 +168,9 @@ private slots:
     // A real update of the signed launcher, its manifest signed with the next key by pack.
     void theSignedLauncherUpdatesItselfUnderTheNextKey() {
         TestServer server;
+        // Made after the server, whose nginx is the test's own: what comes after it is what the
+        // launchers leave.
+        AdoptedProcesses leftBehind;
         const QString installed = path(QStringLiteral("Applications/ZenthoLauncher.app"));
         TestFiles::makeFolder(path(QStringLiteral("Applications")));
         ReleaseTool::copyTree(signedBundle(), installed);
@@ -185,20 +181,24 @@ private slots:
                                                      {QStringLiteral("--sign-key"), ReleaseTool::testManifestKeyNext()});
         QVERIFY2(packed.ok(), packed.errors.constData());
 
-        RealLauncher launcher(installed, path(QStringLiteral("data")));
+        RealLauncher launcher(installed, storage().dataHome());
         launcher.useManifests(server.url(QStringLiteral("/release/macos-arm64-manifest.json")).toString(),
                               server.url(QStringLiteral("/release/macos-launcher-arm64-manifest.json")).toString());
-        launcher.recordGameStartIn(path(QStringLiteral("record")));
+        const QString record = path(QStringLiteral("record"));
+        launcher.recordGameStartIn(record);
         launcher.start(server, QStringLiteral("zentho://invite/updated"));
         QCOMPARE(launcher.waitForExit(), std::optional<int>(0));
 
-        QDeadlineTimer deadline(20000);
-        while (RealLauncher::versionOf(installed) != QLatin1String("0.2.0") && !deadline.hasExpired())
-            QTest::qWait(100);
+        // The finish script swaps the bundles and starts the new launcher from the old path. It
+        // finds no game release, starts its own seed game with the invite and quits: the game
+        // is then the only process the launchers left.
+        const QByteArray recorded = RealLauncher::waitForGameRecord(record, 60000);
+        QVERIFY2(recorded.startsWith("version=0.2.0\ncwd=" + QFile::encodeName(installed) +
+                                     "/Contents/Resources/SeedRuntime\narg=zentho://invite/updated\n"),
+                 (recorded + launcher.errors()).constData());
         QCOMPARE(RealLauncher::versionOf(installed), QStringLiteral("0.2.0"));
-        QVERIFY(QTest::qWaitFor([&] { return !RealLauncher::processesRunning(RealLauncher::executableOf(installed)).isEmpty(); }, 20000));
-        leftovers_ << RealLauncher::processesRunning(RealLauncher::executableOf(installed));
-        leftovers_ << RealLauncher::recordedPid(TestFiles::readFile(path(QStringLiteral("record"))));
+        const qint64 game = RealLauncher::recordedPid(recorded);
+        QVERIFY(QTest::qWaitFor([&] { return leftBehind.running() == QList<qint64>{game}; }, 30000));
     }
 };
 

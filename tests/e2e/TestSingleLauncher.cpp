@@ -31,7 +31,7 @@ public:
                     QUrl::fromLocalFile(dir_.filePath(QStringLiteral("none.json"))).toString());
         env_.insert(QStringLiteral("ZENTHO_LAUNCHER_UPDATE_MANIFEST"),
                     QUrl::fromLocalFile(dir_.filePath(QStringLiteral("none-launcher.json"))).toString());
-        env_.insert(QStringLiteral("ZENTHO_STANDIN_RECORD"), recordPath());
+        recordGamesIn(QStringLiteral("game-record"));
         TestFiles::makeFolder(dir_.filePath(QStringLiteral("run")));
         ::chmod(QFile::encodeName(dir_.filePath(QStringLiteral("run"))).constData(), 0700);
     }
@@ -42,13 +42,21 @@ public:
                 process->waitForFinished(5000);
             }
         }
-        if (const qint64 pid = gamePid(); pid > 0)
-            ::kill(pid_t(pid), SIGTERM);
+        for (const QString& record : records_) {
+            if (const qint64 pid = gamePid(record); pid > 0)
+                ::kill(pid_t(pid), SIGTERM);
+        }
     }
 
     // Later starts keep their builds under this folder of the test's own.
     void useStorage(const QString& name) {
         env_.insert(QStringLiteral("XDG_DATA_HOME"), dir_.filePath(name));
+    }
+    // A game that later starts start records itself in this file of the test's own: which file
+    // a game wrote tells which launcher started it.
+    void recordGamesIn(const QString& name) {
+        records_ << dir_.filePath(name);
+        env_.insert(QStringLiteral("ZENTHO_STANDIN_RECORD"), records_.last());
     }
     QProcess* start(const QStringList& args = {}) {
         auto process = std::make_unique<QProcess>();
@@ -75,16 +83,16 @@ public:
         }
         return true;
     }
-    QString recordPath() const { return dir_.filePath(QStringLiteral("game-record")); }
-    QStringList gameArguments() const {
+    QString recordPath(const QString& name = QStringLiteral("game-record")) const { return dir_.filePath(name); }
+    QStringList gameArguments(const QString& name = QStringLiteral("game-record")) const {
         QStringList arguments;
-        for (const QByteArray& line : TestFiles::readFile(recordPath()).split('\n'))
+        for (const QByteArray& line : TestFiles::readFile(recordPath(name)).split('\n'))
             if (line.startsWith("arg="))
                 arguments.append(QString::fromUtf8(line.mid(4)));
         return arguments;
     }
-    qint64 gamePid() const {
-        for (const QByteArray& line : TestFiles::readFile(recordPath()).split('\n'))
+    qint64 gamePid(const QString& record) const {
+        for (const QByteArray& line : TestFiles::readFile(record).split('\n'))
             if (line.startsWith("pid="))
                 return line.mid(4).toLongLong();
         return 0;
@@ -94,6 +102,7 @@ private:
     QTemporaryDir dir_;
     QProcessEnvironment env_;
     std::vector<std::unique_ptr<QProcess>> started_;
+    QStringList records_;
 };
 
 bool endsWith(QProcess* process, int code, int timeoutMs = 20000) {
@@ -125,8 +134,15 @@ private slots:
         QVERIFY(launchers.waitForListeners());
         QProcess* second = launchers.start();
         QVERIFY(endsWith(second, 0));
-        QVERIFY(!first->waitForFinished(1500));
         QVERIFY(!QFileInfo::exists(launchers.recordPath()));
+        // The first still waits: a link handed over now reaches it (a game it starts records in
+        // the first file), rather than being followed by the one that brings it.
+        launchers.recordGamesIn(QStringLiteral("third-record"));
+        QProcess* third = launchers.start({kInvite});
+        QVERIFY(endsWith(third, 0));
+        QVERIFY(endsWith(first, 0));
+        QCOMPARE(launchers.gameArguments(), QStringList{kInvite});
+        QVERIFY(!QFileInfo::exists(launchers.recordPath(QStringLiteral("third-record"))));
     }
 
     void launchersWithSeparateStorageDoNotShareLinks() {
@@ -134,12 +150,22 @@ private slots:
         QProcess* first = launchers.start();
         QVERIFY(launchers.waitForListeners());
         launchers.useStorage(QStringLiteral("other-data"));
+        launchers.recordGamesIn(QStringLiteral("other-record"));
         QProcess* other = launchers.start({kInvite});
         // The other launcher follows the link itself: it starts the game and quits.
         QVERIFY(endsWith(other, 0));
-        QCOMPARE(launchers.gameArguments(), QStringList{kInvite});
+        QCOMPARE(launchers.gameArguments(QStringLiteral("other-record")), QStringList{kInvite});
         // Had the link gone to the first launcher, that one would have started a game and quit.
-        QVERIFY(!first->waitForFinished(1500));
+        // It still waits: a link for its own storage reaches it.
+        QVERIFY(!QFileInfo::exists(launchers.recordPath()));
+        launchers.useStorage(QStringLiteral("data"));
+        launchers.recordGamesIn(QStringLiteral("third-record"));
+        const QString later = kInvite + QStringLiteral("&later=1");
+        QProcess* third = launchers.start({later});
+        QVERIFY(endsWith(third, 0));
+        QVERIFY(endsWith(first, 0));
+        QCOMPARE(launchers.gameArguments(), QStringList{later});
+        QVERIFY(!QFileInfo::exists(launchers.recordPath(QStringLiteral("third-record"))));
     }
 
     void linkOnTheCommandLineIsFollowedAtOnce() {

@@ -2,6 +2,7 @@
 // real game processes. Each press runs in its own process (see FlowScenario).
 
 #include "FlowScenario.h"
+#include "ManifestJson.h"
 #include "ScopedDataHome.h"
 #include "StandinGames.h"
 #include "TestArchives.h"
@@ -13,8 +14,6 @@
 
 #include <QDir>
 #include <QGuiApplication>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -30,12 +29,7 @@ const QString kFallback = QStringLiteral("Update unavailable; starting installed
 
 QByteArray manifest(const QString& version, const QString& platform, const QString& url,
                     const QString& sha256, const QString& executable) {
-    return QJsonDocument(QJsonObject{{"version", version},
-                                     {"platform", platform},
-                                     {"url", url},
-                                     {"sha256", sha256},
-                                     {"executable", executable}})
-        .toJson();
+    return ManifestJson(version, url, sha256).platform(platform).executable(executable);
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 // sizes, and a player whose storage is short reads exactly that after "Update failed: ".
 
 #include "LauncherModelProbe.h"
+#include "ManifestJson.h"
 #include "RecordingPlatform.h"
 #include "SmallDisk.h"
 #include "StandinGames.h"
@@ -77,11 +78,8 @@ private slots:
             TestArchives::bytesOf(build, {QStringLiteral("zentho"), QStringLiteral("pad")}));
         server.writeFile(
             QStringLiteral("game.json"),
-            QStringLiteral("{\"version\":\"0.3.0\",\"platform\":\"macos-arm64\",\"url\":\"%1\","
-                           "\"sha256\":\"%2\",\"executable\":\"zentho\"}")
-                .arg(server.url(QStringLiteral("/throttle/game.tar.gz")).toString(),
-                     TestArchives::sha256sum(archive))
-                .toUtf8());
+            ManifestJson(QStringLiteral("0.3.0"), server.url(QStringLiteral("/throttle/game.tar.gz")).toString(),
+                         TestArchives::sha256sum(archive)));
         qputenv("ZENTHO_UPDATE_MANIFEST", server.url(QStringLiteral("/game.json")).toEncoded());
         qputenv("ZENTHO_LAUNCHER_UPDATE_MANIFEST", "file:///dev/null/none.json");
         qputenv("XDG_DATA_HOME", QFile::encodeName(disk.path()));

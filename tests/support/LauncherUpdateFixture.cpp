@@ -1,6 +1,7 @@
 #include "LauncherUpdateFixture.h"
 
 #include "LauncherBundles.h"
+#include "ManifestJson.h"
 #include "TestArchives.h"
 #include "TestFiles.h"
 #include "TestServer.h"
@@ -14,8 +15,6 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
-#include <QJsonDocument>
-#include <QJsonObject>
 #include <QRegularExpression>
 #include <QTest>
 
@@ -68,12 +67,7 @@ QString LauncherUpdateFixture::makeNewBundle(const QString& name, const QString&
 QByteArray LauncherUpdateFixture::manifestJson(const QString& version, const QString& platform,
                                                const QString& url, const QString& sha256,
                                                const QString& executable) {
-    return QJsonDocument(QJsonObject{{QStringLiteral("version"), version},
-                                     {QStringLiteral("platform"), platform},
-                                     {QStringLiteral("url"), url},
-                                     {QStringLiteral("sha256"), sha256},
-                                     {QStringLiteral("executable"), executable}})
-        .toJson();
+    return ManifestJson(version, url, sha256).platform(platform).executable(executable);
 }
 
 QString LauncherUpdateFixture::hexDigest(const QByteArray& bytes) {

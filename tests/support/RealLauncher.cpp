@@ -49,7 +49,8 @@ void RealLauncher::start(const TestServer& server, const QString& invite) {
 }
 
 std::optional<int> RealLauncher::waitForExit(int timeoutMs) {
-    const bool ended = process_.waitForFinished(timeoutMs);
+    // waitForFinished() answers false for a process that has already ended.
+    const bool ended = process_.state() == QProcess::NotRunning || process_.waitForFinished(timeoutMs);
     errors_ = process_.readAllStandardError();
     if (!ended) {
         process_.kill();
@@ -59,6 +60,10 @@ std::optional<int> RealLauncher::waitForExit(int timeoutMs) {
     if (process_.exitStatus() != QProcess::NormalExit)
         return std::nullopt;
     return process_.exitCode();
+}
+
+bool RealLauncher::stillRunningAfter(int timeoutMs) {
+    return !process_.waitForFinished(timeoutMs) && process_.state() != QProcess::NotRunning;
 }
 
 qint64 RealLauncher::launcherPid(int timeoutMs) const {

@@ -33,6 +33,9 @@ public:
     // Waits for the launcher to end by itself; its exit code, or none when it did not end in
     // time (it is then killed) or crashed.
     std::optional<int> waitForExit(int timeoutMs = 60000);
+    // Waits up to `timeoutMs` for the launcher to end, and leaves it running when it does not:
+    // true while it still runs.
+    bool stillRunningAfter(int timeoutMs);
     QByteArray errors() const { return errors_; }
 
     // `bundle`/Contents/MacOS/ZenthoLauncher --version, trimmed.

@@ -64,6 +64,34 @@ Run packGame(const QString& source, const QString& version, const QString& urlBa
                timeoutMs);
 }
 
+Run packGameWithChunks(const QString& source, const QString& version, const QString& urlBase,
+                       const QString& out, const QString& store, const QString& storeUrl,
+                       const QStringList& extra) {
+    return packGame(source, version, urlBase, out,
+                    QStringList{QStringLiteral("--chunks"), store, QStringLiteral("--chunks-url"), storeUrl} + extra);
+}
+
+Run verify(const QString& manifest, const QString& archive, const QStringList& extra) {
+    return run(QStringList{QStringLiteral("verify")} + extra + QStringList{manifest, archive});
+}
+
+Run verify(const Run& packed, const QStringList& extra) {
+    return verify(packed.line(QStringLiteral("manifest")), packed.line(QStringLiteral("archive")), extra);
+}
+
+Run publishWithChunks(const QString& documentRoot, const QString& store, const QString& manifest) {
+    return run({QStringLiteral("publish"), QStringLiteral("--to"), documentRoot, QStringLiteral("--chunks"), store,
+                manifest});
+}
+
+QString missingFromTheBuild() {
+    if (!QFileInfo::exists(LauncherBundles::releaseTool()))
+        return QStringLiteral("zentho-release is not built");
+    if (!QFileInfo::exists(standinGame020()))
+        return QStringLiteral("the 0.2.0 stand-in is not built");
+    return {};
+}
+
 Run packLauncher(const QString& bundle, const QString& version, const QString& urlBase,
                  const QString& out, const QStringList& extra) {
     return run(QStringList{QStringLiteral("pack"), QStringLiteral("--platform"),

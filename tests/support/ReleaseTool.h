@@ -27,6 +27,21 @@ Run run(const QStringList& arguments, int timeoutMs = 120000);
 // the manifest's path).
 Run packGame(const QString& source, const QString& version, const QString& urlBase,
              const QString& out, const QStringList& extra = {}, int timeoutMs = 120000);
+// packGame with a chunk store: the chunks go to `store`, the manifest names them at `storeUrl`.
+Run packGameWithChunks(const QString& source, const QString& version, const QString& urlBase,
+                       const QString& out, const QString& store, const QString& storeUrl,
+                       const QStringList& extra = {});
+// verify `manifest` `archive`, with `extra` options first.
+Run verify(const QString& manifest, const QString& archive, const QStringList& extra = {});
+// verify of what `packed` wrote.
+Run verify(const Run& packed, const QStringList& extra = {});
+// publish --to `documentRoot` --chunks `store` of the release whose manifest is `manifest`.
+Run publishWithChunks(const QString& documentRoot, const QString& store, const QString& manifest);
+
+// Why the release tests cannot run with this build (the tool or the 0.2.0 stand-in is not
+// built), or empty when they can.
+QString missingFromTheBuild();
+
 // pack --platform macos-launcher-arm64 for a bundle folder, whose name is the executable, with its
 // seal checked against the test keys.
 Run packLauncher(const QString& bundle, const QString& version, const QString& urlBase,

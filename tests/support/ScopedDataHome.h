@@ -1,5 +1,7 @@
 #pragma once
 
+#include "LauncherStorage.h"
+
 #include <QByteArray>
 #include <QString>
 #include <QTemporaryDir>
@@ -14,9 +16,10 @@ public:
     ScopedDataHome& operator=(const ScopedDataHome&) = delete;
 
     QString path() const { return dir_.path(); }
-    QString launcherRoot() const { return path() + QStringLiteral("/Zentho/launcher"); }
-    QString versionsRoot() const { return launcherRoot() + QStringLiteral("/versions"); }
-    QString statePath() const { return launcherRoot() + QStringLiteral("/current-macos.json"); }
+    LauncherStorage storage() const { return LauncherStorage(path()); }
+    QString launcherRoot() const { return storage().root(); }
+    QString versionsRoot() const { return storage().versions(); }
+    QString statePath() const { return storage().state(); }
 
 private:
     QTemporaryDir dir_;

@@ -82,40 +82,96 @@ QString XvfbSession::windowProperty(const QString& window, const QString& proper
     return QString::fromUtf8(xprop.readAllStandardOutput()).trimmed();
 }
 
-bool XvfbSession::click(QPoint point) const {
-    // Xlib and XTEST are loaded by name: the machine has their libraries but no headers.
-    using OpenDisplay = void* (*)(const char*);
-    using CloseDisplay = int (*)(void*);
-    using Flush = int (*)(void*);
-    using FakeMotion = int (*)(void*, int, int, int, unsigned long);
-    using FakeButton = int (*)(void*, unsigned int, int, unsigned long);
-    void* x11 = ::dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL);
-    void* xtst = ::dlopen("libXtst.so.6", RTLD_NOW | RTLD_LOCAL);
-    bool clicked = false;
-    if (x11 && xtst) {
-        const auto open = reinterpret_cast<OpenDisplay>(::dlsym(x11, "XOpenDisplay"));
-        const auto close = reinterpret_cast<CloseDisplay>(::dlsym(x11, "XCloseDisplay"));
-        const auto flush = reinterpret_cast<Flush>(::dlsym(x11, "XFlush"));
-        const auto motion = reinterpret_cast<FakeMotion>(::dlsym(xtst, "XTestFakeMotionEvent"));
-        const auto button = reinterpret_cast<FakeButton>(::dlsym(xtst, "XTestFakeButtonEvent"));
-        if (open && close && flush && motion && button) {
-            if (void* display = open(display_.toLocal8Bit().constData())) {
-                motion(display, -1, point.x(), point.y(), 0);
-                flush(display);
-                QTest::qWait(100);
-                button(display, 1, 1, 0);
-                flush(display);
-                QTest::qWait(50);
-                button(display, 1, 0, 0);
-                flush(display);
-                close(display);
-                clicked = true;
-            }
-        }
+namespace {
+
+// A connection to the X server through Xlib and XTEST, loaded by name: the machine has their
+// libraries but no headers. When it goes, it waits until the server has handled every request
+// sent on it (XSync), then closes.
+class XConnection {
+public:
+    explicit XConnection(const QString& display)
+        : x11_(::dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL)), xtst_(::dlopen("libXtst.so.6", RTLD_NOW | RTLD_LOCAL)) {
+        const auto open = x11<void* (*)(const char*)>("XOpenDisplay");
+        if (open && x11<int (*)(void*)>("XCloseDisplay") && x11<int (*)(void*, int)>("XSync"))
+            display_ = open(display.toLocal8Bit().constData());
     }
-    if (xtst)
-        ::dlclose(xtst);
-    if (x11)
-        ::dlclose(x11);
-    return clicked;
+    ~XConnection() {
+        if (display_) {
+            x11<int (*)(void*, int)>("XSync")(display_, 0);
+            x11<int (*)(void*)>("XCloseDisplay")(display_);
+        }
+        if (xtst_)
+            ::dlclose(xtst_);
+        if (x11_)
+            ::dlclose(x11_);
+    }
+    XConnection(const XConnection&) = delete;
+    XConnection& operator=(const XConnection&) = delete;
+
+    // The display, or null when there is none to talk to.
+    void* display() const { return display_; }
+    template <typename Function> Function x11(const char* name) const {
+        return x11_ ? reinterpret_cast<Function>(::dlsym(x11_, name)) : nullptr;
+    }
+    template <typename Function> Function xtst(const char* name) const {
+        return xtst_ ? reinterpret_cast<Function>(::dlsym(xtst_, name)) : nullptr;
+    }
+
+private:
+    void* x11_;
+    void* xtst_;
+    void* display_ = nullptr;
+};
+
+// Xlib's XClientMessageEvent, as its header lays it out.
+struct ClientMessage {
+    int type;
+    unsigned long serial;
+    int sendEvent;
+    void* display;
+    unsigned long window;
+    unsigned long messageType;
+    int format;
+    long data[5];
+};
+// Xlib's XEvent is a union padded to 24 longs.
+union Event {
+    ClientMessage message;
+    long pad[24];
+};
+constexpr int kClientMessage = 33;
+
+} // namespace
+
+bool XvfbSession::click(QPoint point) const {
+    const XConnection x(display_);
+    const auto motion = x.xtst<int (*)(void*, int, int, int, unsigned long)>("XTestFakeMotionEvent");
+    const auto button = x.xtst<int (*)(void*, unsigned int, int, unsigned long)>("XTestFakeButtonEvent");
+    if (!x.display() || !motion || !button)
+        return false;
+    // The server handles one client's requests in order: the press lands where the pointer was
+    // moved, and the release after the press, with no pause between them.
+    motion(x.display(), -1, point.x(), point.y(), 0);
+    button(x.display(), 1, 1, 0);
+    button(x.display(), 1, 0, 0);
+    return true;
+}
+
+bool XvfbSession::askToClose(const QString& window) const {
+    const XConnection x(display_);
+    const auto intern = x.x11<unsigned long (*)(void*, const char*, int)>("XInternAtom");
+    const auto send = x.x11<int (*)(void*, unsigned long, int, long, Event*)>("XSendEvent");
+    bool number = false;
+    const unsigned long id = window.toULong(&number, 0);
+    if (!x.display() || !intern || !send || !number)
+        return false;
+    // What a window manager sends when the player clicks the window's close button.
+    Event event{};
+    event.message.type = kClientMessage;
+    event.message.window = id;
+    event.message.messageType = intern(x.display(), "WM_PROTOCOLS", 0);
+    event.message.format = 32;
+    event.message.data[0] = long(intern(x.display(), "WM_DELETE_WINDOW", 0));
+    event.message.data[1] = 0; // CurrentTime
+    return send(x.display(), id, 0, 0, &event) != 0;
 }

@@ -22,16 +22,20 @@ public:
     QString display() const { return display_; }
 
     // Where the top-level window titled `title` that has a WM_CLASS lies on the screen, once it
-    // is mapped; none when it did not appear within `timeoutMs`.
-    std::optional<QRect> waitForWindow(const QString& title, int timeoutMs = 20000) const;
+    // is mapped; none when it did not appear within `timeoutMs`. A launcher on a loaded machine
+    // can take over 20 s to show its window, hence the long default.
+    std::optional<QRect> waitForWindow(const QString& title, int timeoutMs = 90000) const;
     // The X id of that window once it is mapped; none when it did not appear within `timeoutMs`.
-    std::optional<QString> waitForWindowId(const QString& title, int timeoutMs = 20000) const;
+    std::optional<QString> waitForWindowId(const QString& title, int timeoutMs = 90000) const;
     // One property of the window with X id `window` as xprop prints it without its type
     // ("WM_CLASS = \"a\", \"b\""); `format` is xprop's -f format for it, when given.
     QString windowProperty(const QString& window, const QString& property,
                            const QString& format = {}) const;
     // A left click at `point` in screen pixels. False when the display or XTEST is unavailable.
     bool click(QPoint point) const;
+    // Asks the window with X id `window` to close, as a window manager does for its close
+    // button (WM_DELETE_WINDOW). False when the display is unavailable.
+    bool askToClose(const QString& window) const;
 
 private:
     // The first match of `title`'s window line in the tree of windows: its id, size and position.

@@ -3,6 +3,7 @@
 // exactly the window it always was.
 
 #include "LauncherModelProbe.h"
+#include "ManifestJson.h"
 #include "StandinGames.h"
 #include "TestArchives.h"
 #include "TestFiles.h"
@@ -96,11 +97,8 @@ private slots:
         const QString archivePath = server.writeFile(QStringLiteral("game.tar.gz"), archive);
         server.writeFile(
             QStringLiteral("game.json"),
-            QStringLiteral("{\"version\":\"0.3.0\",\"platform\":\"macos-arm64\",\"url\":\"%1\","
-                           "\"sha256\":\"%2\",\"executable\":\"zentho\"}")
-                .arg(server.url(QStringLiteral("/throttle/game.tar.gz")).toString(),
-                     TestArchives::sha256sum(archivePath))
-                .toUtf8());
+            ManifestJson(QStringLiteral("0.3.0"), server.url(QStringLiteral("/throttle/game.tar.gz")).toString(),
+                         TestArchives::sha256sum(archivePath)));
         WindowFixture::useMissingManifestsIn(dir.path());
         qputenv("ZENTHO_UPDATE_MANIFEST", server.url(QStringLiteral("/game.json")).toEncoded());
 

@@ -2,6 +2,7 @@
 // the exact bytes, decoding, the "expires" of a signed manifest and the platform, in that order,
 // over a real nginx and from local files.
 
+#include "ManifestJson.h"
 #include "TaskOutcome.h"
 #include "TestFiles.h"
 #include "TestRequirements.h"
@@ -23,10 +24,12 @@
 namespace {
 
 QByteArray manifestJson(const QString& platform, const QString& extra = {}) {
-    return QStringLiteral("{\"version\":\"0.2.0\",\"platform\":\"%1\",\"url\":\"https://127.0.0.1/a.tar.gz\","
-                          "\"sha256\":\"00\",\"executable\":\"zentho\"%2}\n")
-        .arg(platform, extra)
-        .toUtf8();
+    ManifestJson json(QStringLiteral("0.2.0"), QStringLiteral("https://127.0.0.1/a.tar.gz"), QStringLiteral("00"));
+    json.platform(platform).lineEnd();
+    // `extra` is written as it comes after the last member, its comma included.
+    if (!extra.isEmpty())
+        json.member(extra.mid(1).toUtf8());
+    return json;
 }
 
 QByteArray signatureBy(const Ed25519Key& key, const QByteArray& bytes) {

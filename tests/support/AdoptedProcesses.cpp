@@ -1,0 +1,57 @@
+#include "AdoptedProcesses.h"
+
+#include "RealLauncher.h"
+#include "StandinGames.h"
+
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QTest>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+// Every process whose parent is this one, from /proc.
+QList<qint64> children() {
+    QList<qint64> found;
+    const qint64 self = ::getpid();
+    for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        bool number = false;
+        const qint64 pid = entry.toLongLong(&number);
+        if (number && StandinGames::parentProcess(pid) == std::optional<qint64>(self))
+            found << pid;
+    }
+    return found;
+}
+
+} // namespace
+
+AdoptedProcesses::AdoptedProcesses() : known_(children()) {
+    RealLauncher::becomeSubreaper();
+}
+
+AdoptedProcesses::~AdoptedProcesses() {
+    endAll();
+}
+
+QList<qint64> AdoptedProcesses::running() {
+    QList<qint64> alive;
+    for (const qint64 pid : children()) {
+        if (known_.contains(pid))
+            continue;
+        // Only a child that has ended is collected; one that runs stays as it is.
+        if (::waitpid(pid_t(pid), nullptr, WNOHANG) == 0)
+            alive << pid;
+    }
+    return alive;
+}
+
+bool AdoptedProcesses::waitUntilAllEnded(int timeoutMs) {
+    return QTest::qWaitFor([this] { return running().isEmpty(); }, timeoutMs);
+}
+
+void AdoptedProcesses::endAll() {
+    for (const qint64 pid : running())
+        RealLauncher::terminateAndCollect(pid);
+}

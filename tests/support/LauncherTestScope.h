@@ -1,0 +1,19 @@
+#pragma once
+
+#include "AdoptedProcesses.h"
+
+#include <QString>
+#include <QTemporaryDir>
+
+// What one test function that runs real launchers owns: a fresh folder, and whatever its
+// launchers leave behind (games, finish scripts, relaunched launchers), which is ended before
+// the folder they may run from is removed.
+class LauncherTestScope {
+public:
+    QString path(const QString& relative) const { return dir_.filePath(relative); }
+    AdoptedProcesses& adopted() { return adopted_; }
+
+private:
+    QTemporaryDir dir_; // made first, so removed last
+    AdoptedProcesses adopted_;
+};
