@@ -26,6 +26,27 @@ QObject* toolTip(const WindowFixture& f) {
     return tip;
 }
 
+QObject* contextMenu(const WindowFixture& f) {
+    auto* menu = f.item("statusText")->findChild<QObject*>(QStringLiteral("statusMenu"));
+    if (!menu)
+        qFatal("the status line has no context menu");
+    return menu;
+}
+
+QQuickItem* copyItem(const WindowFixture& f) {
+    return f.item("statusCopyItem");
+}
+
+// Whether the entry's face is drawn in another colour than the menu's own: a highlighted entry is
+// shaded, an unchosen one is not.
+bool entryLooksHighlighted(const QImage& image, const QObject* menu, const QQuickItem* entry) {
+    const auto* palette = menu->property("palette").value<QObject*>();
+    const QColor menuColour = palette->property("window").value<QColor>();
+    const QPointF inside = entry->mapToScene(QPointF(entry->width() - 8, entry->height() / 2));
+    return !WindowPixels::near(image.pixel(inside.toPoint()), menuColour.red(), menuColour.green(),
+                               menuColour.blue());
+}
+
 } // namespace
 
 class TestStatusLine : public QObject {
@@ -169,6 +190,65 @@ private slots:
         QTest::keyClick(f.window->window(), Qt::Key_Return);
         QTRY_COMPARE(f.platform.clipboardWrites, QStringList{kTarFailure});
         QTRY_VERIFY(!menu->property("visible").toBool());
+    }
+
+    void keyboardOpenedMenuStartsOnCopy_data() {
+        QTest::addColumn<int>("openKey");
+        QTest::addColumn<int>("openModifiers");
+        QTest::addColumn<int>("confirmKey");
+        const std::pair<const char*, std::pair<int, int>> openers[] = {
+            {"Menu", {Qt::Key_Menu, Qt::NoModifier}}, {"Shift+F10", {Qt::Key_F10, Qt::ShiftModifier}}};
+        const std::pair<const char*, int> confirmers[] = {
+            {"Return", Qt::Key_Return}, {"Enter", Qt::Key_Enter}, {"Space", Qt::Key_Space}};
+        for (const auto& [opener, open] : openers)
+            for (const auto& [confirmer, confirm] : confirmers)
+                QTest::addRow("%s, %s", opener, confirmer) << open.first << open.second << confirm;
+    }
+    void keyboardOpenedMenuStartsOnCopy() {
+        QFETCH(int, openKey);
+        QFETCH(int, openModifiers);
+        QFETCH(int, confirmKey);
+        WindowFixture f;
+        LauncherModelProbe::setStatus(*f.model, kTarFailure);
+        QObject* menu = contextMenu(f);
+        f.item("statusText")->forceActiveFocus(Qt::TabFocusReason);
+        QTest::keyClick(f.window->window(), Qt::Key(openKey), Qt::KeyboardModifiers(openModifiers));
+        QTRY_VERIFY(menu->property("opened").toBool());
+        QCOMPARE(menu->property("currentIndex").toInt(), 0);
+        QQuickItem* copy = copyItem(f);
+        QVERIFY(copy->property("highlighted").toBool());
+        const QImage image = f.grab();
+        WindowPixels::save(image, QStringLiteral("status-menu-keyboard.png"));
+        QVERIFY(entryLooksHighlighted(image, menu, copy));
+        QTest::keyClick(f.window->window(), Qt::Key(confirmKey));
+        QTRY_COMPARE(f.platform.clipboardWrites, QStringList{kTarFailure});
+        QTRY_VERIFY(!menu->property("visible").toBool());
+    }
+
+    // The twin: the mouse opens the menu as it always did, with no entry chosen, also after the
+    // keyboard had opened it on "Copy".
+    void mouseOpenedMenuHighlightsNothing() {
+        WindowFixture f;
+        LauncherModelProbe::setStatus(*f.model, kTarFailure);
+        QObject* menu = contextMenu(f);
+        f.item("statusText")->forceActiveFocus(Qt::TabFocusReason);
+        QTest::keyClick(f.window->window(), Qt::Key_Menu);
+        QTRY_VERIFY(menu->property("opened").toBool());
+        QTest::keyClick(f.window->window(), Qt::Key_Escape);
+        QTRY_VERIFY(!menu->property("visible").toBool());
+        QVERIFY(f.platform.clipboardWrites.isEmpty());
+
+        QTest::mouseClick(f.window->window(), Qt::RightButton, {}, f.rectOf("statusText").center());
+        QTRY_VERIFY(menu->property("opened").toBool());
+        QCOMPARE(menu->property("currentIndex").toInt(), -1);
+        QQuickItem* copy = copyItem(f);
+        QVERIFY(!copy->property("highlighted").toBool());
+        const QImage image = f.grab();
+        WindowPixels::save(image, QStringLiteral("status-menu-mouse.png"));
+        QVERIFY(!entryLooksHighlighted(image, menu, copy));
+        // With nothing chosen, Return chooses nothing.
+        QTest::keyClick(f.window->window(), Qt::Key_Return);
+        QVERIFY(f.platform.clipboardWrites.isEmpty());
     }
 };
 

@@ -61,6 +61,9 @@ Control {
                    || (event.key === Qt.Key_F10 && (event.modifiers & Qt.ShiftModifier))) {
             contextMenu.popup(statusLine, (statusLine.width - contextMenu.width) / 2,
                               statusLine.height);
+            // A menu opened from the keyboard starts on its first entry, so Return, Enter or
+            // Space copies at once; one opened by the mouse chooses nothing until pointed at.
+            contextMenu.currentIndex = 0;
             event.accepted = true;
         }
     }
