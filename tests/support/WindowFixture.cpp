@@ -72,6 +72,15 @@ int countBright(const QImage& image, const QRect& area) {
     return found;
 }
 
+int differing(const QImage& a, const QImage& b, const QRect& area) {
+    int found = 0;
+    const QRect inside = area.intersected(a.rect()).intersected(b.rect());
+    for (int y = inside.top(); y <= inside.bottom(); ++y)
+        for (int x = inside.left(); x <= inside.right(); ++x)
+            found += a.pixel(x, y) != b.pixel(x, y) ? 1 : 0;
+    return found;
+}
+
 void save(const QImage& image, const QString& name) {
     const QString folder = qEnvironmentVariable("ZENTHO_BUILD_DIR", QDir::tempPath()) +
                            QStringLiteral("/screenshots");

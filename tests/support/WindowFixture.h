@@ -45,6 +45,8 @@ bool near(QRgb pixel, int r, int g, int b, int tolerance = 1);
 int count(const QImage& image, const QRect& area, int r, int g, int b, int tolerance = 1);
 // Pixels much brighter than the dark background: where text is drawn.
 int countBright(const QImage& image, const QRect& area);
+// Pixels of `area` that differ between two screenshots of the same window.
+int differing(const QImage& a, const QImage& b, const QRect& area);
 // Keeps a screenshot in <build>/screenshots for a person to look at.
 void save(const QImage& image, const QString& name);
 

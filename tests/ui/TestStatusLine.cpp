@@ -15,6 +15,12 @@ const QString kTarFailure = QStringLiteral(
     "Update failed: \ntar: zentho-0.4.2-macos-arm64.tar.gz: Cannot open: No such file or directory\n"
     "tar: Error is not recoverable: exiting now\n");
 
+// A failure far wider than the window, in words that wrap.
+const QString kLongFailure =
+    QStringLiteral("Could not launch 0.4.2: ") +
+    QStringList(7, QStringLiteral("the build folder could not be read back")).join(QStringLiteral(", ")) +
+    QLatin1Char('.');
+
 QQuickItem* label(const WindowFixture& f) {
     return f.item("statusLabel");
 }
@@ -45,6 +51,12 @@ bool entryLooksHighlighted(const QImage& image, const QObject* menu, const QQuic
     const QPointF inside = entry->mapToScene(QPointF(entry->width() - 8, entry->height() / 2));
     return !WindowPixels::near(image.pixel(inside.toPoint()), menuColour.red(), menuColour.green(),
                                menuColour.blue());
+}
+
+// Where the tooltip is drawn, in window pixels.
+QRect toolTipRect(const WindowFixture& f) {
+    auto* face = toolTip(f)->property("background").value<QQuickItem*>();
+    return face->mapRectToScene(QRectF(0, 0, face->width(), face->height())).toAlignedRect();
 }
 
 } // namespace
@@ -249,6 +261,36 @@ private slots:
         // With nothing chosen, Return chooses nothing.
         QTest::keyClick(f.window->window(), Qt::Key_Return);
         QVERIFY(f.platform.clipboardWrites.isEmpty());
+    }
+
+    void toolTipLeavesTheInstalledLineReadable_data() {
+        QTest::addColumn<QString>("status");
+        QTest::newRow("one line") << QStringLiteral("Could not launch 0.2.0: The game exited during startup (status 0).");
+        QTest::newRow("tar failure") << kTarFailure;
+        QTest::newRow("wider than the window") << kLongFailure;
+        // Taller than the room above the installed line: it goes below the status line instead.
+        QTest::newRow("40 lines") << QStringLiteral("Update failed: \n") +
+                                         QStringLiteral("tar: zentho/data/asset.pak: Cannot write\n").repeated(40);
+    }
+    void toolTipLeavesTheInstalledLineReadable() {
+        QFETCH(QString, status);
+        WindowFixture f;
+        LauncherModelProbe::setStatus(*f.model, status);
+        const QImage before = f.grab();
+        f.item("statusText")->forceActiveFocus(Qt::TabFocusReason);
+        QTRY_VERIFY(toolTip(f)->property("opened").toBool());
+        const QImage shown = f.grab();
+        WindowPixels::save(shown, QStringLiteral("status-tooltip-%1.png").arg(QString::fromLatin1(QTest::currentDataTag()).replace(QLatin1Char(' '), QLatin1Char('-'))));
+        const QRect tip = toolTipRect(f);
+        const QRect installed = f.rectOf("installedText");
+        QVERIFY2(!tip.intersects(installed), qPrintable(QStringLiteral("tooltip %1,%2 %3x%4 over the line at y %5")
+                                                           .arg(tip.x()).arg(tip.y()).arg(tip.width())
+                                                           .arg(tip.height()).arg(installed.y())));
+        QVERIFY(!tip.intersects(f.rectOf("statusText")));
+        QVERIFY(QRect(QPoint(0, 0), f.window->window()->size()).contains(tip));
+        // The installed line is drawn as it was, and the same comparison sees the tooltip.
+        QCOMPARE(WindowPixels::differing(before, shown, installed), 0);
+        QVERIFY(WindowPixels::differing(before, shown, tip) > 0);
     }
 };
 

@@ -97,6 +97,7 @@ Window {
             }
 
             Text {
+                id: installedText
                 objectName: "installedText"
                 Layout.alignment: Qt.AlignHCenter
                 text: qsTr("Installed: ") + window.launcher.installedVersion
@@ -111,6 +112,7 @@ Window {
                 Layout.fillWidth: true
                 Layout.preferredHeight: 24
                 fullText: window.launcher.status
+                textAbove: installedText
                 font.pixelSize: 13
                 onCopyRequested: (text) => window.clipboard.setText(text)
             }
