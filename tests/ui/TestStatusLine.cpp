@@ -4,9 +4,11 @@
 #include "LauncherModelProbe.h"
 #include "WindowFixture.h"
 
+#include <QFontMetricsF>
 #include <QQuickItem>
 #include <QQuickWindow>
 #include <QTest>
+#include <QtMath>
 
 namespace {
 
@@ -57,6 +59,12 @@ bool entryLooksHighlighted(const QImage& image, const QObject* menu, const QQuic
 QRect toolTipRect(const WindowFixture& f) {
     auto* face = toolTip(f)->property("background").value<QQuickItem*>();
     return face->mapRectToScene(QRectF(0, 0, face->width(), face->height())).toAlignedRect();
+}
+
+// Pixels much darker than the tooltip's pale face: where its words are drawn.
+int darkPixels(const QImage& image, const QRect& area) {
+    const QRect inside = area.intersected(image.rect());
+    return inside.width() * inside.height() - WindowPixels::countBright(image, inside);
 }
 
 } // namespace
@@ -148,7 +156,7 @@ private slots:
         QCOMPARE(tip->property("text").toString(), kTarFailure);
         auto* tipText = f.item("statusText")->window()->findChild<QQuickItem*>(QStringLiteral("statusToolTipText"));
         QVERIFY(tipText);
-        QCOMPARE(tipText->property("text").toString(), kTarFailure);
+        QCOMPARE(tipText->property("text").toString(), kTarFailure.chopped(1)); // no empty last line
         WindowPixels::save(f.grab(), QStringLiteral("status-focused.png"));
         // Whole inside the window, however long the text.
         const QRectF box = tipText->mapRectToScene(QRectF(0, 0, tipText->width(), tipText->height()));
@@ -291,6 +299,37 @@ private slots:
         // The installed line is drawn as it was, and the same comparison sees the tooltip.
         QCOMPARE(WindowPixels::differing(before, shown, installed), 0);
         QVERIFY(WindowPixels::differing(before, shown, tip) > 0);
+    }
+
+    void toolTipEndsWithItsLastLine_data() {
+        QTest::addColumn<QString>("status");
+        QTest::addColumn<QString>("shown");
+        const QString tarReason = kTarFailure.chopped(1);
+        QTest::newRow("trailing line feed") << kTarFailure << tarReason;
+        QTest::newRow("no line feed") << tarReason << tarReason;
+        QTest::newRow("blank lines around") << QStringLiteral("\n\nUpdate failed: \n  tar: x\n\n \n")
+                                            << QStringLiteral("Update failed: \n  tar: x");
+        QTest::newRow("wrapped") << kLongFailure << kLongFailure;
+    }
+    void toolTipEndsWithItsLastLine() {
+        QFETCH(QString, status);
+        QFETCH(QString, shown);
+        WindowFixture f;
+        LauncherModelProbe::setStatus(*f.model, status);
+        f.item("statusText")->forceActiveFocus(Qt::TabFocusReason);
+        QTRY_VERIFY(toolTip(f)->property("opened").toBool());
+        QCOMPARE(toolTip(f)->property("text").toString(), status); // the tooltip's own text is exact
+        QQuickItem* text = f.item("statusToolTipText");
+        const QImage image = f.grab();
+        const QRect box = text->mapRectToScene(QRectF(0, 0, text->width(), text->height())).toRect();
+        const int line = qCeil(QFontMetricsF(text->property("font").value<QFont>()).height());
+        // Words in the first and in the last line's height, and nothing but padding under it.
+        QVERIFY(darkPixels(image, QRect(box.left(), box.top(), box.width(), line)) > 0);
+        QVERIFY2(darkPixels(image, QRect(box.left(), box.bottom() - line + 1, box.width(), line)) > 0,
+                 "the tooltip ends in an empty line");
+        QCOMPARE(toolTipRect(f).bottom() - box.bottom(), qRound(toolTip(f)->property("bottomPadding").toDouble()));
+        // What it leaves out is only the blank lines around the words.
+        QCOMPARE(text->property("text").toString(), shown);
     }
 };
 

@@ -116,7 +116,8 @@ Control {
         text: statusLine.fullText
         contentItem: Text {
             objectName: "statusToolTipText"
-            text: wholeText.text
+            // Line feeds before the first words or after the last would show as empty lines.
+            text: wholeText.text.replace(/^\s*\n|\s+$/g, "")
             textFormat: Text.PlainText
             font: wholeText.font
             wrapMode: Text.WrapAtWordBoundaryOrAnywhere
