@@ -47,6 +47,15 @@ QImage WindowFixture::grab() const {
     return window->window()->grabWindow().convertToFormat(QImage::Format_RGB32);
 }
 
+void WindowFixture::setHeight(int height) const {
+    QQuickWindow* shown = window->window();
+    shown->setMinimumHeight(height);
+    shown->setMaximumHeight(height);
+    shown->resize(shown->width(), height);
+    // The items follow once the window has taken the new size.
+    QTRY_COMPARE(shown->contentItem()->height(), qreal(height));
+}
+
 namespace WindowPixels {
 
 bool near(QRgb pixel, int r, int g, int b, int tolerance) {

@@ -31,6 +31,8 @@ struct WindowFixture {
     // Where the item is drawn, in window pixels.
     QRect rectOf(const char* name) const;
     QImage grab() const;
+    // Makes the window `height` pixels high and no other height, as a short screen may.
+    void setHeight(int height) const;
 
     ScopedDataHome home;
     RecordingPlatform platform{kBundleExe, {kBundleExe}};

@@ -79,14 +79,6 @@ bool noEntryIsCut(const WindowFixture& f, int count) {
     return true;
 }
 
-void setWindowHeight(const WindowFixture& f, int height) {
-    QQuickWindow* window = f.window->window();
-    window->setMinimumHeight(height);
-    window->setMaximumHeight(height);
-    window->resize(window->width(), height);
-    QTRY_COMPARE(window->height(), height);
-}
-
 } // namespace
 
 class TestVersionPicker : public QObject {
@@ -103,7 +95,7 @@ private slots:
         QFETCH(int, windowHeight);
         const int count = 20;
         WindowFixture f(savedVersions(count));
-        setWindowHeight(f, windowHeight);
+        f.setHeight(windowHeight);
         openPicker(f);
         QQuickItem* view = list(f);
         const qreal entry = entryAt(f, 0)->height();

@@ -28,6 +28,11 @@ Window {
         return Qt.application.font.family;
     }
 
+    // The least height at which the whole column still shows, with the download caption clear
+    // under it: how far the window may shrink on a screen too short for its designed 510 pixels.
+    readonly property int shortestHeight: Math.ceil(column.implicitHeight)
+        + 2 * (caption.anchors.bottomMargin + Math.ceil(caption.implicitHeight) + 4)
+
     objectName: "mainWindow"
     title: qsTr("ZENTHO Launcher")
     width: 620
@@ -216,6 +221,7 @@ Window {
 
     // Below the column, in the window's free bottom margin, so the column never moves for it.
     DownloadCaption {
+        id: caption
         objectName: "downloadCaption"
         anchors.left: parent.left
         anchors.right: parent.right
