@@ -78,14 +78,6 @@ class TestWindowFitsTheScreen : public QObject {
         launcher.start(RealLauncher::executableOf(LauncherBundles::builtBundle()), QStringList());
     }
 
-    static void stop(QProcess& launcher) {
-        launcher.terminate();
-        if (!launcher.waitForFinished(10000)) {
-            launcher.kill();
-            launcher.waitForFinished();
-        }
-    }
-
 private slots:
     void initTestCase() {
         ZENTHO_REQUIRE(xvfb);
@@ -111,7 +103,7 @@ private slots:
         // Only the height gave way.
         QCOMPARE(inside.width(), 1240);
         QVERIFY(inside.height() < 1020);
-        stop(launcher);
+        RealLauncher::stop(launcher);
     }
 
     // The twin: at the normal scale the same screen has room, and the window keeps its size.
@@ -127,7 +119,7 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(framedRect(screen, *window), 20000);
         QVERIFY(kScreen.contains(*framedRect(screen, *window)));
         QCOMPARE(screen.waitForWindow(kTitle)->size(), QSize(620, 510));
-        stop(launcher);
+        RealLauncher::stop(launcher);
     }
 };
 

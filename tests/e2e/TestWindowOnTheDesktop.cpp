@@ -44,14 +44,6 @@ class TestWindowOnTheDesktop : public QObject {
         launcher.start(executable, QStringList());
     }
 
-    static void stop(QProcess& launcher) {
-        launcher.terminate();
-        if (!launcher.waitForFinished(10000)) {
-            launcher.kill();
-            launcher.waitForFinished();
-        }
-    }
-
 private slots:
     void windowHasTheEntrysClassAndTheIcon_data() {
         QTest::addColumn<QString>("command");
@@ -84,7 +76,7 @@ private slots:
         // The title stays the window's own, with nothing appended.
         QCOMPARE(screen.windowProperty(*window, QStringLiteral("_NET_WM_NAME")),
                  QStringLiteral("_NET_WM_NAME = \"ZENTHO Launcher\""));
-        stop(launcher);
+        RealLauncher::stop(launcher);
     }
 
     void aWindowWithoutAnIconIsToldApart() {
@@ -106,7 +98,7 @@ private slots:
         QVERIFY(!leader.isEmpty());
         QVERIFY(!WindowIdentity::carriesTheLauncherIcon(screen, leader));
         QVERIFY(WindowIdentity::windowClass(screen, leader).isEmpty());
-        stop(launcher);
+        RealLauncher::stop(launcher);
     }
 
     void showingTheWindowWritesNothingInTheHome() {
@@ -116,7 +108,7 @@ private slots:
         start(launcher, screen, RealLauncher::executableOf(LauncherBundles::builtBundle()));
         QVERIFY(screen.waitForWindowId(QStringLiteral("ZENTHO Launcher")));
         QTest::qWait(500);
-        stop(launcher);
+        RealLauncher::stop(launcher);
         QStringList written;
         QDirIterator it(home(), QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden | QDir::System,
                         QDirIterator::Subdirectories);
