@@ -7,7 +7,7 @@ packages="cmake g++ make pkg-config git
   qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtqml-workerscript
   qml6-module-qtqml qml6-module-qtqml-models qt6-wayland patchelf libelf-dev
   qt6-qpa-plugins libgl-dev fonts-dejavu-core
-  nginx-light curl ca-certificates util-linux xvfb xauth x11-utils libxtst6 desktop-file-utils xdg-utils
+  nginx-light curl ca-certificates util-linux xvfb xauth x11-utils libxtst6 openbox desktop-file-utils xdg-utils
   appstream libglib2.0-bin dbus-daemon python3"
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"

@@ -45,14 +45,6 @@ class TestWindowOnTheDesktop : public QObject {
         launcher.start(executable, QStringList());
     }
 
-    static void stop(QProcess& launcher) {
-        launcher.terminate();
-        if (!launcher.waitForFinished(10000)) {
-            launcher.kill();
-            launcher.waitForFinished();
-        }
-    }
-
 private slots:
     void initTestCase() { ZENTHO_REQUIRE(xvfb); }
 
@@ -87,7 +79,7 @@ private slots:
         // The title stays the window's own, with nothing appended.
         QCOMPARE(screen.windowProperty(*window, QStringLiteral("_NET_WM_NAME")),
                  QStringLiteral("_NET_WM_NAME = \"ZENTHO Launcher\""));
-        stop(launcher);
+        RealLauncher::stop(launcher);
     }
 
     void aWindowWithoutAnIconIsToldApart() {
@@ -109,7 +101,7 @@ private slots:
         QVERIFY(!leader.isEmpty());
         QVERIFY(!WindowIdentity::carriesTheLauncherIcon(screen, leader));
         QVERIFY(WindowIdentity::windowClass(screen, leader).isEmpty());
-        stop(launcher);
+        RealLauncher::stop(launcher);
     }
 
     void showingTheWindowWritesNothingInTheHome() {
@@ -124,7 +116,7 @@ private slots:
         QVERIFY(screen.askToClose(*window));
         const bool ended = launcher.waitForFinished(30000);
         if (!ended)
-            stop(launcher);
+            RealLauncher::stop(launcher);
         QVERIFY2(ended && launcher.exitStatus() == QProcess::NormalExit && launcher.exitCode() == 0,
                  launcher.readAllStandardError().constData());
         QStringList written;

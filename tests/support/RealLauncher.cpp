@@ -147,3 +147,11 @@ void RealLauncher::terminateAndCollect(qint64 pid) {
 bool RealLauncher::becomeSubreaper() {
     return ::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) == 0;
 }
+
+void RealLauncher::stop(QProcess& launcher) {
+    launcher.terminate();
+    if (!launcher.waitForFinished(10000)) {
+        launcher.kill();
+        launcher.waitForFinished();
+    }
+}

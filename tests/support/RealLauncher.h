@@ -51,6 +51,8 @@ public:
     static QList<qint64> processesRunning(const QString& path);
     // Ends a process that has come to this test (as subreaper or parent) and collects it.
     static void terminateAndCollect(qint64 pid);
+    // Ends a launcher this test started itself and waits for it: asked to quit, then killed.
+    static void stop(QProcess& launcher);
     // Makes this process the subreaper of everything its children leave behind, so games and
     // relaunched launchers can be seen and collected.
     static bool becomeSubreaper();

@@ -34,6 +34,8 @@ QString missing(Need need) {
         return {};
     case Need::dbus:
         return missingProgram(QStringLiteral("dbus-daemon"), QStringLiteral("dbus-daemon"));
+    case Need::windowManager:
+        return missingProgram(QStringLiteral("openbox"), QStringLiteral("openbox"));
     }
     return {};
 }

@@ -49,6 +49,15 @@ QImage WindowFixture::grab() const {
     return window->window()->grabWindow().convertToFormat(QImage::Format_RGB32);
 }
 
+void WindowFixture::setHeight(int height) const {
+    QQuickWindow* shown = window->window();
+    shown->setMinimumHeight(height);
+    shown->setMaximumHeight(height);
+    shown->resize(shown->width(), height);
+    // The items follow once the window has taken the new size.
+    QTRY_COMPARE(shown->contentItem()->height(), qreal(height));
+}
+
 namespace WindowPixels {
 
 bool near(QRgb pixel, int r, int g, int b, int tolerance) {
@@ -71,6 +80,15 @@ int countBright(const QImage& image, const QRect& area) {
     for (int y = inside.top(); y <= inside.bottom(); ++y)
         for (int x = inside.left(); x <= inside.right(); ++x)
             found += qGray(image.pixel(x, y)) > 128 ? 1 : 0;
+    return found;
+}
+
+int differing(const QImage& a, const QImage& b, const QRect& area) {
+    int found = 0;
+    const QRect inside = area.intersected(a.rect()).intersected(b.rect());
+    for (int y = inside.top(); y <= inside.bottom(); ++y)
+        for (int x = inside.left(); x <= inside.right(); ++x)
+            found += a.pixel(x, y) != b.pixel(x, y) ? 1 : 0;
     return found;
 }
 

@@ -33,6 +33,8 @@ struct WindowFixture {
     // Where the item is drawn, in window pixels.
     QRect rectOf(const char* name) const;
     QImage grab() const;
+    // Makes the window `height` pixels high and no other height, as a short screen may.
+    void setHeight(int height) const;
 
     ScopedDataHome home;
     GameWatch games;
@@ -48,6 +50,8 @@ bool near(QRgb pixel, int r, int g, int b, int tolerance = 1);
 int count(const QImage& image, const QRect& area, int r, int g, int b, int tolerance = 1);
 // Pixels much brighter than the dark background: where text is drawn.
 int countBright(const QImage& image, const QRect& area);
+// Pixels of `area` that differ between two screenshots of the same window.
+int differing(const QImage& a, const QImage& b, const QRect& area);
 // Keeps a screenshot in <build>/screenshots for a person to look at.
 void save(const QImage& image, const QString& name);
 

@@ -6,12 +6,16 @@
 
 #include <dlfcn.h>
 
-XvfbSession::XvfbSession() {
+const QString XvfbSession::kRootWindow = QStringLiteral("root");
+
+XvfbSession::XvfbSession() : XvfbSession(QSize(1024, 768)) {}
+
+XvfbSession::XvfbSession(QSize size) {
     // -displayfd: the server takes a free display and writes its number to our pipe.
     server_.start(QStringLiteral("/usr/bin/Xvfb"),
                   {QStringLiteral("-displayfd"), QStringLiteral("1"), QStringLiteral("-screen"),
-                   QStringLiteral("0"), QStringLiteral("1024x768x24"), QStringLiteral("-nolisten"),
-                   QStringLiteral("tcp")});
+                   QStringLiteral("0"), QStringLiteral("%1x%2x24").arg(size.width()).arg(size.height()),
+                   QStringLiteral("-nolisten"), QStringLiteral("tcp")});
     QDeadlineTimer deadline(10000);
     QByteArray number;
     while (!deadline.hasExpired() && !number.contains('\n') &&
@@ -70,8 +74,10 @@ std::optional<QString> XvfbSession::waitForWindowId(const QString& title, int ti
 QString XvfbSession::windowProperty(const QString& window, const QString& property,
                                     const QString& format) const {
     // xprop shows at most 250,000 bytes of a property unless told otherwise; an icon is more.
-    QStringList arguments{QStringLiteral("-display"), display_, QStringLiteral("-id"), window,
-                          QStringLiteral("-notype"), QStringLiteral("-len"), QStringLiteral("16777216")};
+    QStringList arguments{QStringLiteral("-display"), display_};
+    arguments << (window == kRootWindow ? QStringList{QStringLiteral("-root")}
+                                        : QStringList{QStringLiteral("-id"), window});
+    arguments << QStringLiteral("-notype") << QStringLiteral("-len") << QStringLiteral("16777216");
     if (!format.isEmpty())
         arguments << QStringLiteral("-f") << property << format;
     arguments << property;

@@ -3,6 +3,7 @@
 #include <QPoint>
 #include <QProcess>
 #include <QRect>
+#include <QSize>
 #include <QString>
 
 #include <optional>
@@ -13,7 +14,9 @@
 // goes.
 class XvfbSession {
 public:
+    // A screen of 1024x768 pixels, or of `size`.
     XvfbSession();
+    explicit XvfbSession(QSize size);
     ~XvfbSession();
     XvfbSession(const XvfbSession&) = delete;
     XvfbSession& operator=(const XvfbSession&) = delete;
@@ -27,6 +30,9 @@ public:
     std::optional<QRect> waitForWindow(const QString& title, int timeoutMs = 90000) const;
     // The X id of that window once it is mapped; none when it did not appear within `timeoutMs`.
     std::optional<QString> waitForWindowId(const QString& title, int timeoutMs = 90000) const;
+    // Names the root window where a window's X id is asked for.
+    static const QString kRootWindow;
+
     // One property of the window with X id `window` as xprop prints it without its type
     // ("WM_CLASS = \"a\", \"b\""); `format` is xprop's -f format for it, when given.
     QString windowProperty(const QString& window, const QString& property,

@@ -7,6 +7,7 @@
 #include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QtQuickTest/quicktest.h>
 
 namespace {
 const QString kMainLabel = QStringLiteral("CHECK FOR UPDATES & PLAY");
@@ -86,6 +87,7 @@ private slots:
         auto* popup = picker->property("popup").value<QObject*>();
         QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("versionPicker").center());
         QTRY_VERIFY(popup->property("opened").toBool());
+        QVERIFY(QQuickTest::qWaitForPolish(f.window->window())); // the list laid out where it opened
         auto* list = popup->property("contentItem").value<QQuickItem*>();
         QQuickItem* older = nullptr;
         QMetaObject::invokeMethod(list, "itemAtIndex", Q_RETURN_ARG(QQuickItem*, older), Q_ARG(int, 1));

@@ -12,6 +12,7 @@
 #include <QQuickWindow>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QtQuickTest/quicktest.h>
 
 namespace {
 
@@ -238,6 +239,7 @@ private slots:
         QCOMPARE(picker->property("displayText").toString(), version); // newest first
         QTest::mouseClick(f.window->window(), Qt::LeftButton, {}, f.rectOf("versionPicker").center());
         QTRY_VERIFY(popup->property("opened").toBool());
+        QVERIFY(QQuickTest::qWaitForPolish(f.window->window())); // the list laid out where it opened
         WindowPixels::save(f.grab(), QStringLiteral("picker-ampersand.png"));
         QQuickItem* entry = pickerEntry(f, 0);
         QVERIFY(entry);

@@ -28,6 +28,11 @@ Window {
         return Qt.application.font.family;
     }
 
+    // The least height at which the whole column still shows, with the download caption clear
+    // under it: how far the window may shrink on a screen too short for its designed 510 pixels.
+    readonly property int shortestHeight: Math.ceil(column.implicitHeight)
+        + 2 * (caption.anchors.bottomMargin + Math.ceil(caption.implicitHeight) + 4)
+
     objectName: "mainWindow"
     title: qsTr("ZENTHO Launcher")
     width: 620
@@ -97,6 +102,7 @@ Window {
             }
 
             Text {
+                id: installedText
                 objectName: "installedText"
                 Layout.alignment: Qt.AlignHCenter
                 text: qsTr("Installed: ") + window.launcher.installedVersion
@@ -111,6 +117,7 @@ Window {
                 Layout.fillWidth: true
                 Layout.preferredHeight: 24
                 fullText: window.launcher.status
+                textAbove: installedText
                 font.pixelSize: 13
                 onCopyRequested: (text) => window.clipboard.setText(text)
             }
@@ -214,6 +221,7 @@ Window {
 
     // Below the column, in the window's free bottom margin, so the column never moves for it.
     DownloadCaption {
+        id: caption
         objectName: "downloadCaption"
         anchors.left: parent.left
         anchors.right: parent.right

@@ -41,6 +41,7 @@ MainWindow::MainWindow(LauncherModel& model, Platform& platform) : clipboard_(pl
     window_.reset(window);
     // Without it a desktop that cannot tie the window to the desktop entry shows a generic icon.
     window_->setIcon(QIcon(QString::fromLatin1(kIcon)));
+    screenFit_ = std::make_unique<ScreenFit>(*window_);
 }
 
 MainWindow::~MainWindow() = default;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ui/ScreenFit.h"
 #include "ui/WindowClipboard.h"
 
 #include <QQmlEngine>
@@ -37,4 +38,5 @@ private:
     WindowClipboard clipboard_;
     QQmlEngine engine_;
     std::unique_ptr<QQuickWindow> window_;
+    std::unique_ptr<ScreenFit> screenFit_;
 };

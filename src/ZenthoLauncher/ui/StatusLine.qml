@@ -16,6 +16,9 @@ Control {
     readonly property string shownText: fullText.replace(/\s+/g, " ").trim()
     readonly property bool truncated: label.truncated
 
+    // The text just above the line, which the tooltip leaves readable.
+    property Item textAbove
+
     // Puts the exact status on the clipboard.
     signal copyRequested(string text)
 
@@ -61,6 +64,9 @@ Control {
                    || (event.key === Qt.Key_F10 && (event.modifiers & Qt.ShiftModifier))) {
             contextMenu.popup(statusLine, (statusLine.width - contextMenu.width) / 2,
                               statusLine.height);
+            // A menu opened from the keyboard starts on its first entry, so Return, Enter or
+            // Space copies at once; one opened by the mouse chooses nothing until pointed at.
+            contextMenu.currentIndex = 0;
             event.accepted = true;
         }
     }
@@ -73,12 +79,36 @@ Control {
     ToolTip {
         id: wholeText
         objectName: "statusToolTip"
-        // Above the line, so the buttons below stay free, as wide as the window allows and
-        // wrapped where it must be.
+        // Room between the tooltip and what it keeps clear of.
+        readonly property real gap: 4
+        // As wide as the window allows, wrapped where it must be.
         readonly property real widest: (statusLine.Window.width > 0 ? statusLine.Window.width
                                                                     : statusLine.width) - 24
+
+        // Above the line, so the buttons below stay free, and above the text over the line too
+        // (the installed version), which stays readable: it stands in the free space around the
+        // title. A status too tall for that goes below the line, as tall as the window lets it
+        // be. Placed when it opens or changes size: only then does the line's place matter.
+        function place() {
+            const lineTop = statusLine.mapToItem(null, 0, 0).y;
+            const ceiling = (statusLine.textAbove ? statusLine.textAbove.mapToItem(statusLine, 0, 0).y
+                                                  : 0) - gap;
+            if (implicitHeight <= lineTop + ceiling - topMargin) {
+                height = implicitHeight;
+                y = ceiling - implicitHeight;
+            } else {
+                height = Math.min(implicitHeight, statusLine.Window.height - bottomMargin
+                                                  - lineTop - statusLine.height - gap);
+                y = statusLine.height + gap;
+            }
+        }
+        onAboutToShow: place()
+        onImplicitHeightChanged: {
+            if (visible)
+                place();
+        }
+
         x: (statusLine.width - width) / 2
-        y: -height - 4
         width: Math.min(implicitWidth, widest)
         closePolicy: Popup.NoAutoClose
         visible: (statusLine.activeFocus || (statusLine.hovered && statusLine.truncated))
@@ -86,10 +116,13 @@ Control {
         text: statusLine.fullText
         contentItem: Text {
             objectName: "statusToolTipText"
-            text: wholeText.text
+            // Line feeds before the first words or after the last would show as empty lines.
+            text: wholeText.text.replace(/^\s*\n|\s+$/g, "")
             textFormat: Text.PlainText
             font: wholeText.font
             wrapMode: Text.WrapAtWordBoundaryOrAnywhere
+            // Only a text taller than the window is cut; "Copy" still takes all of it.
+            elide: Text.ElideRight
             color: wholeText.palette.toolTipText
         }
     }

@@ -1,5 +1,6 @@
 import QtQuick
 import QtQuick.Controls.Basic
+import QtQuick.Templates as T
 
 // The picker of saved builds. The selection lives in the model: the picker shows it, re-reads it
 // whenever the model announces it (also after a rescan that kept it), and writes back what the
@@ -66,6 +67,50 @@ ComboBox {
             color: entry.highlighted ? entry.palette.highlightedText : entry.palette.text
             elide: Text.ElideRight
             verticalAlignment: Text.AlignVCenter
+        }
+    }
+
+    // The stock list, sized to whole entries: as many as the window has room for, never half of
+    // one at the bottom, with a scroll bar for as long as more builds are saved than it shows.
+    popup: T.Popup {
+        // One entry's height; every entry is as tall.
+        readonly property real entryHeight: list.count > 0 ? list.contentHeight / list.count : 0
+        readonly property int entriesShown: entryHeight > 0
+            ? Math.floor((picker.Window.height - topMargin - bottomMargin) / entryHeight) : 0
+
+        y: picker.height
+        width: picker.width
+        height: Math.min(list.contentHeight, entriesShown * entryHeight)
+        topMargin: 6
+        bottomMargin: 6
+
+        contentItem: ListView {
+            id: list
+            clip: true
+            implicitHeight: contentHeight
+            model: picker.delegateModel
+            currentIndex: picker.highlightedIndex
+            highlightMoveDuration: 0
+            // Scrolling comes to rest on whole entries too.
+            snapMode: ListView.SnapToItem
+
+            Rectangle {
+                z: 10
+                width: parent.width
+                height: parent.height
+                color: "transparent"
+                border.color: picker.palette.mid
+            }
+
+            // Always there while the list is longer than it shows, not only while it moves.
+            ScrollBar.vertical: ScrollBar {
+                objectName: "pickerScrollBar"
+                policy: size < 1.0 ? ScrollBar.AlwaysOn : ScrollBar.AlwaysOff
+            }
+        }
+
+        background: Rectangle {
+            color: picker.palette.window
         }
     }
 
