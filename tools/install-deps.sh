@@ -7,7 +7,8 @@ packages="cmake g++ make pkg-config git
   qml6-module-qtquick-layouts qml6-module-qtquick-window qml6-module-qtqml-workerscript
   qt6-qpa-plugins libgl-dev fonts-dejavu-core
   nginx-light curl ca-certificates util-linux xvfb xauth x11-utils libxtst6 desktop-file-utils xdg-utils
-  appstream libglib2.0-bin dbus-daemon python3"
+  appstream libglib2.0-bin dbus-daemon python3
+  debootstrap debian-archive-keyring"
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 missing=""

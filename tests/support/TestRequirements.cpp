@@ -34,6 +34,8 @@ QString missing(Need need) {
         return {};
     case Need::dbus:
         return missingProgram(QStringLiteral("dbus-daemon"), QStringLiteral("dbus-daemon"));
+    case Need::debootstrap:
+        return missingProgram(QStringLiteral("debootstrap"), QStringLiteral("debootstrap"));
     }
     return {};
 }
