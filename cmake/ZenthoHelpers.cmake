@@ -23,7 +23,7 @@ function(zentho_add_test name)
     set_tests_properties(${name} PROPERTIES
         TIMEOUT ${ARG_TIMEOUT}
         LABELS "${ARG_LABELS}"
-        ENVIRONMENT "QT_QPA_PLATFORM=offscreen;QT_QUICK_BACKEND=software;ZENTHO_BUILD_DIR=${CMAKE_BINARY_DIR};ZENTHO_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
+        ENVIRONMENT "QT_QPA_PLATFORM=offscreen;QT_QUICK_BACKEND=software;ZENTHO_BUILD_DIR=${CMAKE_BINARY_DIR};ZENTHO_SOURCE_DIR=${PROJECT_SOURCE_DIR};ZENTHO_FRESH_SYSTEMS_DIR=${ZENTHO_FRESH_SYSTEMS_DIR}")
 endfunction()
 
 # Sets `out_var` to a file holding a bundle's Contents/Info.json, {"version":"<version>"}: the

@@ -8,7 +8,8 @@ packages="cmake g++ make pkg-config git
   qml6-module-qtqml qml6-module-qtqml-models qt6-wayland patchelf libelf-dev
   qt6-qpa-plugins libgl-dev fonts-dejavu-core
   nginx-light curl ca-certificates util-linux xvfb xauth x11-utils libxtst6 openbox desktop-file-utils xdg-utils
-  appstream libglib2.0-bin dbus-daemon python3"
+  appstream libglib2.0-bin dbus-daemon python3
+  debootstrap debian-archive-keyring"
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 missing=""

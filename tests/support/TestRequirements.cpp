@@ -36,6 +36,8 @@ QString missing(Need need) {
         return missingProgram(QStringLiteral("dbus-daemon"), QStringLiteral("dbus-daemon"));
     case Need::windowManager:
         return missingProgram(QStringLiteral("openbox"), QStringLiteral("openbox"));
+    case Need::debootstrap:
+        return missingProgram(QStringLiteral("debootstrap"), QStringLiteral("debootstrap"));
     }
     return {};
 }
