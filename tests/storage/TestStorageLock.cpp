@@ -1,5 +1,6 @@
 #include "TaskOutcome.h"
 
+#include "errors/Failure.h"
 #include "errors/FileError.h"
 #include "storage/StorageLock.h"
 
@@ -59,6 +60,28 @@ private slots:
         QCOMPARE(acquiredWhileHeld, std::optional<bool>(false));
         QVERIFY(acquired);
         QTRY_COMPARE_WITH_TIMEOUT(holder.state(), QProcess::NotRunning, 60000);
+    }
+
+    // A holder that never lets go (a hung launcher) is given up on after the patience, with a
+    // reason the flow shows like any other failure; the twin above is let in once released.
+    void holderThatNeverLetsGoIsGivenUpOn() {
+        QTemporaryDir dir;
+        QProcess holder;
+        holdElsewhere(holder, dir.path());
+        const std::exception_ptr error = waitForOutcome([&]() -> QCoro::Task<void> {
+            co_await StorageLock::acquire(dir.path(), std::chrono::milliseconds(1000));
+        }());
+        QVERIFY(error);
+        try {
+            std::rethrow_exception(error);
+        } catch (const StorageBusyError& busy) {
+            QCOMPARE(busy.description(), QStringLiteral("Another launcher has kept %1 busy for 1 s; try again once it is done.")
+                                             .arg(dir.path()));
+        }
+        // Still held: giving up took nothing from the holder.
+        QCOMPARE(holder.state(), QProcess::Running);
+        holder.closeWriteChannel();
+        QVERIFY(holder.waitForFinished(60000));
     }
 
     void holdingKeepsOthersOutUntilReleased() {

@@ -72,6 +72,12 @@ public:
     using Failure::Failure;
 };
 
+// The storage folder held by another launcher for longer than this one waits.
+class StorageBusyError : public Failure {
+public:
+    using Failure::Failure;
+};
+
 // A key that fails to load, generate or sign.
 class KeyError : public Failure {
 public:

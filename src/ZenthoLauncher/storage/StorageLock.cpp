@@ -1,7 +1,9 @@
 #include "storage/StorageLock.h"
 
+#include "errors/Failure.h"
 #include "errors/FileError.h"
 
+#include <QDeadlineTimer>
 #include <QFile>
 
 #include <QCoroTimer>
@@ -19,7 +21,8 @@ namespace {
 constexpr std::chrono::milliseconds kRetryInterval{100};
 } // namespace
 
-QCoro::Task<StorageLock> StorageLock::acquire(QString root) {
+QCoro::Task<StorageLock> StorageLock::acquire(QString root, std::chrono::milliseconds patience) {
+    const QDeadlineTimer deadline(patience);
     const int fd = ::open(QFile::encodeName(root).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0)
         throwFileError(QStringLiteral("could not open %1").arg(root));
@@ -29,8 +32,13 @@ QCoro::Task<StorageLock> StorageLock::acquire(QString root) {
             co_return lock;
         if (errno != EWOULDBLOCK && errno != EINTR)
             throwFileError(QStringLiteral("could not lock %1").arg(root));
-        // Another launcher is installing into the same storage; its work ends within the
-        // network limits, so waiting is bounded by them.
+        // Another launcher is installing into the same storage; it usually lets go within the
+        // network limits, but one that hangs or holds on must not block this one for ever.
+        if (deadline.hasExpired())
+            throw StorageBusyError(QStringLiteral("Another launcher has kept %1 busy for %2 s; try again once it "
+                                                  "is done.")
+                                       .arg(root)
+                                       .arg(std::chrono::duration_cast<std::chrono::seconds>(patience).count()));
         co_await QCoro::sleepFor(kRetryInterval);
     }
 }
