@@ -35,6 +35,7 @@ using namespace std::chrono_literals;
 const QString kConnectLimit = QStringLiteral("Could not connect to the server in time.");
 const QString kInactivityLimit = QStringLiteral("The server stopped sending data.");
 const QString kThroughputFloor = QStringLiteral("The server is sending data too slowly.");
+const QString kDeadline = QStringLiteral("The server did not send its whole answer in time.");
 
 // A client with the product's limits, as the launcher uses.
 HttpClient& productClient() {
@@ -260,6 +261,31 @@ private slots:
         const HttpResponse response = fetch(server->url("/drip/m.json"));
         QCOMPARE(response.statusCode, std::optional<int>(200));
         QCOMPARE(response.body, manifest);
+    }
+
+    // The small files an update reads before it knows what to fetch (a chunk index) are held to
+    // a manifest's deadline: a server drip-feeding one above the throughput floor cannot keep the
+    // player waiting for hours.
+    void dripFedMetadataEndsAtTheDeadline() {
+        TransferLimits limits = onlyShort([](TransferWatchdog::Limits&) {});
+        limits.manifest.deadline = 1s;
+        HttpClient client(limits);
+        const QString error = networkErrorOf(
+            [&] { awaitResult(client.metadata(server->url("/drip/big.bin"), 2 * 1024 * 1024)); });
+        QCOMPARE(error, kDeadline);
+    }
+
+    // The twin: a small one from the same slow server arrives whole, and one over its cap is
+    // refused by its size.
+    void metadataWithinItsBoundsArrives() {
+        TransferLimits limits = onlyShort([](TransferWatchdog::Limits&) {});
+        limits.manifest.deadline = 20s;
+        HttpClient client(limits);
+        const HttpResponse response = awaitResult(client.metadata(server->url("/drip/m.json"), 1024));
+        QCOMPARE(response.statusCode, std::optional<int>(200));
+        QCOMPARE(response.body, manifest);
+        QCOMPARE(networkErrorOf([&] { awaitResult(client.metadata(server->url("/big.bin"), 1024)); }),
+                 QStringLiteral("The answer is larger than 1 KiB."));
     }
 
     // 64 KiB, then nothing: the inactivity limit ends it, for a download and for a manifest.

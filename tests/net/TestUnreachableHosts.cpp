@@ -1,4 +1,6 @@
 #include "BlackHole.h"
+#include "FaultServer.h"
+#include "ShortLimits.h"
 #include "TaskOutcome.h"
 #include "TestRequirements.h"
 #include "TestServer.h"
@@ -98,6 +100,34 @@ private slots:
         const Attempt elsewhere = fetch(client, server_->url(QStringLiteral("/m.json")));
         QVERIFY(elsewhere.error.isNull());
         QVERIFY(!elsewhere.endedAtOnce);
+    }
+
+    // A server that sends the request on to one that never answers costs the connect limit, as
+    // that server itself would, and the target is remembered: another request redirected there,
+    // or sent there, fails with the same error without waiting again.
+    void redirectToABlackHoleIsWaitedForOncePerFlow() {
+        BlackHole hole;
+        UnreachableHosts memo;
+        HttpClient client = clientWith(&memo);
+        const auto redirecting = [&](const QString& query) {
+            return QUrl(QStringLiteral("http://127.0.0.1:%1/fault/redirect/%2?%3")
+                            .arg(server_->faultServer().port())
+                            .arg(hole.port())
+                            .arg(query));
+        };
+        const Attempt first = fetch(client, redirecting(QStringLiteral("first")));
+        QCOMPARE(first.error, kConnectTimeout);
+        QCOMPARE(memo.failureFor(at(hole.port())), std::optional<QString>(kConnectTimeout));
+        QCOMPARE(memo.failureFor(redirecting(QString())), std::nullopt); // the redirecting server answered
+        const Attempt direct = fetch(client, at(hole.port()), true);
+        QCOMPARE(direct.error, kConnectTimeout);
+        QVERIFY(direct.endedAtOnce);
+        // Redirected again, by a client that would wait an hour to connect: refused as the
+        // redirect arrives, with the remembered error, and not by a limit of its own.
+        HttpClient patient(onlyShort([](TransferWatchdog::Limits&) {}));
+        patient.rememberUnreachableIn(&memo);
+        const Attempt again = fetch(patient, redirecting(QStringLiteral("again")), true);
+        QCOMPARE(again.error, kConnectTimeout);
     }
 
     // The next press starts with a clean slate.

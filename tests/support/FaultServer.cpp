@@ -170,6 +170,14 @@ void FaultServer::serve(int client) {
         }
     }
 
+    if (parts.size() == 4 && parts[2] == "redirect") {
+        const QByteArray moved = "HTTP/1.1 302 Found\r\nLocation: https://127.0.0.1:" +
+                                 QByteArray::number(parts[3].toUShort()) +
+                                 "/m.json\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+        [[maybe_unused]] const ssize_t ignored = ::send(client, moved.constData(), size_t(moved.size()), MSG_NOSIGNAL);
+        return;
+    }
+
     qint64 announced = -1; // Content-Length, or chunked when -1
     qint64 bodyBytes = maximumBytes();
     if (parts.size() == 4 && parts[2] == "chunked") {

@@ -30,6 +30,8 @@
 //   /fault/stuck/<n>/<k>      as cut, but an answer to a Range sends its head and no body
 //   /fault/misplaced/<n>/<k>  as cut, but an answer to a Range is a 206 whose range starts
 //                             1000 bytes before the one asked for
+//   /fault/redirect/<port>    status 302 to https://127.0.0.1:<port>/m.json, as a server that
+//                             sends its players to a mirror that is down
 //
 // Bounds: no connection is served longer than maximumSeconds() or past maximumBytes(); the
 // destructor stops every connection and joins its thread.

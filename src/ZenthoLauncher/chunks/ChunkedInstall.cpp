@@ -8,7 +8,7 @@
 
 
 QCoro::Task<FetchedChunkIndex> fetchChunkIndex(HttpClient& client, ReleaseChunks chunks) {
-    const HttpResponse response = co_await client.capped(chunks.index, ChunkIndex::kMaxBytes);
+    const HttpResponse response = co_await client.metadata(chunks.index, ChunkIndex::kMaxBytes);
     if (response.statusCode != 200)
         throw ChunkIndexError(chunks.index.toString().toStdString() + " answered " +
                                  std::to_string(response.statusCode.value_or(0)));

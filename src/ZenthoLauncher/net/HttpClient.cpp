@@ -136,6 +136,17 @@ bool collect(QNetworkReply& reply, QByteArray& body, qint64 cap) {
 
 } // namespace
 
+void HttpClient::refuseUnreachableRedirects(QNetworkReply& reply, TransferWatchdog& watchdog) const {
+    if (!unreachable_)
+        return;
+    // A redirect to a server that failed to connect before fails as a request to it would.
+    QObject::connect(&reply, &QNetworkReply::redirected, &watchdog,
+                     [memo = unreachable_, watchdog = &watchdog](const QUrl& target) {
+                         if (const std::optional<QString> failure = memo->failureFor(target))
+                             watchdog->giveUp(*failure);
+                     });
+}
+
 QCoro::Task<HttpResponse> HttpClient::data(QUrl url) {
     const qint64 cap = limits_.maximumManifestBytes;
     const QString tooLarge = QStringLiteral("The manifest is larger than %1.").arg(sizeText(cap));
@@ -147,6 +158,11 @@ QCoro::Task<HttpResponse> HttpClient::capped(QUrl url, qint64 maximumBytes) {
     co_return co_await fetch(url, maximumBytes, limits_.download, tooLarge);
 }
 
+QCoro::Task<HttpResponse> HttpClient::metadata(QUrl url, qint64 maximumBytes) {
+    const QString tooLarge = QStringLiteral("The answer is larger than %1.").arg(sizeText(maximumBytes));
+    co_return co_await fetch(url, maximumBytes, limits_.manifest, tooLarge);
+}
+
 QCoro::Task<HttpResponse> HttpClient::fetch(QUrl url, qint64 cap, TransferWatchdog::Limits limits,
                                             QString tooLarge) {
     QByteArray body;
@@ -156,6 +172,7 @@ QCoro::Task<HttpResponse> HttpClient::fetch(QUrl url, qint64 cap, TransferWatchd
     ReplyPtr reply(manager().get(requestFor(url)));
     reply->setReadBufferSize(readBufferSize);
     auto* const watchdog = new TransferWatchdog(reply.get(), limits);
+    refuseUnreachableRedirects(*reply, *watchdog);
     QNetworkReply* const raw = reply.get();
     const auto take = [&, raw] {
         if (!collect(*raw, body, cap))
@@ -191,6 +208,7 @@ QCoro::Task<ResponseHead> HttpClient::stream(QUrl url, RequestHeaders headers,
     ReplyPtr reply(manager().get(request));
     reply->setReadBufferSize(readBufferSize);
     auto* const watchdog = new TransferWatchdog(reply.get(), limits_.download);
+    refuseUnreachableRedirects(*reply, *watchdog);
     QNetworkReply* const raw = reply.get();
     // The receiver sees the head once, before the first byte of the body; the head of a
     // redirect that is being followed is not the answer.

@@ -54,6 +54,7 @@ public:
 
 using RequestHeaders = QList<std::pair<QByteArray, QByteArray>>;
 
+class QNetworkReply;
 class UnreachableHosts;
 
 // Every transfer of the launcher goes through an HttpClient, handed to the engines by the model.
@@ -74,8 +75,12 @@ public:
     // deadline.
     QCoro::Task<HttpResponse> data(QUrl url);
     // One GET of `url` into memory with the download limits and a body of at most `maximumBytes`:
-    // a chunk index or a chunk.
+    // a chunk.
     QCoro::Task<HttpResponse> capped(QUrl url, qint64 maximumBytes);
+    // One GET of `url` into memory with a manifest's limits, its overall deadline included, and a
+    // body of at most `maximumBytes`: the small files an update reads before it knows what to
+    // fetch (a chunk index), which must not keep the player waiting on a server that drip-feeds.
+    QCoro::Task<HttpResponse> metadata(QUrl url, qint64 maximumBytes);
     // One GET of `url` with `headers` whose body streams into `receiver`: an archive. It stops
     // when the body outgrows its Content-Length, or at the head when the receiver declines the
     // body; the receiver keeps to the free-space reserve.
@@ -85,6 +90,7 @@ public:
 
 private:
     QCoro::Task<HttpResponse> fetch(QUrl url, qint64 cap, TransferWatchdog::Limits limits, QString tooLarge);
+    void refuseUnreachableRedirects(QNetworkReply& reply, TransferWatchdog& watchdog) const;
 
     TransferLimits limits_;
     UnreachableHosts* unreachable_ = nullptr;

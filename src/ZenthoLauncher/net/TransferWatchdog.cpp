@@ -2,8 +2,10 @@
 
 #include <QNetworkReply>
 
+#include <utility>
+
 TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
-    : QObject(reply), reply_(reply), limits_(limits) {
+    : QObject(reply), reply_(reply), limits_(limits), server_(reply->url()) {
     connectTimer_.setSingleShot(true);
     inactivityTimer_.setSingleShot(true);
     deadlineTimer_.setSingleShot(true);
@@ -26,6 +28,17 @@ TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
     connect(reply, &QNetworkReply::encrypted, this, &TransferWatchdog::connected);
     connect(reply, &QNetworkReply::requestSent, this, &TransferWatchdog::connected);
     connect(reply, &QNetworkReply::metaDataChanged, this, &TransferWatchdog::connected);
+    // A redirect to another server is a connection of its own, held to the connect limit again:
+    // a black-holed target must cost what a black-holed server costs, not the no-data limit.
+    connect(reply, &QNetworkReply::redirected, this, [this](const QUrl& target) {
+        const QUrl previous = std::exchange(server_, target);
+        if (sameServer(previous, target) || reply_->isFinished())
+            return;
+        connected_ = false;
+        inactivityTimer_.stop();
+        windowTimer_.stop();
+        connectTimer_.start(limits_.connect);
+    });
     connect(reply, &QNetworkReply::downloadProgress, this,
             [this](qint64 received, qint64) { this->received(received); });
     connect(reply, &QNetworkReply::finished, this, [this] {
@@ -37,6 +50,11 @@ TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
     connectTimer_.start(limits_.connect);
     if (limits_.deadline.count() > 0)
         deadlineTimer_.start(limits_.deadline);
+}
+
+bool TransferWatchdog::sameServer(const QUrl& a, const QUrl& b) {
+    return a.scheme() == b.scheme() && a.host().compare(b.host(), Qt::CaseInsensitive) == 0 &&
+           a.port(-1) == b.port(-1);
 }
 
 void TransferWatchdog::connected() {

@@ -4,6 +4,7 @@
 #include <QObject>
 #include <QString>
 #include <QTimer>
+#include <QUrl>
 
 #include <chrono>
 #include <optional>
@@ -42,11 +43,13 @@ public:
     void giveUp(const QString& reason);
 
 private:
+    static bool sameServer(const QUrl& a, const QUrl& b);
     void connected();
     void received(qint64 progress);
 
     QNetworkReply* reply_;
     Limits limits_;
+    QUrl server_; // where the current hop goes
     QTimer connectTimer_;
     QTimer inactivityTimer_;
     QTimer windowTimer_;
