@@ -31,6 +31,7 @@
 #include <QTest>
 
 #include <memory>
+#include <optional>
 
 namespace {
 
@@ -120,14 +121,15 @@ class TestResumableDownload : public QObject {
         return path;
     }
     // An earlier attempt that kept `kept` under `validator` for `url`.
-    void keep(const QUrl& url, const QByteArray& kept, const QByteArray& validator) {
+    // `total`, when given, is the whole file's size as the earlier attempt learnt it.
+    void keep(const QUrl& url, const QByteArray& kept, const QByteArray& validator,
+              std::optional<qint64> total = std::nullopt) {
         TestFiles::writeFile(files().archive, kept, 0600);
-        TestFiles::writeFile(
-            files().validator,
-            QJsonDocument(
-                QJsonObject{{QStringLiteral("url"), url.toString(QUrl::FullyEncoded)},
-                            {QStringLiteral("validator"), QString::fromLatin1(validator)}})
-                .toJson());
+        QJsonObject record{{QStringLiteral("url"), url.toString(QUrl::FullyEncoded)},
+                           {QStringLiteral("validator"), QString::fromLatin1(validator)}};
+        if (total)
+            record.insert(QStringLiteral("size"), double(*total));
+        TestFiles::writeFile(files().validator, QJsonDocument(record).toJson());
     }
     DownloadResult run(const QUrl& url, TransferLimits limits = {}, int resumes = 5) {
         HttpClient client(limits);
@@ -276,6 +278,10 @@ private slots:
         const qint64 kept = QFileInfo(files().archive).size();
         QVERIFY2(kept > 0 && kept <= 600000, qPrintable(QString::number(kept)));
         QVERIFY(QFileInfo::exists(files().validator));
+        // The whole size is kept beside the validator, so the next attempt can tell a resume of
+        // another file from the rest of this one.
+        const QJsonObject record = QJsonDocument::fromJson(TestFiles::readFile(files().validator)).object();
+        QCOMPARE(record.value(QStringLiteral("size")).toDouble(), 1000000.0);
 
         sink_ = RecordingSink(); // each attempt has its own sink
         const DownloadResult result = run(url);
@@ -298,6 +304,42 @@ private slots:
         QVERIFY(kept > 0 && kept <= 300000);
         QCOMPARE(triesFor(url),
                  (QList<QByteArray>{QByteArray(), "bytes=" + QByteArray::number(kept) + '-'}));
+    }
+
+    // The earlier attempt learnt the file's whole size; a resume answered for a file of that size
+    // goes on from the kept bytes.
+    void resumeOfTheKeptSizeGoesOn() {
+        QByteArray bytes;
+        const QString path = publish(600 * 1024, &bytes);
+        const QUrl url = server_->url(path);
+        keep(url, bytes.left(200 * 1024), etagOf(url), bytes.size());
+        const DownloadResult result = run(url);
+        verifyWhole(result, bytes);
+        QCOMPARE(sink_.restarts, QList<qsizetype>());
+        server_->awaitLogged();
+        const QList<TestServer::Served> served = server_->servedFor(path);
+        QCOMPARE(served.size(), 1);
+        QCOMPARE(served[0].status, 206);
+    }
+
+    // The twin: a 206 whose total is not the size the kept bytes came from belongs to another
+    // file under the same validator. It is not spliced on, and nothing is asked past its end: the
+    // download starts over with a plain request at once.
+    void resumeOfAnotherSizeStartsOverAtOnce() {
+        QByteArray bytes;
+        const QString path = publish(600 * 1024, &bytes);
+        const QUrl url = server_->url(path);
+        keep(url, bytes.left(200 * 1024), etagOf(url), 2 * bytes.size());
+        const DownloadResult result = run(url);
+        verifyWhole(result, bytes);
+        QVERIFY(!sink_.restarts.isEmpty());
+        QCOMPARE(sink_.restarts.first(), 200 * 1024); // the kept bytes were let go
+        server_->awaitLogged();
+        const QList<TestServer::Served> served = server_->servedFor(path);
+        QCOMPARE(served.size(), 2);
+        QCOMPARE(served[0].range, QStringLiteral("bytes=204800-"));
+        QCOMPARE(served[1].range, QString());
+        QCOMPARE(served[1].status, 200);
     }
 
     // A 206 for another range than the one asked for is never spliced on: the download starts over.

@@ -118,7 +118,7 @@ public:
         std::optional<qint64> rest;
         if (status == 206 && rangeFrom_ > 0) {
             const std::optional<ContentRange> range = parseContentRange(head.contentRange);
-            if (!range || range->first != size_)
+            if (!continuesKeptBytes(range))
                 return startOverNext();
             total_ = range->total;
             rest = range->last - range->first + 1;
@@ -142,6 +142,18 @@ public:
         taking_ = true;
         report();
         return Verdict::take();
+    }
+
+    // Only the rest of the file the kept bytes came from continues them. A range that starts
+    // elsewhere, ends past its own total, or belongs to a file of another length than the one
+    // kept is another file under the same validator: splicing it on, or asking on from it, would
+    // build a wrong archive or ask past the end.
+    bool continuesKeptBytes(const std::optional<ContentRange>& range) const {
+        if (!range || range->first != size_)
+            return false;
+        if (range->total && range->last >= *range->total)
+            return false;
+        return !(range->total && keptTotal_ && *range->total != *keptTotal_);
     }
 
     std::exception_ptr write(const char* bytes, qint64 size) override {
@@ -253,7 +265,7 @@ private:
         size_ = 0;
     }
 
-    std::optional<QByteArray> readValidator() const {
+    std::optional<QByteArray> readValidator() {
         QFile file(files_.validator);
         if (!file.open(QIODevice::ReadOnly) || file.size() > 64 * 1024)
             return std::nullopt;
@@ -263,12 +275,16 @@ private:
         if (record.value(QStringLiteral("url")).toString() != url_.toString(QUrl::FullyEncoded) ||
             validator.isEmpty())
             return std::nullopt;
+        if (const QJsonValue size = record.value(QStringLiteral("size")); size.isDouble() && size.toDouble() >= 0)
+            keptTotal_ = qint64(size.toDouble());
         return validator;
     }
 
     void writeValidator() const {
-        const QJsonObject record{{QStringLiteral("url"), url_.toString(QUrl::FullyEncoded)},
-                                 {QStringLiteral("validator"), QString::fromLatin1(*validator_)}};
+        QJsonObject record{{QStringLiteral("url"), url_.toString(QUrl::FullyEncoded)},
+                           {QStringLiteral("validator"), QString::fromLatin1(*validator_)}};
+        if (total_)
+            record.insert(QStringLiteral("size"), double(*total_));
         fileManager_.writeAtomically(
             files_.validator, QJsonDocument(record).toJson(QJsonDocument::Compact));
     }
@@ -283,6 +299,7 @@ private:
     bool fed_ = false;
     qint64 size_ = 0;
     std::optional<qint64> total_;
+    std::optional<qint64> keptTotal_; // the whole archive's size when the kept bytes came
     std::optional<QByteArray> validator_;
     // The try that runs now.
     qint64 rangeFrom_ = 0;
