@@ -10,6 +10,8 @@
 #include <QProcess>
 #include <QRandomGenerator>
 
+#include <algorithm>
+
 namespace {
 
 QByteArray noise(qsizetype size, quint32 seed) {
@@ -205,6 +207,28 @@ private slots:
         QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
         QCOMPARE(statuses_, (QStringList{kDownloading, kInstalling}));
         QVERIFY(requestsUnder(QStringLiteral("/store/")) > before);
+        QCOMPARE(archiveRequests(update), 1);
+        verifyTreeOf(update, folder);
+    }
+
+    // A chunk path that fails after it said "Installing verified update..." (here the build it
+    // put together lacks the executable) says "Downloading into ZENTHO storage..." again while
+    // the archive downloads, and the archive installs the release.
+    void failureAfterInstallingShowsTheDownloadAgain() {
+        Release update = publishUpdateOverCurrent();
+        ChunkIndex index = ChunkIndex::decode(
+            TestFiles::readFile(server_->documentRoot() + QStringLiteral("/indexes/0.3.1.json")));
+        const auto executable = std::find_if(index.entries.begin(), index.entries.end(),
+                                             [](const ChunkIndexEntry& entry) { return entry.path == QStringLiteral("zentho"); });
+        QVERIFY(executable != index.entries.end());
+        index.entries.erase(executable);
+        const QByteArray withoutExecutable = index.encode();
+        server_->writeFile(QStringLiteral("indexes/no-executable.json"), withoutExecutable);
+        update.manifest.chunks->index = server_->url(QStringLiteral("/indexes/no-executable.json"));
+        update.manifest.chunks->sha256 = sha256Of(withoutExecutable);
+        QUrl folder;
+        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
+        QCOMPARE(statuses_, (QStringList{kDownloading, kInstalling, kDownloading, kInstalling}));
         QCOMPARE(archiveRequests(update), 1);
         verifyTreeOf(update, folder);
     }

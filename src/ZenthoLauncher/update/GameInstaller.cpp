@@ -56,6 +56,9 @@ QCoro::Task<void> GameInstaller::downloadAndPlace(ReleaseManifest manifest, QStr
     }
 
     if (!placed) {
+        // A chunk path that got as far as writing the build said so; what comes now is a download.
+        if (chunkIndex)
+            context_.reportStatus(downloadingStatus());
         // Named, not a braced temporary in the co_await: g++ 12 destroys such a temporary twice.
         const ReleaseStaging::Archive archive{manifest.url, manifest.sha256, ManifestKind::game().platform,
                                               installingStatus(), QStringLiteral("staging-")};
