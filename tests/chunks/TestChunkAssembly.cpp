@@ -6,15 +6,28 @@
 #include "formats/TreeChunker.h"
 
 #include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {
 
 constexpr ChunkSizes kSmall{64, 256, 1024};
+constexpr qint64 kReleaseTime = 1600000000;
+
+bool setModified(const QString& path, qint64 seconds) {
+    const struct timespec times[2] = {{time_t(seconds), 0}, {time_t(seconds), 0}};
+    return ::utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
+qint64 modifiedAt(const QString& path) {
+    struct stat info {};
+    return ::lstat(QFile::encodeName(path).constData(), &info) == 0 ? qint64(info.st_mtim.tv_sec) : -1;
+}
 
 QByteArray pattern(int size, int seed) {
     QByteArray bytes(size, '\0');
@@ -69,6 +82,13 @@ private slots:
         // A folder nobody may write to, filled all the same.
         TestFiles::writeFile(source_ + QStringLiteral("/locked/inside.txt"), "inside");
         QVERIFY(::chmod(QFile::encodeName(source_ + QStringLiteral("/locked")).constData(), 0555) == 0);
+        // Times long past, so that an assembled tree that took the install's times shows it.
+        QDirIterator it(source_, QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden, QDirIterator::Subdirectories);
+        QStringList everything;
+        while (it.hasNext())
+            everything.prepend(it.next()); // innermost first: setting a time changes no folder's
+        for (const QString& path : everything + QStringList{source_})
+            QVERIFY(setModified(path, kReleaseTime));
         archive_ = dir_.filePath(QStringLiteral("source.tar.gz"));
         TestArchives::create(archive_, source_, QDir(source_).entryList(QDir::AllEntries | QDir::NoDotAndDotDot));
         index_ = TreeChunker::index(source_, kSmall,
@@ -85,7 +105,7 @@ private slots:
     }
 
     // The same tree as tar unpacks from an archive of the source, under the same umask: contents,
-    // kinds, modes, symlinks and empty folders.
+    // kinds, modes, modification times, symlinks and empty folders.
     void treeComesOutAsTarUnpacksIt_data() {
         QTest::addColumn<int>("umask");
         QTest::newRow("022") << 022;
@@ -101,8 +121,24 @@ private slots:
         TestArchives::tar({QStringLiteral("-xzf"), archive_, QStringLiteral("-C"), unpacked});
         ::umask(previous);
         QCOMPARE(outcome, QStringLiteral("ok"));
+        QCOMPARE(TreeSnapshot::of(staging), TreeSnapshot::of(unpacked));
+        // Folders too, though filled after they were made.
+        for (const QString& folder : {QStringLiteral("data"), QStringLiteral("saves/none"), QStringLiteral("locked")})
+            QCOMPARE(modifiedAt(staging + QLatin1Char('/') + folder), kReleaseTime);
+    }
+
+    // The twin: an index written before times were recorded still installs, with the install's
+    // times, as before.
+    void indexWithoutTimesGivesTheInstallsTimes() {
+        ChunkIndex untimed = index_;
+        for (ChunkIndexEntry& entry : untimed.entries)
+            entry.mtime.reset();
+        QString staging;
+        QCOMPARE(assemble(untimed, locations_, &staging), QStringLiteral("ok"));
+        QVERIFY(modifiedAt(staging + QStringLiteral("/data/a.pak")) > kReleaseTime);
+        QVERIFY(modifiedAt(staging + QStringLiteral("/data")) > kReleaseTime);
         QCOMPARE(TreeSnapshot::of(staging, TreeSnapshot::Times::ignored),
-                 TreeSnapshot::of(unpacked, TreeSnapshot::Times::ignored));
+                 TreeSnapshot::of(source_, TreeSnapshot::Times::ignored));
     }
 
     // A location that holds other bytes: the file's digest gives it away.

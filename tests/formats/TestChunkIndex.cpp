@@ -5,6 +5,9 @@
 #include <QJsonObject>
 #include <QTest>
 
+#include <optional>
+#include <utility>
+
 namespace {
 
 const QString kA = QString(64, QLatin1Char('a'));
@@ -94,6 +97,21 @@ private slots:
         QVERIFY(!(ChunkIndex::decode(other.encode().replace("99999", "100000")) == other));
     }
 
+    // Files and folders carry the release's modification times when the index has them; an index
+    // without them reads as before.
+    void modificationTimesAreReadAndWrittenWhenThere() {
+        QJsonObject timedFolder = folder("data");
+        timedFolder.insert(QStringLiteral("mtime"), 1764000000);
+        QJsonObject timedFile = file("data/a", 5, {chunk(kA, 5)});
+        timedFile.insert(QStringLiteral("mtime"), 1764000001);
+        const ChunkIndex read = ChunkIndex::decode(json(index(QJsonArray{timedFolder, timedFile, file("b", 5, {chunk(kA, 5)})})));
+        QCOMPARE(read.entries[0].mtime, std::optional<qint64>(1764000000));
+        QCOMPARE(read.entries[1].mtime, std::optional<qint64>(1764000001));
+        QCOMPARE(read.entries[2].mtime, std::nullopt);
+        QCOMPARE(ChunkIndex::decode(read.encode()), read);
+        QVERIFY(read.encode().contains("\"mtime\":1764000001"));
+    }
+
     void hostileOrBrokenIndexesAreRefused_data() {
         QTest::addColumn<QByteArray>("text");
         QTest::addColumn<QString>("reason");
@@ -162,6 +180,13 @@ private slots:
         noEntries.remove("entries");
         QTest::newRow("no entries") << json(noEntries) << QStringLiteral("the index has no \"entries\"");
         QTest::newRow("not JSON") << QByteArray("{\"format\":1,") << QStringLiteral("it is not valid JSON");
+        for (const auto& [name, time] : {std::pair{"negative time", QJsonValue(-1)}, std::pair{"fractional time", QJsonValue(1.5)},
+                                         std::pair{"time as text", QJsonValue(QStringLiteral("yesterday"))},
+                                         std::pair{"time past 9999", QJsonValue(1e12)}}) {
+            QJsonObject timed = file("timed", 0, {});
+            timed.insert(QStringLiteral("mtime"), time);
+            row(name, withEntry(timed), "\"timed\"'s \"mtime\" is not a whole number");
+        }
         QTest::newRow("an array") << QByteArray("[]") << QStringLiteral("it is not a JSON object");
         QTest::newRow("raw control character") << QByteArray("{\"format\":1,\"chunker\":\"a\tb\"}")
                                                << QStringLiteral("control character in a string");

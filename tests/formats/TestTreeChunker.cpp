@@ -8,6 +8,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <optional>
+
+#include <fcntl.h>
 #include <sys/stat.h>
 
 namespace {
@@ -93,6 +96,24 @@ private slots:
 
         // What the release tool writes, a launcher reads back the same.
         QCOMPARE(ChunkIndex::decode(index.encode()), index);
+    }
+
+    // Files and folders carry their modification times, in whole seconds as tar keeps them;
+    // symlinks carry none.
+    void modificationTimesAreRecorded() {
+        const auto setModified = [](const QString& path, time_t seconds) {
+            const struct timespec times[2] = {{seconds, 0}, {seconds, 999999999}};
+            return ::utimensat(AT_FDCWD, QFile::encodeName(path).constData(), times, AT_SYMLINK_NOFOLLOW) == 0;
+        };
+        QVERIFY(setModified(root_ + QStringLiteral("/data/big"), 1600000000));
+        QVERIFY(setModified(root_ + QStringLiteral("/data"), 1600000100));
+        QMap<QString, std::optional<qint64>> times;
+        for (const ChunkIndexEntry& entry : TreeChunker::index(root_, kSmall).entries)
+            times.insert(entry.path, entry.mtime);
+        QCOMPARE(times.value(QStringLiteral("data/big")), std::optional<qint64>(1600000000));
+        QCOMPARE(times.value(QStringLiteral("data")), std::optional<qint64>(1600000100));
+        QCOMPARE(times.value(QStringLiteral("data/current")), std::nullopt);
+        QVERIFY(times.value(QStringLiteral("zentho")).has_value());
     }
 
     void aChangedFileChangesOnlyItsOwnEntry() {

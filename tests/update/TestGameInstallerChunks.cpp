@@ -135,8 +135,8 @@ class TestGameInstallerChunks : public InstallSandbox {
 
     void verifyTreeOf(const Release& release, const QUrl& folder) {
         verifyInstalled(release.manifest.version, folder);
-        QCOMPARE(TreeSnapshot::of(folder.toLocalFile(), TreeSnapshot::Times::ignored),
-                 TreeSnapshot::of(installedByTar(release), TreeSnapshot::Times::ignored));
+        QCOMPARE(TreeSnapshot::of(folder.toLocalFile()),
+                 TreeSnapshot::of(installedByTar(release)));
         QVERIFY(!QFileInfo::exists(home_->launcherRoot() + QStringLiteral("/chunks")));
     }
     // The archive unpacked as the archive path unpacks it, executable made runnable.

@@ -43,6 +43,8 @@ QString difference(const ChunkIndexEntry& indexed, const ChunkIndexEntry& found,
         return QStringLiteral("has other bytes in the archive than in the index");
     if (indexed.chunks != found.chunks)
         return QStringLiteral("is cut into other chunks than the index says");
+    if (indexed.mtime && found.mtime && indexed.mtime != found.mtime)
+        return QStringLiteral("was modified at %1 by the index and at %2 in the archive").arg(*indexed.mtime).arg(*found.mtime);
     return {};
 }
 

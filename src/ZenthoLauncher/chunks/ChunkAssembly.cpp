@@ -5,11 +5,13 @@
 #include <QFile>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -92,6 +94,11 @@ void writeAll(int fd, const char* bytes, std::size_t size, const std::string& pa
     }
 }
 
+// The access time is the install's, as tar leaves it; the modification time is the release's.
+std::array<struct timespec, 2> timesFor(qint64 mtime) {
+    return {timespec{0, UTIME_NOW}, timespec{time_t(mtime), 0}};
+}
+
 // Writes files from their chunks, checking each against its entry. One per thread.
 class FileWriter {
 public:
@@ -114,6 +121,8 @@ public:
             const mode_t mode = mode_t(entry.mode) & ~umask_;
             if (::fchmod(fd, mode) != 0)
                 failWithErrno(path, "cannot take its mode");
+            if (entry.mtime && ::futimens(fd, timesFor(*entry.mtime).data()) != 0)
+                failWithErrno(path, "cannot take its modification time");
             struct stat info {};
             if (::fstat(fd, &info) != 0)
                 failWithErrno(path, "cannot be checked");
@@ -144,7 +153,7 @@ public:
     void folder(const std::string& path, const ChunkIndexEntry& entry) {
         if (::mkdir(path.c_str(), 0700) != 0)
             failWithErrno(path, "cannot be made");
-        folders_.emplace_back(path, mode_t(entry.mode) & ~umask_);
+        folders_.push_back({path, mode_t(entry.mode) & ~umask_, entry.mtime});
     }
 
     static void symlink(const std::string& path, const ChunkIndexEntry& entry) {
@@ -159,11 +168,14 @@ public:
 
     // Innermost first, so that a folder without write permission is filled before it gets it.
     void finishFolders() {
+        // A folder's time is set once everything in it is written, which would change it again.
         for (auto it = folders_.rbegin(); it != folders_.rend(); ++it) {
-            const auto& [path, mode] = *it;
+            const auto& [path, mode, mtime] = *it;
             struct stat info {};
             if (::chmod(path.c_str(), mode) != 0 || ::lstat(path.c_str(), &info) != 0)
                 failWithErrno(path, "cannot take its mode");
+            if (mtime && ::utimensat(AT_FDCWD, path.c_str(), timesFor(*mtime).data(), AT_SYMLINK_NOFOLLOW) != 0)
+                failWithErrno(path, "cannot take its modification time");
             if (!S_ISDIR(info.st_mode) || (info.st_mode & 07777) != mode)
                 fail(path, "is not the folder the index describes");
         }
@@ -171,7 +183,12 @@ public:
 
 private:
     mode_t umask_;
-    std::vector<std::pair<std::string, mode_t>> folders_;
+    struct Folder {
+        std::string path;
+        mode_t mode;
+        std::optional<qint64> mtime;
+    };
+    std::vector<Folder> folders_;
 };
 
 // Writes `files` on up to four threads, the calling one included: hashing and copying a build

@@ -64,6 +64,13 @@ bool hasControl(const QString& value) {
     return false;
 }
 
+// The end of the year 9999: later times are no build's.
+constexpr qint64 kLatestTime = 253402300799;
+
+QByteArray mtimeMember(const ChunkIndexEntry& entry) {
+    return entry.mtime ? ",\"mtime\":" + QByteArray::number(*entry.mtime) : QByteArray();
+}
+
 // A path the launcher can place below the build's top and nowhere else.
 void checkPath(const QString& path) {
     const QString shown = QStringLiteral("the path \"%1\"").arg(path);
@@ -156,6 +163,9 @@ ChunkIndexEntry readEntry(const QJsonValue& value, const ChunkSizes& sizes, cons
     if (mode & ~qint64(0777))
         refuse(where + QStringLiteral(" has a setuid, setgid or sticky mode"));
     entry.mode = int(mode);
+    // Optional: indexes from before it was recorded still install, with the install's times.
+    if (object.contains(QStringLiteral("mtime")))
+        entry.mtime = whole(object, QStringLiteral("mtime"), where, kLatestTime);
     if (entry.kind == Kind::file)
         readFile(object, where, sizes, entry);
     return entry;
@@ -238,9 +248,11 @@ QByteArray ChunkIndex::encode() const {
         json += "{\"path\":" + jsonString(entry.path);
         switch (entry.kind) {
         case Kind::symlink: json += ",\"kind\":\"symlink\",\"target\":" + jsonString(entry.target); break;
-        case Kind::folder: json += ",\"kind\":\"folder\",\"mode\":" + QByteArray::number(entry.mode); break;
+        case Kind::folder:
+            json += ",\"kind\":\"folder\",\"mode\":" + QByteArray::number(entry.mode) + mtimeMember(entry);
+            break;
         case Kind::file:
-            json += ",\"kind\":\"file\",\"mode\":" + QByteArray::number(entry.mode) +
+            json += ",\"kind\":\"file\",\"mode\":" + QByteArray::number(entry.mode) + mtimeMember(entry) +
                     ",\"size\":" + QByteArray::number(entry.size) + ",\"sha256\":" + jsonString(entry.sha256) +
                     ",\"chunks\":[";
             for (std::size_t c = 0; c < entry.chunks.size(); ++c) {

@@ -7,6 +7,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <optional>
 #include <vector>
 
 // One chunk of a file: its name (the SHA-256 of its bytes, lower-case hex) and its length.
@@ -29,6 +30,9 @@ struct ChunkIndexEntry {
     QString target;  // a symlink's target
     QString sha256;  // a file's digest
     std::vector<ChunkRef> chunks;
+    // A file's or folder's modification time in seconds since 1970, as tar keeps it; none in
+    // indexes written before the release tool recorded it, and for symlinks.
+    std::optional<qint64> mtime;
 
     bool operator==(const ChunkIndexEntry&) const = default;
 };
@@ -38,8 +42,8 @@ struct ChunkIndexEntry {
 // to the archive as JSON:
 //
 //   {"format":1,"chunker":"fastcdc-gear64","min":16384,"average":65536,"max":262144,
-//    "entries":[{"path":"data","kind":"folder","mode":493},
-//               {"path":"data/a","kind":"file","mode":420,"size":5,"sha256":"...",
+//    "entries":[{"path":"data","kind":"folder","mode":493,"mtime":1764000000},
+//               {"path":"data/a","kind":"file","mode":420,"mtime":1764000000,"size":5,"sha256":"...",
 //                "chunks":[{"sha256":"...","size":5}]},
 //               {"path":"data/b","kind":"symlink","target":"a"}]}
 //

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -43,6 +44,11 @@ std::vector<std::string> sortedNames(const std::string& folder) {
     return names;
 }
 
+// Whole seconds, as tar keeps them; a time before 1970 is left out, as no release means it.
+std::optional<qint64> mtimeOf(const struct stat& info) {
+    return info.st_mtim.tv_sec >= 0 ? std::optional<qint64>(info.st_mtim.tv_sec) : std::nullopt;
+}
+
 class Walk {
 public:
     Walk(const ChunkSizes& sizes, const OnChunk& onChunk) : chunker_(sizes), onChunk_(onChunk) {}
@@ -70,11 +76,13 @@ public:
             } else if (S_ISDIR(info.st_mode)) {
                 entry.kind = ChunkIndexEntry::Kind::folder;
                 entry.mode = int(info.st_mode & 07777);
+                entry.mtime = mtimeOf(info);
                 index.entries.push_back(std::move(entry));
                 folder(path, inside);
             } else if (S_ISREG(info.st_mode)) {
                 entry.kind = ChunkIndexEntry::Kind::file;
                 entry.mode = int(info.st_mode & 07777);
+                entry.mtime = mtimeOf(info);
                 file(path, entry);
                 index.entries.push_back(std::move(entry));
             } else {
