@@ -32,6 +32,8 @@ private slots:
         QTest::newRow("integrate") << QStringList{"--integrate"} << Action::Integrate << "" << "";
         QTest::newRow("uninstall") << QStringList{"--uninstall"} << Action::Uninstall << "" << "";
         QTest::newRow("uninstall after a link") << QStringList{link, "--uninstall"} << Action::Uninstall << link << "";
+        QTest::newRow("verify") << QStringList{"--verify"} << Action::Verify << "" << "";
+        QTest::newRow("verify one") << QStringList{"--verify", "0.3.1"} << Action::Verify << "" << "";
         QTest::newRow("--integrate after -- is a link") << QStringList{"--", "--integrate"} << Action::Run
                                                         << "--integrate" << "";
         QTest::newRow("unknown") << QStringList{"--bogus"} << Action::Invalid << ""
@@ -57,10 +59,27 @@ private slots:
         QVERIFY(!command.problem.contains(QLatin1Char('\n')));
     }
 
+    // The build --verify checks is the argument after it, when that is not an option.
+    void verifyTakesTheVersionAfterIt_data() {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<QString>("version");
+        QTest::newRow("all") << QStringList{"--verify"} << "";
+        QTest::newRow("one") << QStringList{"--verify", "0.3.1"} << "0.3.1";
+        QTest::newRow("an option is not a version") << QStringList{"--verify", "--help"} << "";
+        QTest::newRow("a link before it is not one") << QStringList{"zentho://join/x", "--verify"} << "";
+    }
+    void verifyTakesTheVersionAfterIt() {
+        QFETCH(QStringList, arguments);
+        QFETCH(QString, version);
+        const CommandLine command = CommandLine::parse(QStringList{QStringLiteral("/x/ZenthoLauncher")} + arguments);
+        QCOMPARE(command.action, Action::Verify);
+        QCOMPARE(command.version, version);
+    }
+
     void usageNamesTheLinkTheOptionsAndTheEnvironment() {
         const QString usage = CommandLine::usage(QStringLiteral("zentho-launcher"));
         QVERIFY(usage.startsWith(QStringLiteral("Usage: zentho-launcher [LINK]\n")));
-        for (const char* word : {"LINK", "--help", "--version", "--integrate", "--uninstall",
+        for (const char* word : {"LINK", "--help", "--version", "--integrate", "--uninstall", "--verify [VERSION]",
                                  "CMakeCache.txt", "ZENTHO_UPDATE_MANIFEST", "ZENTHO_LAUNCHER_UPDATE_MANIFEST"})
             QVERIFY2(usage.contains(QLatin1String(word)), word);
         QVERIFY(usage.endsWith(QLatin1Char('\n')));

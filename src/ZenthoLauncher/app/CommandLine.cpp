@@ -24,6 +24,12 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
         } else if (argument == QLatin1String("--uninstall")) {
             result.action = Action::Uninstall;
             return result;
+        } else if (argument == QLatin1String("--verify")) {
+            result.action = Action::Verify;
+            const QString next = arguments.value(i + 1);
+            if (!next.isEmpty() && !next.startsWith(QLatin1Char('-')))
+                result.version = next;
+            return result;
         } else {
             result.action = Action::Invalid;
             result.problem = QStringLiteral("unknown option \"%1\" (see --help)").arg(argument);
@@ -37,6 +43,7 @@ QString CommandLine::usage(const QString& program) {
     return QStringLiteral(
                "Usage: %1 [LINK]\n"
                "       %1 --help | --version | --integrate | --uninstall\n"
+               "       %1 --verify [VERSION]\n"
                "\n"
                "Keeps ZENTHO up to date: its main button installs a newer launcher or game when\n"
                "there is one, starts the game and quits; when the network fails, the installed\n"
@@ -58,6 +65,10 @@ QString CommandLine::usage(const QString& program) {
                "  --integrate  add this launcher to the desktop now, wherever it is, and exit\n"
                "  --uninstall  remove it from the desktop again and exit; your saved builds and\n"
                "               the game's data stay\n"
+               "  --verify [VERSION]\n"
+               "               compare every saved build, or the one named, with what its\n"
+               "               release listed: print what is missing or changed, and exit 1\n"
+               "               when anything is\n"
                "  --           end of options: the next argument is the link, even if it begins\n"
                "               with \"-\"\n"
                "\n"

@@ -1,0 +1,130 @@
+// `--verify` on the real launcher: a build installed from a release with chunks keeps its index,
+// and the command compares the build on disk with it, naming what a crash, a disk error or a
+// player changed, and failing then.
+
+#include "AdoptedProcesses.h"
+#include "LauncherBundles.h"
+#include "LauncherStorage.h"
+#include "RealLauncher.h"
+#include "ReleaseTool.h"
+#include "TestFiles.h"
+#include "TestRequirements.h"
+#include "TestServer.h"
+
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <memory>
+#include <optional>
+
+namespace {
+
+const QString kVersion = QStringLiteral("0.3.0");
+const QString kNoLauncherUpdate = QStringLiteral("file:///dev/null/no-launcher-manifest.json");
+
+struct Verified {
+    int exitCode = -1;
+    QString output;
+    QString errors;
+};
+
+} // namespace
+
+class TestVerifyBuilds : public QObject {
+    Q_OBJECT
+
+    std::unique_ptr<TestServer> server_;
+    QTemporaryDir dir_;
+    std::optional<AdoptedProcesses> adopted_;
+
+    QString path(const QString& name) const { return dir_.filePath(name); }
+    LauncherStorage storage() const { return LauncherStorage(path(QStringLiteral("data"))); }
+    QString installed(const QString& file) const { return storage().build(kVersion) + QLatin1Char('/') + file; }
+
+    Verified verify(const QStringList& arguments) const {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("XDG_DATA_HOME"), storage().dataHome());
+        process.setProcessEnvironment(environment);
+        process.start(RealLauncher::executableOf(LauncherBundles::builtBundle()),
+                      QStringList{QStringLiteral("--verify")} + arguments);
+        if (!process.waitForFinished(120000)) {
+            RealLauncher::stop(process);
+            return {};
+        }
+        return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+                QString::fromUtf8(process.readAllStandardOutput()), QString::fromUtf8(process.readAllStandardError())};
+    }
+
+private slots:
+    // 0.3.0, packed with chunks and published, installed by one press of the real launcher: the
+    // first install comes from the archive and keeps the release's index beside the build.
+    void initTestCase() {
+        ZENTHO_REQUIRE(root);
+        ZENTHO_REQUIRE(nginx);
+        QVERIFY(RealLauncher::becomeSubreaper());
+        adopted_.emplace();
+        server_ = std::make_unique<TestServer>();
+        const QString game = path(QStringLiteral("game"));
+        TestFiles::writeScript(game + QStringLiteral("/zentho"),
+                               "printf 'pid=%s\\n' \"$$\" > \"$ZENTHO_STANDIN_RECORD\"\nexec sleep 3\n");
+        TestFiles::writeFile(game + QStringLiteral("/data/pack.bin"), TestFiles::randomBytes(600000, 3));
+        TestFiles::writeFile(game + QStringLiteral("/data/levels.txt"), QByteArray("level 1: gate\n").repeated(500));
+        QVERIFY(QFile::link(QStringLiteral("levels.txt"), game + QStringLiteral("/data/current")));
+        const ReleaseTool::Run packed = ReleaseTool::packGameWithChunks(
+            game, kVersion, server_->url(QStringLiteral("/builds")).toString(), path(QStringLiteral("out")),
+            path(QStringLiteral("store")), server_->url(QStringLiteral("/chunks")).toString());
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        const ReleaseTool::Run published = ReleaseTool::publishWithChunks(
+            server_->documentRoot(), path(QStringLiteral("store")), packed.line(QStringLiteral("manifest")));
+        QVERIFY2(published.ok(), published.errors.constData());
+        server_->writeFile(QStringLiteral("m.json"), TestFiles::readFile(packed.line(QStringLiteral("manifest"))));
+
+        RealLauncher launcher(LauncherBundles::builtBundle(), storage().dataHome());
+        launcher.useManifests(server_->url(QStringLiteral("/m.json")).toString(), kNoLauncherUpdate);
+        launcher.recordGameStartIn(path(QStringLiteral("record")));
+        launcher.start(*server_, QStringLiteral("zentho://invite/verify"));
+        QCOMPARE(launcher.waitForExit(), std::optional<int>(0));
+        const QByteArray record = RealLauncher::waitForGameRecord(path(QStringLiteral("record")));
+        QVERIFY(!record.isEmpty());
+        RealLauncher::terminateAndCollect(RealLauncher::recordedPid(record));
+    }
+    void cleanupTestCase() { adopted_.reset(); }
+
+    void buildAsInstalledIsWhole() {
+        const Verified all = verify({});
+        QCOMPARE(all.output, QStringLiteral("0.3.0: whole\n"));
+        QCOMPARE(all.exitCode, 0);
+        QCOMPARE(verify({kVersion}).exitCode, 0);
+    }
+
+    // The twin: a build no launcher saved cannot be vouched for.
+    void unknownBuildFails() {
+        const Verified unknown = verify({QStringLiteral("9.9.9")});
+        QCOMPARE(unknown.exitCode, 1);
+        QVERIFY2(unknown.errors.startsWith(QStringLiteral("No saved build 9.9.9 in ")), qPrintable(unknown.errors));
+    }
+
+    // Run last: it damages the build.
+    void damageOnDiskIsNamedAndFails() {
+        QFile pack(installed(QStringLiteral("data/pack.bin")));
+        QVERIFY(pack.open(QIODevice::ReadWrite) && pack.seek(1000));
+        QCOMPARE(pack.write("X"), qint64(1));
+        pack.close();
+        QVERIFY(QFile::remove(installed(QStringLiteral("data/current"))));
+        TestFiles::writeFile(installed(QStringLiteral("stray.txt")), "not the release's\n");
+        const Verified damaged = verify({kVersion});
+        QCOMPARE(damaged.exitCode, 1);
+        const QStringList lines = damaged.output.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        QCOMPARE(lines.value(0), QStringLiteral("0.3.0: damaged"));
+        QCOMPARE(lines.mid(1).size(), 3);
+        for (const char* line : {"  data/pack.bin: changed content", "  data/current: missing",
+                                 "  stray.txt: not part of the build"})
+            QVERIFY2(lines.contains(QLatin1String(line)), qPrintable(damaged.output));
+    }
+};
+
+QTEST_GUILESS_MAIN(TestVerifyBuilds)
+#include "TestVerifyBuilds.moc"
