@@ -27,8 +27,8 @@ namespace {
 // Runs one launch to its end; returns what it threw, or null when the game started.
 std::exception_ptr runLaunch(const QString& folder, const GameLauncher::Watch& watch,
                              const QString& executable = QStringLiteral("zentho"),
-                             std::optional<QString> invite = std::nullopt) {
-    return waitForOutcome(GameLauncher::launch(folder, executable, std::move(invite), watch));
+                             const std::optional<QString>& invite = {}) {
+    return waitForOutcome(GameLauncher::launch(folder, executable, invite, watch));
 }
 
 std::optional<int> gameExitedStatus(std::exception_ptr error) {
@@ -89,8 +89,8 @@ class TestGameLauncher : public QObject {
     // Until the game has ended or settled into its sleep.
     std::exception_ptr launch(const QString& folder,
                               const QString& executable = QStringLiteral("zentho"),
-                              std::optional<QString> invite = std::nullopt) {
-        return runLaunch(folder, games_->watch(), executable, std::move(invite));
+                              const std::optional<QString>& invite = {}) {
+        return runLaunch(folder, games_->watch(), executable, invite);
     }
 
 private slots:
