@@ -83,6 +83,7 @@ ReleaseManifest ReleaseManifest::decode(const QByteArray& json) {
     manifest.sha256 = requiredString(object, QStringLiteral("sha256"));
     manifest.executable = requiredString(object, QStringLiteral("executable"));
     manifest.chunks = optionalChunks(object);
+    manifest.rollout = Rollout::from(object.value(QStringLiteral("rollout")));
     return manifest;
 }
 
@@ -94,5 +95,5 @@ QByteArray ReleaseManifest::encode() const {
                          ",\"sha256\":" + jsonString(chunks->sha256) +
                          ",\"store\":" + jsonString(chunks->store.toString(QUrl::FullyEncoded)) + "}"
                    : QByteArray()) +
-           "}";
+           (rollout ? ",\"rollout\":" + rollout->encode() : QByteArray()) + "}";
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "errors/Failure.h"
+#include "formats/Rollout.h"
 
 #include <QByteArray>
 #include <QString>
@@ -29,12 +30,16 @@ struct ReleaseManifest {
     // manifest fail to decode: one that is malformed is left out, like any key not known here, and
     // the release is then what the five keys say.
     std::optional<ReleaseChunks> chunks = std::nullopt; // defaulted, so five-field initialisers stay complete
+    // The optional member "rollout" (see Rollout): the share of installations the release is
+    // offered to. Malformed, it is left out like "chunks", and the release is offered to all.
+    std::optional<Rollout> rollout = std::nullopt;
 
     // Decodes a whole response body. The five keys are required and read in field order (the
     // first failure is the one reported); other keys are ignored. Checks nothing beyond the JSON
     // types and that `url` parses. Throws ManifestDecodingError.
     static ReleaseManifest decode(const QByteArray& json);
-    // The same five keys in field order, `url` as a string, then "chunks" when there are chunks.
+    // The same five keys in field order, `url` as a string, then "chunks" and "rollout" when
+    // there are.
     QByteArray encode() const;
 
     bool operator==(const ReleaseManifest&) const = default;

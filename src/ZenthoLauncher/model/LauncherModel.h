@@ -115,6 +115,9 @@ private:
     // the version differs, start. Any failure of the game half ends in the fallback start.
     QCoro::Task<void> runUpdateAndPlay();
     QCoro::Task<void> updateGameAndLaunch(InstalledState current);
+    // True when `manifest` is a staged release not yet offered to this installation, which then
+    // starts `current` as it is.
+    bool heldBackByRollout(const ReleaseManifest& manifest, const InstalledState& current);
 
     // Fetches the launcher's own manifest and, when it names another version, downloads,
     // verifies and stages it and starts the script that swaps the bundles once this process has

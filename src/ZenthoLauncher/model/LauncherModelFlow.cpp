@@ -9,6 +9,7 @@
 #include "net/UnreachableHosts.h"
 #include "platform/FileManager.h"
 #include "platform/Platform.h"
+#include "storage/RolloutPlace.h"
 #include "update/ManifestFetch.h"
 #include "update/UpdateEndpoints.h"
 
@@ -78,13 +79,30 @@ QCoro::Task<void> LauncherModel::runUpdateAndPlay() {
     platform_.quit();
 }
 
+// A staged release waits for the installations outside its share: they start the build they
+// have, exactly as when the server names that build. It is offered at once to a player who has no
+// build to start, and to one following an invite, whose friend may already play it: joining needs
+// the same build.
+bool LauncherModel::heldBackByRollout(const ReleaseManifest& manifest, const InstalledState& current) {
+    if (!manifest.rollout || (pendingInvite_ && !pendingInvite_->isEmpty()))
+        return false;
+    if (current.path.isEmpty() || !files.isExecutableFile(current.path + QLatin1Char('/') + kFallbackExecutable))
+        return false;
+    return !manifest.rollout->offers(RolloutPlace::of(files, launcherRoot()), QDateTime::currentDateTimeUtc());
+}
+
 QCoro::Task<void> LauncherModel::updateGameAndLaunch(InstalledState current) {
     const ReleaseManifest manifest =
         co_await fetchReleaseManifest(http_, manifestURL(), ManifestKind::game(), trustedManifestKeys());
 
-    QUrl runtime;
     // Any difference in the version text is a release to install, a lower one included: the
-    // server's version always wins.
+    // server's version always wins, once the release is offered to this installation.
+    if (manifest.version != current.version && heldBackByRollout(manifest, current)) {
+        setStatus(QStringLiteral("Starting ZENTHO..."));
+        co_await launch(QUrl::fromLocalFile(current.path), kFallbackExecutable);
+        co_return;
+    }
+    QUrl runtime;
     if (manifest.version == current.version) {
         runtime = QUrl::fromLocalFile(current.path);
     } else {
