@@ -26,3 +26,4 @@ extern const ReleaseCommand signBundleCommand;
 extern const ReleaseCommand packCommand;
 extern const ReleaseCommand verifyCommand;
 extern const ReleaseCommand publishCommand;
+extern const ReleaseCommand rolloutCommand;

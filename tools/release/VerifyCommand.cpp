@@ -6,6 +6,8 @@
 #include "ReleaseKeys.h"
 #include "ReleaseOptions.h"
 
+#include <QDateTime>
+
 #include <cstdio>
 #include <string>
 
@@ -32,7 +34,8 @@ const char kUsage[] =
     "Seal keys are the --key files, else the keys this build's launcher trusts\n"
     "(ZENTHO_SIGNING_PUBLIC_KEY). Manifest keys are the --manifest-key files, else this build's\n"
     "ZENTHO_MANIFEST_PUBLIC_KEYS; with manifest keys a missing MANIFEST.sig fails.\n"
-    "Exit status 0 with one line \"ok: ...\"; 1 with one line naming the failed check.\n";
+    "Exit status 0 with one line \"ok: ...\" (and \"rollout: ...\" with the state of a staged\n"
+    "release); 1 with one line naming the failed check.\n";
 
 int runVerify(const std::vector<std::string>& arguments) {
     const ReleaseOptions options(arguments, {"--key", "--manifest-key", "--index", "--chunks"});
@@ -49,6 +52,8 @@ int runVerify(const std::vector<std::string>& arguments) {
                                                        QString::fromStdString(files.at(1)), keys, chunkFiles);
     std::printf("ok: %s %s: %s checked\n", qPrintable(release.manifest.platform),
                 qPrintable(release.manifest.version), qPrintable(release.checks));
+    if (release.manifest.rollout)
+        std::printf("rollout: %s\n", qPrintable(release.manifest.rollout->describe(QDateTime::currentDateTimeUtc())));
     return 0;
 }
 

@@ -16,7 +16,7 @@ namespace {
 const std::vector<const ReleaseCommand*>& commands() {
     static const std::vector<const ReleaseCommand*> all{&keygenCommand, &signBundleCommand,
                                                         &packCommand, &verifyCommand,
-                                                        &publishCommand};
+                                                        &publishCommand, &rolloutCommand};
     return all;
 }
 
