@@ -20,19 +20,13 @@
 
 namespace {
 
+using FreshPlayer::addSuiteRows;
 using FreshPlayer::describe;
 using FreshPlayer::gameBuild;
 using FreshPlayer::gameStarted;
 using User = FreshSystem::User;
 
-const QStringList suites{QStringLiteral("trixie"), QStringLiteral("bookworm")};
 const QString kInvite = QStringLiteral("zentho://join/fresh-desktop");
-
-void addSuiteRows() {
-    QTest::addColumn<QString>("suite");
-    for (const QString& suite : suites)
-        QTest::newRow(qPrintable(suite)) << suite;
-}
 
 QString playerPath(const QString& relative) {
     return FreshSystem::home(User::player) + QLatin1Char('/') + relative;
@@ -46,16 +40,6 @@ class TestFreshDebianDesktop : public QObject {
     std::unique_ptr<TestServer> server_;
     std::optional<PublishedRelease> release_;
 
-    // A fresh `suite` system whose player has unpacked the launcher.
-    std::unique_ptr<FreshSystem> unpacked(const QString& suite) {
-        auto fresh = std::make_unique<FreshSystem>(suite);
-        FreshPlayer::addOpenGlDispatch(*fresh);
-        const FreshSystem::Result unpacking = FreshPlayer::unpackLauncher(*fresh, *release_);
-        if (!unpacking.succeeded())
-            qWarning("unpacking failed: %s", describe(unpacking).constData());
-        return fresh;
-    }
-
     int servedGameArchives() const {
         server_->awaitLogged();
         return int(server_->servedFor(QStringLiteral("/release/zentho-%1-macos-arm64.tar.gz")
@@ -68,9 +52,7 @@ private slots:
         ZENTHO_REQUIRE(root);
         ZENTHO_REQUIRE(debootstrap);
         ZENTHO_REQUIRE(nginx);
-        // Minutes the first time for each suite, then only its stamp is read.
-        for (const QString& suite : suites)
-            FreshDebianBase(suite).ensure([](const QString& line) { qInfo().noquote() << line; });
+        FreshPlayer::ensureBases();
         server_ = std::make_unique<TestServer>();
         release_.emplace(*server_);
         QVERIFY(QFileInfo::exists(release_->launcherArchive()));
@@ -79,7 +61,7 @@ private slots:
     void theUnpackedBundleSaysItsVersion_data() { addSuiteRows(); }
     void theUnpackedBundleSaysItsVersion() {
         QFETCH(QString, suite);
-        const auto fresh = unpacked(suite);
+        const auto fresh = FreshPlayer::withUnpackedLauncher(suite, *release_);
         const FreshSystem::Result version = fresh->run({FreshPlayer::executable(), "--version"});
         QCOMPARE(version.output, release_->launcherVersion().toUtf8() + '\n');
         QCOMPARE(version.exitCode, 0);
@@ -90,7 +72,7 @@ private slots:
     void aBundleMissingALibraryNamesIt_data() {
         QTest::addColumn<QString>("suite");
         QTest::addColumn<QString>("library");
-        for (const QString& suite : suites) {
+        for (const QString& suite : FreshPlayer::suites()) {
             for (const char* library : {"libQt6Core.so.6", "libicuuc.so.72"})
                 QTest::newRow(qPrintable(suite + QLatin1Char(' ') + QLatin1String(library)))
                     << suite << QString::fromLatin1(library);
@@ -99,7 +81,7 @@ private slots:
     void aBundleMissingALibraryNamesIt() {
         QFETCH(QString, suite);
         QFETCH(QString, library);
-        const auto fresh = unpacked(suite);
+        const auto fresh = FreshPlayer::withUnpackedLauncher(suite, *release_);
         const QString frameworks = FreshPlayer::bundle() + QStringLiteral("/Contents/Frameworks");
         QVERIFY(QFile::remove(fresh->hostPath(frameworks + QLatin1Char('/') + library)));
         const FreshSystem::Result version = fresh->run({FreshPlayer::executable(), "--version"});
@@ -114,7 +96,7 @@ private slots:
     void aPlayerInstallsAndPlaysTheGame_data() { addSuiteRows(); }
     void aPlayerInstallsAndPlaysTheGame() {
         QFETCH(QString, suite);
-        const auto fresh = unpacked(suite);
+        const auto fresh = FreshPlayer::withUnpackedLauncher(suite, *release_);
         fresh->trustCa(TestServer::caPath());
         const int servedBefore = servedGameArchives();
 
@@ -142,7 +124,7 @@ private slots:
     void withoutTheCaNothingIsInstalled_data() { addSuiteRows(); }
     void withoutTheCaNothingIsInstalled() {
         QFETCH(QString, suite);
-        const auto fresh = unpacked(suite);
+        const auto fresh = FreshPlayer::withUnpackedLauncher(suite, *release_);
         const int servedBefore = servedGameArchives();
         const QString seedRecord = playerPath(QStringLiteral("seed-record"));
 

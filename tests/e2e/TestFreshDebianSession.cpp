@@ -1,8 +1,9 @@
-// The window of the bundle players get, drawn on an X server by a fresh Debian 12 or 13 system
-// that holds only what every desktop has: the player starts the unpacked launcher with no
-// argument, as the README says, and the screen shows the idle window as the launcher's own tests
-// draw it (tests/data/window-idle.png). A bundle that lost the QML module the window is made of
-// shows no window and says which module is missing.
+// A player's X session on fresh Debian 12 and 13 systems that hold only what every desktop has,
+// on the test's Xvfb. Started with no argument, as the README says, the unpacked launcher draws
+// the idle window as the launcher's own tests draw it (tests/data/window-idle.png); a bundle that
+// lost the QML module the window is made of shows none and says which module is missing. After
+// the first start, the system's own xdg-open hands zentho: links to the launcher, which passes
+// them to the game; before it, nothing handles them.
 
 #include "FreshPlayer.h"
 #include "FreshSystem.h"
@@ -25,21 +26,15 @@
 
 namespace {
 
+using FreshPlayer::addSuiteRows;
 using FreshPlayer::describe;
 using FreshPlayer::gameBuild;
 using FreshPlayer::gameStarted;
 using User = FreshSystem::User;
 
-const QStringList suites{QStringLiteral("trixie"), QStringLiteral("bookworm")};
 const QString kTitle = QStringLiteral("ZENTHO Launcher");
 const QString kInvite = QStringLiteral("zentho://join/fresh-session");
 const QString kLink = QStringLiteral("zentho://join/abc?from=friend&seat=2");
-
-void addSuiteRows() {
-    QTest::addColumn<QString>("suite");
-    for (const QString& suite : suites)
-        QTest::newRow(qPrintable(suite)) << suite;
-}
 
 QImage reference() {
     return QImage(qEnvironmentVariable("ZENTHO_SOURCE_DIR") + QStringLiteral("/tests/data/window-idle.png"))
@@ -66,23 +61,13 @@ class TestFreshDebianSession : public QObject {
     std::optional<PublishedRelease> release_;
     QTemporaryDir scratch_;
 
-    std::unique_ptr<FreshSystem> unpackedOn(const QString& suite, const XvfbSession& screen) {
-        auto fresh = std::make_unique<FreshSystem>(suite, screen.display());
-        FreshPlayer::addOpenGlDispatch(*fresh);
-        const FreshSystem::Result unpacking = FreshPlayer::unpackLauncher(*fresh, *release_);
-        if (!unpacking.succeeded())
-            qWarning("unpacking failed: %s", describe(unpacking).constData());
-        return fresh;
-    }
-
 private slots:
     void initTestCase() {
         ZENTHO_REQUIRE(root);
         ZENTHO_REQUIRE(debootstrap);
         ZENTHO_REQUIRE(nginx);
         ZENTHO_REQUIRE(xvfb);
-        for (const QString& suite : suites)
-            FreshDebianBase(suite).ensure([](const QString& line) { qInfo().noquote() << line; });
+        FreshPlayer::ensureBases();
         server_ = std::make_unique<TestServer>();
         release_.emplace(*server_);
         QVERIFY(QFileInfo::exists(release_->launcherArchive()));
@@ -92,7 +77,7 @@ private slots:
     void theIdleWindowIsDrawnAsItsReference_data() {
         QTest::addColumn<QString>("suite");
         QTest::addColumn<QString>("renderer");
-        for (const QString& suite : suites) {
+        for (const QString& suite : FreshPlayer::suites()) {
             QTest::newRow(qPrintable(suite)) << suite << QString();
             QTest::newRow(qPrintable(suite + QStringLiteral(" software"))) << suite << QStringLiteral("software");
         }
@@ -102,7 +87,7 @@ private slots:
         QFETCH(QString, renderer);
         XvfbSession screen;
         QVERIFY(!screen.display().isEmpty());
-        const auto fresh = unpackedOn(suite, screen);
+        const auto fresh = FreshPlayer::withUnpackedLauncher(suite, *release_, screen.display());
         // Nothing but the player's session: the launcher picks the X11 platform itself, and with
         // no renderer named, Qt Quick draws through the system's OpenGL.
         QStringList settings = FreshPlayer::releaseSettings(*release_);
@@ -145,7 +130,7 @@ private slots:
     void aBundleWithoutItsQmlModuleShowsNoWindow() {
         QFETCH(QString, suite);
         XvfbSession screen;
-        const auto fresh = unpackedOn(suite, screen);
+        const auto fresh = FreshPlayer::withUnpackedLauncher(suite, *release_, screen.display());
         QVERIFY(QDir(fresh->hostPath(FreshPlayer::bundle() + QStringLiteral("/Contents/Resources/qml/QtQuick/Layouts")))
                     .removeRecursively());
         const FreshSystem::Result started =
@@ -161,7 +146,7 @@ private slots:
     void aZenthoLinkOpensInTheLauncher() {
         QFETCH(QString, suite);
         XvfbSession screen;
-        const auto fresh = unpackedOn(suite, screen);
+        const auto fresh = FreshPlayer::withUnpackedLauncher(suite, *release_, screen.display());
         fresh->trustCa(TestServer::caPath());
         const QStringList settings = FreshPlayer::releaseSettings(*release_);
         const FreshSystem::Result first = fresh->run({FreshPlayer::executable(), kInvite}, User::player, settings);
@@ -183,7 +168,7 @@ private slots:
     void beforeTheFirstStartNoLinkReachesTheLauncher() {
         QFETCH(QString, suite);
         XvfbSession screen;
-        const auto fresh = unpackedOn(suite, screen);
+        const auto fresh = FreshPlayer::withUnpackedLauncher(suite, *release_, screen.display());
         fresh->trustCa(TestServer::caPath());
         const FreshSystem::Result opened = fresh->run({"/usr/bin/xdg-open", kLink}, User::player,
                                                       FreshPlayer::releaseSettings(*release_));

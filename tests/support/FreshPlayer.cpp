@@ -3,8 +3,24 @@
 #include "PublishedRelease.h"
 
 #include <QFileInfo>
+#include <QTest>
 
 namespace FreshPlayer {
+
+QStringList suites() {
+    return {QStringLiteral("trixie"), QStringLiteral("bookworm")};
+}
+
+void addSuiteRows() {
+    QTest::addColumn<QString>("suite");
+    for (const QString& suite : suites())
+        QTest::newRow(qPrintable(suite)) << suite;
+}
+
+void ensureBases() {
+    for (const QString& suite : suites())
+        FreshDebianBase(suite).ensure([](const QString& line) { qInfo().noquote() << line; });
+}
 
 QString bundle() {
     return FreshSystem::home(FreshSystem::User::player) + QStringLiteral("/Games/ZenthoLauncher.app");
@@ -20,6 +36,16 @@ FreshSystem::Result unpackLauncher(FreshSystem& fresh, const PublishedRelease& r
     fresh.copyIn(release.launcherArchive(), downloaded);
     return fresh.run({"/bin/sh", "-c", "mkdir -p ~/Games && tar -xzf \"$1\" -C ~/Games", "sh",
                       downloaded});
+}
+
+std::unique_ptr<FreshSystem> withUnpackedLauncher(const QString& suite, const PublishedRelease& release,
+                                                  const QString& display) {
+    auto fresh = std::make_unique<FreshSystem>(suite, display);
+    addOpenGlDispatch(*fresh);
+    const FreshSystem::Result unpacking = unpackLauncher(*fresh, release);
+    if (!unpacking.succeeded())
+        qWarning("unpacking the launcher failed: %s", describe(unpacking).constData());
+    return fresh;
 }
 
 void addOpenGlDispatch(FreshSystem& fresh) {

@@ -8,6 +8,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <memory>
 #include <optional>
 
 class PublishedRelease;
@@ -15,6 +16,13 @@ class PublishedRelease;
 // The player of a fresh system, doing what the README's section for players says: the launcher
 // archive downloaded into ~/Downloads, unpacked into ~/Games with tar, started from there.
 namespace FreshPlayer {
+
+// The systems players are shown to run the launcher on: Debian 13 and Debian 12.
+QStringList suites();
+// One row of test data for each of them, in a column "suite".
+void addSuiteRows();
+// Makes their bases unless cached (minutes each, the progress shown), then only reads stamps.
+void ensureBases();
 
 // Where the README has the launcher unpacked, and its executable there, inside the system.
 QString bundle();
@@ -31,6 +39,12 @@ FreshSystem::Result unpackLauncher(FreshSystem& fresh, const PublishedRelease& r
 // libopengl0 (a change that makes them again), this puts the host's copy where that package puts
 // it, as an administrator installing it would.
 void addOpenGlDispatch(FreshSystem& fresh);
+
+// A fresh `suite` system reaching `display` (or none), with libOpenGL.so.0 added, whose player
+// has unpacked `release`'s launcher; an unpacking that failed is warned about, and shows in the
+// tests as a launcher that is not there.
+std::unique_ptr<FreshSystem> withUnpackedLauncher(const QString& suite, const PublishedRelease& release,
+                                                  const QString& display = {});
 
 // What a launcher started by the player is given beyond the player's own environment: the
 // release's manifests on the test server instead of the real release server.
