@@ -56,16 +56,23 @@ void reportMissing(const char* name, int length, const char* frameworks) {
                  kProduct, length, name, frameworks);
 }
 
-// The loader's reason in a player's words: the library the bundle lacks, by name, or the whole
-// reason when it is something else.
-void reportLoadFailure(const char* reason, const char* frameworks) {
+// The loader's reason in a player's words: the library that is missing, by name, or the whole
+// reason when it is something else. In a sealed bundle every library it carries was found present
+// before loading, so one missing now is one the bundle takes from the system, which lacks it:
+// downloading the launcher again would not help, installing it would.
+void reportLoadFailure(const char* reason, const char* frameworks, bool sealed) {
     const char* const missing = std::strstr(reason, ": cannot open shared object file");
     if (missing) {
         const char* name = reason;
         for (const char* p = reason; p < missing; ++p)
             if (*p == '/')
                 name = p + 1;
-        reportMissing(name, int(missing - name), frameworks);
+        if (sealed)
+            std::fprintf(stderr, "%s cannot start: this system lacks %.*s, which every desktop provides; install "
+                                 "it with the system's package manager.\n",
+                         kProduct, int(missing - name), name);
+        else
+            reportMissing(name, int(missing - name), frameworks);
         return;
     }
     std::fprintf(stderr, "%s cannot start: %s\n", kProduct, reason);
@@ -75,11 +82,12 @@ void reportLoadFailure(const char* reason, const char* frameworks) {
 // `missing`; false when none is missing or the bundle carries no seal (a bundle laid out for
 // tests, sealed later). Without this check the loader would fall back to a system copy of a
 // library the bundle lost, of another version than the rest of the bundle.
-bool missingLibrary(const char* contents, char* missing, std::size_t size) {
+bool missingLibrary(const char* contents, char* missing, std::size_t size, bool& sealed) {
     char seal[PATH_MAX];
     if (std::snprintf(seal, sizeof seal, "%s/_CodeSignature/Signature", contents) >= int(sizeof seal))
         return false;
     std::FILE* listing = std::fopen(seal, "re");
+    sealed = listing != nullptr;
     if (!listing)
         return false;
     // "file <mode> <sha256> Contents/Frameworks/<soname>": sonames need no escaping.
@@ -134,14 +142,15 @@ int main(int argc, char** argv) {
     }
 
     char missing[256];
-    if (missingLibrary(contents, missing, sizeof missing)) {
+    bool sealed = false;
+    if (missingLibrary(contents, missing, sizeof missing, sealed)) {
         reportMissing(missing, int(std::strlen(missing)), frameworks);
         return 1;
     }
 
     void* const launcher = ::dlopen(library, RTLD_NOW | RTLD_GLOBAL);
     if (!launcher) {
-        reportLoadFailure(::dlerror(), frameworks);
+        reportLoadFailure(::dlerror(), frameworks, sealed);
         return 1;
     }
     using Entry = int (*)(int, char**);

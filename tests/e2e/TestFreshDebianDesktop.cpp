@@ -93,6 +93,21 @@ private slots:
         QCOMPARE(version.exitCode, 1);
     }
 
+    // A library the bundle takes from the system, missing there (a desktop stripped of its fonts
+    // library): the player is told to install it, not to download the launcher again.
+    void aSystemMissingALibraryNamesIt_data() { addSuiteRows(); }
+    void aSystemMissingALibraryNamesIt() {
+        QFETCH(QString, suite);
+        const auto fresh = FreshPlayer::withUnpackedLauncher(suite, *release_);
+        const FreshSystem::Result removed =
+            fresh->run({"/bin/sh", "-c", "rm /usr/lib/x86_64-linux-gnu/libfontconfig.so.1*"}, FreshSystem::User::root);
+        QVERIFY2(removed.succeeded(), FreshPlayer::describe(removed).constData());
+        const FreshSystem::Result version = fresh->run({FreshPlayer::executable(), "--version"});
+        QCOMPARE(version.output, QByteArray("ZENTHO Launcher cannot start: this system lacks libfontconfig.so.1, which "
+                                            "every desktop provides; install it with the system's package manager.\n"));
+        QCOMPARE(version.exitCode, 1);
+    }
+
     void aPlayerInstallsAndPlaysTheGame_data() { addSuiteRows(); }
     void aPlayerInstallsAndPlaysTheGame() {
         QFETCH(QString, suite);

@@ -41,16 +41,10 @@ FreshSystem::Result unpackLauncher(FreshSystem& fresh, const PublishedRelease& r
 std::unique_ptr<FreshSystem> withUnpackedLauncher(const QString& suite, const PublishedRelease& release,
                                                   const QString& display) {
     auto fresh = std::make_unique<FreshSystem>(suite, display);
-    addOpenGlDispatch(*fresh);
     const FreshSystem::Result unpacking = unpackLauncher(*fresh, release);
     if (!unpacking.succeeded())
         qWarning("unpacking the launcher failed: %s", describe(unpacking).constData());
     return fresh;
-}
-
-void addOpenGlDispatch(FreshSystem& fresh) {
-    const QString library = QStringLiteral("/usr/lib/x86_64-linux-gnu/libOpenGL.so.0");
-    fresh.copyIn(QFileInfo(library).canonicalFilePath(), library, FreshSystem::User::root);
 }
 
 QStringList releaseSettings(const PublishedRelease& release) {

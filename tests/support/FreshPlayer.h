@@ -33,13 +33,6 @@ QString executable();
 // says: mkdir -p ~/Games && tar -xzf <archive> -C ~/Games.
 FreshSystem::Result unpackLauncher(FreshSystem& fresh, const PublishedRelease& release);
 
-// Qt Gui needs libOpenGL.so.0, which data/system-libraries.txt counts among what every desktop
-// provides (glvnd's libopengl0), but the fresh bases hold only libgl1 and libegl1: on them the
-// bundle says libOpenGL.so.0 is missing and starts nothing. Until the bases' recipe holds
-// libopengl0 (a change that makes them again), this puts the host's copy where that package puts
-// it, as an administrator installing it would.
-void addOpenGlDispatch(FreshSystem& fresh);
-
 // A fresh `suite` system reaching `display` (or none), with libOpenGL.so.0 added, whose player
 // has unpacked `release`'s launcher; an unpacking that failed is warned about, and shows in the
 // tests as a launcher that is not there.
