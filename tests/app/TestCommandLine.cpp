@@ -34,6 +34,7 @@ private slots:
         QTest::newRow("uninstall after a link") << QStringList{link, "--uninstall"} << Action::Uninstall << link << "";
         QTest::newRow("verify") << QStringList{"--verify"} << Action::Verify << "" << "";
         QTest::newRow("verify one") << QStringList{"--verify", "0.3.1"} << Action::Verify << "" << "";
+        QTest::newRow("repair") << QStringList{"--repair", "0.3.1"} << Action::Repair << "" << "";
         QTest::newRow("--integrate after -- is a link") << QStringList{"--", "--integrate"} << Action::Run
                                                         << "--integrate" << "";
         QTest::newRow("unknown") << QStringList{"--bogus"} << Action::Invalid << ""
@@ -79,7 +80,7 @@ private slots:
     void usageNamesTheLinkTheOptionsAndTheEnvironment() {
         const QString usage = CommandLine::usage(QStringLiteral("zentho-launcher"));
         QVERIFY(usage.startsWith(QStringLiteral("Usage: zentho-launcher [LINK]\n")));
-        for (const char* word : {"LINK", "--help", "--version", "--integrate", "--uninstall", "--verify [VERSION]",
+        for (const char* word : {"LINK", "--help", "--version", "--integrate", "--uninstall", "--verify [VERSION]", "--repair [VERSION]",
                                  "CMakeCache.txt", "ZENTHO_UPDATE_MANIFEST", "ZENTHO_LAUNCHER_UPDATE_MANIFEST"})
             QVERIFY2(usage.contains(QLatin1String(word)), word);
         QVERIFY(usage.endsWith(QLatin1Char('\n')));

@@ -1,6 +1,6 @@
-// `--verify` on the real launcher: a build installed from a release with chunks keeps its index,
-// and the command compares the build on disk with it, naming what a crash, a disk error or a
-// player changed, and failing then.
+// `--verify` and `--repair` on the real launcher: a build installed from a release with chunks
+// keeps its index, and the commands compare the build on disk with it, naming what a crash, a
+// disk error or a player changed, and put it right from the chunks it lost.
 
 #include "AdoptedProcesses.h"
 #include "LauncherBundles.h"
@@ -12,7 +12,9 @@
 #include "TestServer.h"
 
 #include <QFile>
+#include <QDir>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -43,13 +45,15 @@ class TestVerifyBuilds : public QObject {
     LauncherStorage storage() const { return LauncherStorage(path(QStringLiteral("data"))); }
     QString installed(const QString& file) const { return storage().build(kVersion) + QLatin1Char('/') + file; }
 
-    Verified verify(const QStringList& arguments) const {
+    Verified verify(const QStringList& arguments) const { return run(QStringList{QStringLiteral("--verify")} + arguments); }
+    Verified repair() const { return run({QStringLiteral("--repair"), kVersion}); }
+    Verified run(const QStringList& arguments) const {
         QProcess process;
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("XDG_DATA_HOME"), storage().dataHome());
         process.setProcessEnvironment(environment);
-        process.start(RealLauncher::executableOf(LauncherBundles::builtBundle()),
-                      QStringList{QStringLiteral("--verify")} + arguments);
+        const QStringList command = server_->commandTrustingCa(RealLauncher::executableOf(LauncherBundles::builtBundle()), arguments);
+        process.start(command.first(), command.mid(1));
         if (!process.waitForFinished(120000)) {
             RealLauncher::stop(process);
             return {};
@@ -107,7 +111,7 @@ private slots:
         QVERIFY2(unknown.errors.startsWith(QStringLiteral("No saved build 9.9.9 in ")), qPrintable(unknown.errors));
     }
 
-    // Run last: it damages the build.
+    // Runs after the tests above: it damages the build, which the next one repairs.
     void damageOnDiskIsNamedAndFails() {
         QFile pack(installed(QStringLiteral("data/pack.bin")));
         QVERIFY(pack.open(QIODevice::ReadWrite) && pack.seek(1000));
@@ -123,6 +127,39 @@ private slots:
         for (const char* line : {"  data/pack.bin: changed content", "  data/current: missing",
                                  "  stray.txt: not part of the build"})
             QVERIFY2(lines.contains(QLatin1String(line)), qPrintable(damaged.output));
+    }
+
+    // The twin first: with the release's chunk store gone the damaged build cannot be put right,
+    // and it is left no worse. Then, with the store back, --repair fetches only what the damage
+    // took, and the build verifies whole.
+    void damagedBuildIsRepairedFetchingOnlyWhatIsLost() {
+        const QString store = server_->documentRoot() + QStringLiteral("/chunks");
+        const QString aside = server_->documentRoot() + QStringLiteral("/chunks-aside");
+        const QString before = verify({kVersion}).output;
+        QVERIFY(QDir().rename(store, aside));
+        const Verified failed = repair();
+        QVERIFY(QDir().rename(aside, store));
+        QVERIFY2(failed.exitCode == 1, qPrintable(failed.output + failed.errors));
+        QVERIFY2(failed.output.startsWith(QStringLiteral("0.3.0: cannot be repaired: ")), qPrintable(failed.output));
+        QCOMPARE(verify({kVersion}).output, before);
+
+        server_->awaitLogged();
+        const qsizetype mark = server_->accessLog().size();
+        const Verified repaired = repair();
+        QCOMPARE(repaired.exitCode, 0);
+        static const QRegularExpression line(QStringLiteral("^0\\.3\\.0: repaired, 3 entries put right, (\\d+) chunks \\(\\d+ bytes\\) fetched\n$"));
+        const QRegularExpressionMatch match = line.match(repaired.output);
+        QVERIFY2(match.hasMatch(), qPrintable(repaired.output));
+        server_->awaitLogged();
+        const QString log = server_->accessLog().mid(mark);
+        const int fetched = int(log.count(QStringLiteral("GET /chunks/")));
+        QCOMPARE(fetched, match.captured(1).toInt());
+        // The one changed byte of the pack lies in one chunk; the link and the stray need none.
+        QCOMPARE(fetched, 1);
+        QVERIFY(!log.contains(QStringLiteral(".tar.gz")));
+        const Verified whole = verify({kVersion});
+        QCOMPARE(whole.output, QStringLiteral("0.3.0: whole\n"));
+        QCOMPARE(whole.exitCode, 0);
     }
 };
 

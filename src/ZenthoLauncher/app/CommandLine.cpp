@@ -24,8 +24,8 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
         } else if (argument == QLatin1String("--uninstall")) {
             result.action = Action::Uninstall;
             return result;
-        } else if (argument == QLatin1String("--verify")) {
-            result.action = Action::Verify;
+        } else if (argument == QLatin1String("--verify") || argument == QLatin1String("--repair")) {
+            result.action = argument == QLatin1String("--verify") ? Action::Verify : Action::Repair;
             const QString next = arguments.value(i + 1);
             if (!next.isEmpty() && !next.startsWith(QLatin1Char('-')))
                 result.version = next;
@@ -43,7 +43,7 @@ QString CommandLine::usage(const QString& program) {
     return QStringLiteral(
                "Usage: %1 [LINK]\n"
                "       %1 --help | --version | --integrate | --uninstall\n"
-               "       %1 --verify [VERSION]\n"
+               "       %1 --verify [VERSION] | --repair [VERSION]\n"
                "\n"
                "Keeps ZENTHO up to date: its main button installs a newer launcher or game when\n"
                "there is one, starts the game and quits; when the network fails, the installed\n"
@@ -69,6 +69,9 @@ QString CommandLine::usage(const QString& program) {
                "               compare every saved build, or the one named, with what its\n"
                "               release listed: print what is missing or changed, and exit 1\n"
                "               when anything is\n"
+               "  --repair [VERSION]\n"
+               "               put damaged saved builds right, fetching only what is nowhere on\n"
+               "               this disk; exit 1 when one could not be\n"
                "  --           end of options: the next argument is the link, even if it begins\n"
                "               with \"-\"\n"
                "\n"

@@ -3,6 +3,7 @@
 #include "app/CommandLine.h"
 #include "app/DesktopCommands.h"
 #include "app/InviteChannel.h"
+#include "app/RepairCommand.h"
 #include "app/VerifyCommand.h"
 #include "desktop/LinuxPlatform.h"
 #include "identity/LauncherVersion.h"
@@ -57,6 +58,8 @@ extern "C" int zenthoLauncherMain(int argc, char** argv) {
         return DesktopCommands::uninstall(FileManager::defaultManager(), LinuxPlatform(), stdout, stderr);
     case CommandLine::Action::Verify:
         return verifySavedBuilds(FileManager::defaultManager(), command.version, stdout, stderr);
+    case CommandLine::Action::Repair:
+        return repairSavedBuilds(FileManager::defaultManager(), command.version, stdout, stderr);
     case CommandLine::Action::Invalid:
         std::fprintf(stderr, "%s: %s\n", qPrintable(program), qPrintable(command.problem));
         return 2;

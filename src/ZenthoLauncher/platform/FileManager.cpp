@@ -205,6 +205,13 @@ void FileManager::setPosixPermissions(const QString& path, unsigned int mode) co
         throwFileError(QStringLiteral("could not set the permissions of %1").arg(path));
 }
 
+void FileManager::exchangeItems(const QString& a, const QString& b) const {
+    if (::renameat2(AT_FDCWD, native(a).constData(), AT_FDCWD, native(b).constData(), RENAME_EXCHANGE) != 0)
+        throwFileError(QStringLiteral("could not exchange %1 and %2").arg(a, b));
+    syncFolder(parentOf(a));
+    syncFolder(parentOf(b));
+}
+
 void FileManager::moveItem(const QString& from, const QString& to) const {
     const QByteArray source = native(from);
     const QByteArray target = native(to);

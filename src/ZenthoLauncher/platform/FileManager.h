@@ -37,6 +37,9 @@ public:
     void setPosixPermissions(const QString& path, unsigned int mode) const;
     // Renames; fails when anything already exists at `to`.
     void moveItem(const QString& from, const QString& to) const;
+    // Swaps `a` and `b`, both of which must exist, in one step: nobody ever sees either path
+    // missing or half of one.
+    void exchangeItems(const QString& a, const QString& b) const;
     // Renames `with` over `original`, which must exist.
     void replaceItem(const QString& original, const QString& with) const;
     // Removes a file, link or whole folder tree (links are removed, never followed), also when

@@ -18,14 +18,34 @@ BuildIndexes::BuildIndexes(QString launcherRoot) : path_(launcherRoot + QStringL
 
 // Named after the build folder's path, so that any version text, "/" included, makes one plain
 // file name.
-QString BuildIndexes::fileFor(const QString& buildFolder) const {
+QString BuildIndexes::fileFor(const QString& buildFolder, const QString& suffix) const {
     return path_ + QLatin1Char('/') +
            QString::fromLatin1(QCryptographicHash::hash(buildFolder.toUtf8(), QCryptographicHash::Sha256).toHex()) +
-           QStringLiteral(".json");
+           suffix;
 }
 
 std::optional<QByteArray> BuildIndexes::read(const QString& buildFolder) const {
-    QFile file(fileFor(buildFolder));
+    return readKept(fileFor(buildFolder), buildFolder);
+}
+
+std::optional<QUrl> BuildIndexes::readStore(const QString& buildFolder) const {
+    const std::optional<QByteArray> text = readKept(fileFor(buildFolder, QStringLiteral(".store")), buildFolder);
+    if (!text)
+        return std::nullopt;
+    const QUrl store(QString::fromUtf8(text->trimmed()), QUrl::StrictMode);
+    return store.isValid() && !store.isRelative() ? std::optional(store) : std::nullopt;
+}
+
+bool BuildIndexes::writeStore(const QString& buildFolder, const QUrl& store) const {
+    QSaveFile file(fileFor(buildFolder, QStringLiteral(".store")));
+    if (!QDir().mkpath(path_) || !file.open(QIODevice::WriteOnly))
+        return false;
+    file.write(buildFolder.toUtf8() + '\n' + store.toString(QUrl::FullyEncoded).toUtf8() + '\n');
+    return file.commit();
+}
+
+std::optional<QByteArray> BuildIndexes::readKept(const QString& path, const QString& buildFolder) const {
+    QFile file(path);
     if (!file.open(QIODevice::ReadOnly) || file.size() > kLargestKept)
         return std::nullopt;
     // The first line names the build, so that indexes of builds that are gone can be told apart.

@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QString>
 #include <QStringList>
+#include <QUrl>
 
 #include <optional>
 
@@ -22,8 +23,14 @@ public:
     // then reads the build itself.
     bool write(const QString& buildFolder, const QByteArray& index) const;
 
+    // The chunk store the build's release was published with, kept beside its index, so that a
+    // damaged build can fetch the chunks it lost; false when it could not be written.
+    bool writeStore(const QString& buildFolder, const QUrl& store) const;
+    std::optional<QUrl> readStore(const QString& buildFolder) const;
+
 private:
-    QString fileFor(const QString& buildFolder) const;
+    QString fileFor(const QString& buildFolder, const QString& suffix = QStringLiteral(".json")) const;
+    std::optional<QByteArray> readKept(const QString& path, const QString& buildFolder) const;
 
     QString path_;
 };

@@ -69,8 +69,11 @@ QCoro::Task<void> GameInstaller::downloadAndPlace(ReleaseManifest manifest, QStr
     // Chunks kept by earlier tries are in the build now, or belong to a release no longer wanted;
     // the index tells the next update what the build holds without reading it.
     ChunkCache(context_.launcherRoot).clear();
-    if (chunkIndex)
-        BuildIndexes(context_.launcherRoot).write(installFolder, chunkIndex->bytes);
+    if (chunkIndex) {
+        const BuildIndexes kept(context_.launcherRoot);
+        kept.write(installFolder, chunkIndex->bytes);
+        kept.writeStore(installFolder, manifest.chunks->store);
+    }
 }
 
 QCoro::Task<std::optional<FetchedChunkIndex>> GameInstaller::fetchChunkIndexOrNothing(ReleaseChunks chunks) {

@@ -48,6 +48,10 @@ public:
         files_->moveItem(path_, destination);
         armed_ = false;
     }
+    // Puts the staged tree at `destination`, which must exist, in one step, and takes what was
+    // there in its place, to be removed with this folder: a build replaced so is whole before
+    // and whole after, whenever the process dies.
+    void exchangeWith(const QString& destination) { files_->exchangeItems(path_, destination); }
     // Leaves the folder to whoever takes its content from here on.
     void handOver() { armed_ = false; }
 

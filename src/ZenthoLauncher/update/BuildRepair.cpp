@@ -1,0 +1,85 @@
+#include "update/BuildRepair.h"
+
+#include "chunks/ChunkAssembly.h"
+#include "chunks/ChunkDownload.h"
+#include "chunks/ChunkedInstall.h"
+#include "errors/Failure.h"
+#include "net/FreeSpace.h"
+#include "net/HttpClient.h"
+#include "platform/FileManager.h"
+#include "process/WorkerThread.h"
+#include "storage/BuildIndexes.h"
+#include "storage/ChunkCache.h"
+#include "storage/StorageLock.h"
+
+#include <QFileInfo>
+#include <QSet>
+
+#include <algorithm>
+
+namespace {
+
+// A saved build is always started by this name, so the launcher made it runnable.
+const QString kExecutable = QStringLiteral("zentho");
+
+// The build's own index less what is damaged: only its undamaged files may lend their bytes.
+ChunkIndex withoutDamage(ChunkIndex index, const std::vector<BuildDamage>& damage) {
+    QSet<QString> damaged;
+    for (const BuildDamage& entry : damage)
+        damaged.insert(entry.path);
+    std::erase_if(index.entries, [&](const ChunkIndexEntry& entry) { return damaged.contains(entry.path); });
+    return index;
+}
+
+} // namespace
+
+BuildRepair::BuildRepair(InstallContext context) : staging_(std::move(context)) {}
+
+QCoro::Task<RepairOutcome> BuildRepair::repair(QString versionsRoot, QString buildFolder) {
+    const InstallContext& context = staging_.context();
+    const StorageLock lock = co_await staging_.holdStorage();
+    const BuildIndexes kept(context.launcherRoot);
+    const std::optional<QByteArray> keptIndex = kept.read(buildFolder);
+    if (!keptIndex)
+        throw Failure(QStringLiteral("no index was kept for it, so what it should hold is not known"));
+    const ChunkIndex index = ChunkIndex::decode(*keptIndex);
+
+    RepairOutcome outcome;
+    outcome.damage = co_await onWorkerThread([&] { return checkBuild(buildFolder, index, BuildCheckDepth::full, kExecutable); });
+    if (outcome.damage.empty())
+        co_return outcome;
+
+    // The build's undamaged files first, then the other saved builds, as an update seeds.
+    std::vector<SeedBuild> seeds{{buildFolder, withoutDamage(index, outcome.damage)}};
+    for (SeedBuild& other : seedBuilds(context.files, context.launcherRoot, versionsRoot, QString()))
+        if (other.folder != buildFolder)
+            seeds.push_back(std::move(other));
+    // Last, and read only while chunks are still missing: the damaged build cut afresh, which
+    // finds the chunks of a changed file that the change left as they were.
+    seeds.push_back({buildFolder, std::nullopt});
+    const ChunkCache cache(context.launcherRoot);
+    ChunkPlan plan = co_await onWorkerThread([&] { return planChunks(index, cache, seeds); });
+    FreeSpace::require({{context.launcherRoot, plan.missingBytes + buildBytes(index)}},
+                       context.http.limits().freeSpaceReserve);
+    if (!plan.missing.empty()) {
+        const std::optional<QUrl> store = kept.readStore(buildFolder);
+        if (!store)
+            throw Failure(QStringLiteral("%1 of its chunks are nowhere on this disk and no chunk store is known for it")
+                              .arg(plan.missing.size()));
+        outcome.fetchedChunks = int(plan.missing.size());
+        outcome.fetchedBytes = plan.missingBytes;
+        // Named, not a braced temporary in the co_await: g++ 12 destroys such a temporary twice.
+        ChunkDownload download{*store, plan.missing, plan.keptBytes, context.downloadObserver};
+        co_await downloadChunks(context.http, std::move(download), cache);
+        for (const ChunkRef& chunk : plan.missing)
+            plan.found.insert(chunk.sha256, ChunkLocation{cache.pathOf(chunk.sha256), 0});
+    }
+
+    StagingFolder staging = staging_.newStagingFolder(QStringLiteral("staging-"));
+    co_await onWorkerThread([&] { assembleBuild(index, plan.found, staging.path()); });
+    if (const std::optional<QString> executable = staging.executable(kExecutable))
+        context.files.setPosixPermissions(*executable, 0755);
+    staging.exchangeWith(buildFolder);
+    cache.clear();
+    co_return outcome;
+}
