@@ -19,7 +19,12 @@ InstallContext LauncherModel::installContext(DownloadObserver& observer) {
 QCoro::Task<bool> LauncherModel::updateLauncherIfNeeded() {
     DownloadMeter meter = downloadMeter();
     LauncherUpdater updater(installContext(meter), platform_, {launcherVersion(), trustedManifestKeys()},
-                            [this] { return pendingInvite_; });
+                            [this] {
+                                // Read as the finish script is started: the invite goes to the
+                                // launcher it starts, and a later one could not.
+                                inviteHandedOn_ = true;
+                                return pendingInvite_;
+                            });
     co_return co_await updater.updateIfNeeded(launcherManifestURL());
 }
 
