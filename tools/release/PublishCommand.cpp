@@ -132,9 +132,9 @@ void checkNotADowngrade(const Placement& placement, bool allowed) {
     const QString& version = placement.release.manifest.version;
     if (!published || compareVersionsNumerically(version, *published) >= 0)
         return;
-    const std::string what = placement.release.manifest.platform.toStdString() + " " + version.toStdString() +
-                             " is lower than the published " + published->toStdString() +
-                             "; every launcher would go back to it";
+    const std::string what = placement.release.manifest.platform.toStdString() + " " +
+                             version.toStdString() + " is lower than the published " +
+                             published->toStdString() + "; every launcher would go back to it";
     if (!allowed)
         throw std::runtime_error(what + " (give --allow-downgrade to roll back on purpose)");
     std::fprintf(stderr, "zentho-release publish: warning: %s\n", what.c_str());
@@ -149,9 +149,11 @@ Placement place(const QString& root, const QString& manifestPath, const ReleaseC
     Placement placement;
     // Under --chunks a game release is checked as "verify --chunks" checks it, which refuses one
     // that names no chunks (packed without them by mistake). A launcher release never has any.
-    const bool checkChunks = given.chunks || given.platform == QLatin1String(ReleaseFiles::kGamePlatform);
+    const bool checkChunks =
+        given.chunks || given.platform == QLatin1String(ReleaseFiles::kGamePlatform);
     placement.release = ReleaseCheck::check(
-        manifestPath, QFileInfo(manifestPath).absolutePath() + QLatin1Char('/') + given.url.fileName(), keys,
+        manifestPath,
+        QFileInfo(manifestPath).absolutePath() + QLatin1Char('/') + given.url.fileName(), keys,
         ReleaseChunkFiles{QString(), checkChunks ? chunkStore : QString()});
     const ReleaseManifest& manifest = placement.release.manifest;
     placement.manifest = root + QStringLiteral("/release/") + manifest.platform + QStringLiteral("-manifest.json");

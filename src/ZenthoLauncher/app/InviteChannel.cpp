@@ -48,7 +48,7 @@ InviteChannel::InviteChannel(QString address, QObject* parent)
 }
 
 bool InviteChannel::forwardToRunningLauncher(const QString& invite, int timeoutMs,
-                                              int answerTimeoutMs) const {
+                                             int answerTimeoutMs) const {
     QLocalSocket socket;
     if (!connectTo(socket, address_, timeoutMs))
         return false;

@@ -92,9 +92,8 @@ extern "C" int zenthoLauncherMain(int argc, char** argv) {
         MainWindow window(model, platform);
         // A link handed over once this launcher can no longer pass it on is refused, and the
         // launcher that brought it follows it itself.
-        channel.setAcceptsInvites([guard = QPointer<LauncherModel>(&model)] {
-            return guard && guard->followsInvites();
-        });
+        channel.setAcceptsInvites(
+            [guard = QPointer<LauncherModel>(&model)] { return guard && guard->followsInvites(); });
         QObject::connect(&channel, &InviteChannel::inviteReceived, window.window(),
                          [&](const QString& forwarded) {
                              window.bringToFront();

@@ -54,7 +54,8 @@ QString plainVersion(const QJsonObject& object) {
                                       [](QChar c) { return c.category() == QChar::Other_Control; });
     if (version.isEmpty() || version == QLatin1String(".") || version == QLatin1String("..") ||
         version.contains(QLatin1Char('/')) || controls)
-        throw ManifestDecodingError(QStringLiteral("The manifest's \"version\" is not a plain folder name."));
+        throw ManifestDecodingError(
+            QStringLiteral("The manifest's \"version\" is not a plain folder name."));
     return version;
 }
 

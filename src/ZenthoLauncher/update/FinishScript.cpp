@@ -29,14 +29,15 @@ QByteArray scriptWithOpener(const QByteArray& opener, int waitTenths) {
                              "while kill -0 \"$old_pid\" 2>/dev/null; do\n"
                              "  if [ \"$waited\" -ge ") +
            QByteArray::number(waitTenths) +
-           QByteArrayLiteral(" ]; then\n"
-                             "    /bin/rm -rf \"$staged\"; /bin/rmdir \"${staged%/*}\" 2>/dev/null; exit 2\n"
-                             "  fi\n"
-                             "  waited=$((waited + 1))\n"
-                             "  sleep 0.1\n"
-                             "done\n"
-                             "if ! /bin/mv \"$target\" \"$backup\"; then exit 1; fi\n"
-                             "if /bin/mv \"$staged\" \"$target\"; then\n  ") +
+           QByteArrayLiteral(
+               " ]; then\n"
+               "    /bin/rm -rf \"$staged\"; /bin/rmdir \"${staged%/*}\" 2>/dev/null; exit 2\n"
+               "  fi\n"
+               "  waited=$((waited + 1))\n"
+               "  sleep 0.1\n"
+               "done\n"
+               "if ! /bin/mv \"$target\" \"$backup\"; then exit 1; fi\n"
+               "if /bin/mv \"$staged\" \"$target\"; then\n  ") +
            opener + QByteArrayLiteral("\n  exit 0\nfi\n/bin/mv \"$backup\" \"$target\"\n") +
            opener + QByteArrayLiteral("\nexit 1");
 }
@@ -59,10 +60,11 @@ QByteArray FinishScript::text(Opener opener, int waitTenths) {
         // The new launcher gets a session of its own, so it is not tied to the script or to the
         // terminal the old launcher was started from. An invite given as the fifth argument
         // follows "--", so the launcher takes it as its link whatever its first character.
-        return scriptWithOpener(QByteArrayLiteral(
-            "/usr/bin/setsid -f \"$target/Contents/MacOS/ZenthoLauncher\" ${5:+--} ${5:+\"$5\"}"
-            " >/dev/null 2>&1"),
-                                waitTenths);
+        return scriptWithOpener(
+            QByteArrayLiteral(
+                "/usr/bin/setsid -f \"$target/Contents/MacOS/ZenthoLauncher\" ${5:+--} ${5:+\"$5\"}"
+                " >/dev/null 2>&1"),
+            waitTenths);
     }
     return {};
 }
