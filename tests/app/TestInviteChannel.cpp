@@ -20,6 +20,8 @@
 namespace {
 
 const char* const kChildVariable = "ZENTHO_INVITE_CHANNEL_CHILD";
+// Set for a child whose launcher, once it listens, refuses every link handed over.
+const char* const kRefusingVariable = "ZENTHO_INVITE_CHANNEL_REFUSES";
 const QString kInvite = QStringLiteral("zentho://join/7F3A-91?host=Pat&region=eu%2Dwest");
 
 // The start-up of a launcher, as main() does it, in a child process: forward and end with 0, or
@@ -37,6 +39,13 @@ int runLauncherStart(int argc, char** argv) {
     case InviteChannel::Role::Primary:
         break;
     }
+    if (qEnvironmentVariableIsSet(kRefusingVariable)) {
+        channel.setAcceptsInvites([] {
+            std::printf("refused\n");
+            std::fflush(stdout);
+            return false;
+        });
+    }
     QObject::connect(&channel, &InviteChannel::inviteReceived, [](const QString& invite) {
         std::printf("invite:%s\n", qPrintable(invite));
         std::fflush(stdout);
@@ -48,9 +57,12 @@ int runLauncherStart(int argc, char** argv) {
 
 // A launcher start in its own process.
 struct Start {
-    explicit Start(const QString& address, const QString& invite = {}) {
+    enum class Links { taken, refused };
+    explicit Start(const QString& address, const QString& invite = {}, Links links = Links::taken) {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QString::fromLatin1(kChildVariable), QStringLiteral("1"));
+        if (links == Links::refused)
+            env.insert(QString::fromLatin1(kRefusingVariable), QStringLiteral("1"));
         process->setProcessEnvironment(env);
         process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
         QStringList args{address};
@@ -165,12 +177,50 @@ private slots:
     void forwardingNeedsSomeoneListening() {
         InviteChannel sender(address());
         QVERIFY(!sender.forwardToRunningLauncher(kInvite, 500));
-        InviteChannel receiver(address());
-        QVERIFY(receiver.listen());
-        QSignalSpy received(&receiver, &InviteChannel::inviteReceived);
+        // The receiver answers from its own event loop, so it runs in a process of its own.
+        Start receiver(address());
+        QCOMPARE(receiver.nextLine(), QStringLiteral("primary"));
         QVERIFY(sender.forwardToRunningLauncher(kInvite));
-        QTRY_COMPARE_WITH_TIMEOUT(received.size(), 1, 60000);
-        QCOMPARE(received.first().first().toString(), kInvite);
+        QCOMPARE(receiver.nextLine(), QStringLiteral("invite:") + kInvite);
+    }
+
+    // A launcher that can no longer pass a link on refuses it: the later start does not end, it
+    // runs alone (the address stays the refusing launcher's) and follows the link itself.
+    void aRefusedLinkStaysWithTheLaterStart() {
+        Start first(address(), {}, Start::Links::refused);
+        QCOMPARE(first.nextLine(), QStringLiteral("primary"));
+        Start second(address(), kInvite);
+        QVERIFY(second.endsWith(4));
+        QCOMPARE(second.nextLine(), QStringLiteral("unshared"));
+        // Asked once, then once more after the address proved taken; neither time taken.
+        QCOMPARE(first.nextLine(), QStringLiteral("refused"));
+        QCOMPARE(first.nextLine(), QStringLiteral("refused"));
+        QCOMPARE(first.process->state(), QProcess::Running);
+    }
+
+    // A launcher that ends after the link reached its socket, before it read it (it was quitting),
+    // never took it: the later start becomes the launcher that listens, with its link.
+    void aLinkTheListenerEndedWithoutReadingIsNotTaken() {
+        QLocalServer ending;
+        QVERIFY(ending.listen(address()));
+        Start later(address(), kInvite);
+        QVERIFY(ending.waitForNewConnection(60000));
+        QLocalSocket* connection = ending.nextPendingConnection();
+        QVERIFY(connection->waitForReadyRead(60000)); // the link has arrived
+        // The address goes first, then the connection: the later start, finding its link not
+        // taken, finds the address free.
+        ending.close();
+        delete connection;
+        QCOMPARE(later.nextLine(), QStringLiteral("primary"));
+    }
+
+    // Launchers from before the answer take every link they read and never answer: one that
+    // stays connected without a word is taken to have the link, as it always was.
+    void aListenerThatNeverAnswersIsTakenToHaveTheLink() {
+        QLocalServer silent;
+        QVERIFY(silent.listen(address()));
+        QVERIFY(InviteChannel(address()).forwardToRunningLauncher(kInvite, 60000, 200));
+        QVERIFY(silent.waitForNewConnection(60000));
     }
 
     void garbageFromAPeerIsDroppedAndLaterLinksStillArrive() {
@@ -185,9 +235,14 @@ private slots:
         // The receiver drops such a peer once it has read it, which the peer sees.
         QTRY_COMPARE_WITH_TIMEOUT(peer.state(), QLocalSocket::UnconnectedState, 60000);
         QCOMPARE(received.size(), 0);
-        QVERIFY(InviteChannel(address()).forwardToRunningLauncher(kInvite));
+        // Forwarded from another process: this one's event loop must run to answer it.
+        Start later(address(), kInvite);
         QTRY_COMPARE_WITH_TIMEOUT(received.size(), 1, 60000);
         QCOMPARE(received.first().first().toString(), kInvite);
+        // Taken: it ends with 0, having been answered while this process's event loop ran.
+        QTRY_COMPARE_WITH_TIMEOUT(later.process->state(), QProcess::NotRunning, 60000);
+        QCOMPARE(later.process->exitStatus(), QProcess::NormalExit);
+        QCOMPARE(later.process->exitCode(), 0);
     }
 
     void socketIsPrivateToTheUser() {

@@ -202,19 +202,29 @@ private slots:
         QCOMPARE(checked.exitCode, 1);
         QVERIFY2(checked.errors.contains("seal: Contents/Resources/extra.txt: not signed"), checked.errors.constData());
 
-        RealLauncher old(installedBundle(), dataHome());
-        // No game release is published: the launcher falls back to its seed runtime.
-        old.useManifests(server.url(QStringLiteral("/release/macos-arm64-manifest.json")).toString(), manifest);
-        old.recordGameStartIn(path(QStringLiteral("record")));
-        old.start(server, QStringLiteral("zentho://invite/no-update"));
-        QCOMPARE(old.waitForExit(), std::optional<int>(0));
+        // Every start fetches the release again and refuses it; none leaves its unpacked copy
+        // behind, so the storage does not grow by a launcher bundle a start.
+        for (int start = 1; start <= 3; ++start) {
+            RealLauncher old(installedBundle(), dataHome());
+            // No game release is published: the launcher falls back to its seed runtime.
+            old.useManifests(server.url(QStringLiteral("/release/macos-arm64-manifest.json")).toString(), manifest);
+            const QString record = path(QStringLiteral("record-%1").arg(start));
+            old.recordGameStartIn(record);
+            old.start(server, QStringLiteral("zentho://invite/no-update"));
+            QCOMPARE(old.waitForExit(), std::optional<int>(0));
 
-        const QByteArray recorded = RealLauncher::waitForGameRecord(path(QStringLiteral("record")));
-        QVERIFY2(recorded.startsWith("version=0.1.190\n"), (recorded + old.errors()).constData());
-        QVERIFY(recorded.contains("arg=zentho://invite/no-update\n"));
-        QCOMPARE(RealLauncher::versionOf(installedBundle()), QStringLiteral("0.1.190"));
-        QVERIFY(QDir(launcherRoot()).entryList({QStringLiteral("launcher-backup-*")}, QDir::Dirs).isEmpty());
-        QVERIFY(RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle())).isEmpty());
+            const QByteArray recorded = RealLauncher::waitForGameRecord(record);
+            QVERIFY2(recorded.startsWith("version=0.1.190\n"), (recorded + old.errors()).constData());
+            QVERIFY(recorded.contains("arg=zentho://invite/no-update\n"));
+            QCOMPARE(RealLauncher::versionOf(installedBundle()), QStringLiteral("0.1.190"));
+            QCOMPARE(QDir(launcherRoot()).entryList({QStringLiteral("launcher-backup-*")}, QDir::Dirs), QStringList());
+            QCOMPARE(QDir(launcherRoot()).entryList({QStringLiteral("launcher-staging-*")}, QDir::AllEntries | QDir::Hidden),
+                     QStringList());
+            QCOMPARE(QDir(launcherRoot()).entryList({QStringLiteral("finish-launcher-update-*")}, QDir::Files),
+                     QStringList());
+            QVERIFY(RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle())).isEmpty());
+        }
+        QCOMPARE(server.accessLog().count(QStringLiteral("GET /release/zentho-0.2.0-macos-launcher-arm64.tar.gz ")), 3);
     }
 
     // The release that made players' launchers update themselves on every start: the 0.1.190
@@ -245,6 +255,7 @@ private slots:
             QCOMPARE(RealLauncher::versionOf(installedBundle()), QStringLiteral("0.1.190"));
             QVERIFY(QDir(launcherRoot()).entryList({QStringLiteral("launcher-backup-*")}, QDir::Dirs).isEmpty());
             QVERIFY(QDir(launcherRoot()).entryList({QStringLiteral("finish-launcher-update-*")}, QDir::Files).isEmpty());
+            QCOMPARE(QDir(launcherRoot()).entryList({QStringLiteral("launcher-staging-*")}, QDir::AllEntries), QStringList());
             QVERIFY(RealLauncher::processesRunning(RealLauncher::executableOf(installedBundle())).isEmpty());
         }
         // Each press fetched the bundle and refused it, once.

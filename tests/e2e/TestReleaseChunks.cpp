@@ -267,6 +267,32 @@ private slots:
         QVERIFY(QFileInfo::exists(www + QStringLiteral("/builds/zentho-0.3.0-macos-arm64.chunks.json")));
     }
 
+    // A game release packed without chunks, published with a store: verify --chunks refuses
+    // it, and publish --chunks, which checks as verify does, refuses it alike, writing nothing.
+    void publishWithChunksRefusesWhatVerifyWithChunksRefuses() {
+        const QString out = path(QStringLiteral("out-0.3.0"));
+        const Run packed = ReleaseTool::packGame(makeRelease030(), QStringLiteral("0.3.0"), kBase, out);
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        TestFiles::makeFolder(store());
+        const QByteArray refusal = "chunks: the manifest names no chunks";
+
+        const Run checked = ReleaseTool::verify(packed, {QStringLiteral("--chunks"), store()});
+        QCOMPARE(checked.exitCode, 1);
+        QVERIFY2(checked.errors.contains("zentho-release verify: " + refusal), checked.errors.constData());
+
+        const QString www = path(QStringLiteral("www"));
+        const Run published = ReleaseTool::publishWithChunks(www, store(), packed.line(QStringLiteral("manifest")));
+        QCOMPARE(published.exitCode, 1);
+        QVERIFY2(published.errors.contains("zentho-release publish: " + refusal), published.errors.constData());
+        QVERIFY(!QFileInfo::exists(www));
+
+        // The twin: without a store neither has chunks to check, and the release goes out.
+        QVERIFY(ReleaseTool::verify(packed).ok());
+        const Run plain = ReleaseTool::run({QStringLiteral("publish"), QStringLiteral("--to"), www,
+                                            packed.line(QStringLiteral("manifest"))});
+        QVERIFY2(plain.ok(), plain.errors.constData());
+    }
+
     void aReleaseWithChunksIsInstalledFromItsArchiveByTheRealLauncher() {
         ZENTHO_REQUIRE(root);
         ZENTHO_REQUIRE(nginx);

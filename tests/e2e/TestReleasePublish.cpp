@@ -207,6 +207,46 @@ private slots:
         QVERIFY(again.output.startsWith("archive: " + QFile::encodeName(release) + "/zentho-0.3.0-macos-arm64.tar.gz (kept)\n"));
     }
 
+    // Every launcher installs whatever version the server names, so a lower one rolls every
+    // player back: refused with nothing written, unless the publisher says it is meant.
+    void aLowerVersionIsRefusedUnlessTheRollbackIsMeant() {
+        const QString base = QStringLiteral("https://h.invalid/release");
+        const QString www = path(QStringLiteral("www"));
+        const QString release = www + QStringLiteral("/release");
+        QVERIFY(publish(www, {packGame(QStringLiteral("0.10.0"), base)}).ok());
+        const QByteArray published = TestFiles::readFile(release + QStringLiteral("/macos-arm64-manifest.json"));
+        const QString lower = packGame(QStringLiteral("0.9.9"), base);
+
+        const Run refused = publish(www, {lower});
+        QCOMPARE(refused.exitCode, 1);
+        QCOMPARE(refused.errors, QByteArray("zentho-release publish: macos-arm64 0.9.9 is lower than the published "
+                                            "0.10.0; every launcher would go back to it (give --allow-downgrade to "
+                                            "roll back on purpose)\n"));
+        QCOMPARE(TestFiles::readFile(release + QStringLiteral("/macos-arm64-manifest.json")), published);
+        QCOMPARE(filesUnder(release), (QStringList{QStringLiteral("macos-arm64-manifest.json"),
+                                                    QStringLiteral("zentho-0.10.0-macos-arm64.tar.gz")}));
+
+        const Run meant = publish(www, {lower}, {QStringLiteral("--allow-downgrade")});
+        QVERIFY2(meant.ok(), meant.errors.constData());
+        QCOMPARE(meant.errors, QByteArray("zentho-release publish: warning: macos-arm64 0.9.9 is lower than the "
+                                          "published 0.10.0; every launcher would go back to it\n"));
+        QCOMPARE(TestFiles::readFile(release + QStringLiteral("/macos-arm64-manifest.json")), TestFiles::readFile(lower));
+    }
+    // The twin: the same version again, or a higher one, goes out without a word.
+    void theSameOrAHigherVersionNeedsNoPermission() {
+        const QString base = QStringLiteral("https://h.invalid/release");
+        const QString www = path(QStringLiteral("www"));
+        const QString first = packGame(QStringLiteral("0.9.9"), base);
+        QVERIFY(publish(www, {first}).ok());
+        for (const QString& manifest : {first, packGame(QStringLiteral("0.10.0"), base)}) {
+            const Run published = publish(www, {manifest});
+            QVERIFY2(published.ok(), published.errors.constData());
+            QCOMPARE(published.errors, QByteArray());
+            QCOMPARE(TestFiles::readFile(www + QStringLiteral("/release/macos-arm64-manifest.json")),
+                     TestFiles::readFile(manifest));
+        }
+    }
+
     void aDryRunWritesNothing() {
         const QString www = path(QStringLiteral("www"));
         const Run dry = publish(www, {packGame(QStringLiteral("0.2.0"), QStringLiteral("https://h.invalid/release"))},

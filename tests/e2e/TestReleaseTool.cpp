@@ -136,6 +136,13 @@ private slots:
                                   << 2 << "--platform must be macos-arm64 or macos-launcher-arm64";
         QTest::newRow("version with a slash") << "" << game("0.2/0", "zentho", base) << 2 << "--version:";
         QTest::newRow("version with a blank") << "" << game("0.2.0 ", "zentho", base) << 2 << "--version:";
+        // Launchers install a build into the folder its version names: anything but one plain
+        // name is refused before a file is written.
+        QTest::newRow("version into the chunk cache") << "" << game("../chunks", "zentho", base) << 2 << "--version:";
+        QTest::newRow("version of the parent") << "" << game("..", "zentho", base) << 2 << "--version:";
+        QTest::newRow("version of the same folder") << "" << game(".", "zentho", base) << 2 << "--version:";
+        QTest::newRow("empty version") << "" << game("", "zentho", base) << 2 << "--version";
+        QTest::newRow("version with a tab") << "" << game("0.2\t0", "zentho", base) << 2 << "--version:";
         QTest::newRow("executable outside") << "" << game("0.2.0", "../zentho", base) << 2 << "leads out of the archive";
         QTest::newRow("file url") << "" << game("0.2.0", "zentho", "file:///srv") << 2 << "--url-base must be an http or https";
         QTest::newRow("missing executable") << "" << game("0.2.0", "zenth", base) << 1 << "game/zenth: the executable is missing";
@@ -182,6 +189,9 @@ private slots:
         QVERIFY2(packed.errors.contains(message.toUtf8()), packed.errors.constData());
         QVERIFY(!QFileInfo::exists(out + QStringLiteral("/macos-arm64-manifest.json")));
         QVERIFY(!QFileInfo::exists(source + QStringLiteral("/dist")));
+        // Refused before anything is written: not even the output folder is made.
+        if (setup != QLatin1String("existing"))
+            QVERIFY(!QFileInfo::exists(out));
         if (setup == QLatin1String("existing")) {
             QCOMPARE(TestFiles::readFile(out + QStringLiteral("/zentho-0.2.0-macos-arm64.tar.gz")), QByteArray("earlier"));
             const Run forced = ReleaseTool::run(QStringList{QStringLiteral("pack")} + arguments +
@@ -195,6 +205,8 @@ private slots:
         QTest::addColumn<QString>("message");
         QTest::newRow("not json") << "json" << "manifest: The manifest is not valid JSON";
         QTest::newRow("no executable key") << "nokey" << "manifest: The manifest is missing \"executable\".";
+        QTest::newRow("version naming another folder")
+            << "version" << "manifest: The manifest's \"version\" is not a plain folder name.";
         QTest::newRow("platform case") << "platform" << "platform: \"macOS-arm64\" is neither";
         QTest::newRow("file url") << "url" << "url: file:///srv/zentho.tar.gz is not an http or https address";
         QTest::newRow("digest with prefix") << "sha" << "sha256: the archive's digest is ";
@@ -215,6 +227,8 @@ private slots:
         QJsonObject json = QJsonDocument::fromJson(TestFiles::readFile(manifestPath)).object();
         if (change == QLatin1String("nokey"))
             json.remove(QStringLiteral("executable"));
+        if (change == QLatin1String("version"))
+            json[QStringLiteral("version")] = QStringLiteral("../chunks");
         if (change == QLatin1String("platform"))
             json[QStringLiteral("platform")] = QStringLiteral("macOS-arm64");
         if (change == QLatin1String("url"))

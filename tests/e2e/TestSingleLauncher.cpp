@@ -1,4 +1,7 @@
+#include "LauncherStorage.h"
 #include "TestFiles.h"
+
+#include "storage/InstalledState.h"
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -68,6 +71,41 @@ public:
         started_.push_back(std::move(process));
         return started_.back().get();
     }
+    // Makes the current build of the "data" storage a game that, the first time it starts, stops
+    // the launcher that started it (its parent, when that is a launcher): that launcher is then
+    // held inside its start-up watch, past the moment it started the game, until the test lets
+    // it go on. Stopping it is the game's first command, far within the watch's 750 ms. Like the
+    // stand-in game it writes down its arguments and stays up.
+    void installGameThatHoldsItsLauncher() {
+        const LauncherStorage storage(dir_.filePath(QStringLiteral("data")));
+        const QByteArray once = QFile::encodeName(dir_.filePath(QStringLiteral("launcher-held")));
+        TestFiles::writeScript(storage.build(QStringLiteral("0.9.0")) + QStringLiteral("/zentho"),
+                               "if [ ! -e '" + once + "' ] && : > '" + once + "'; then\n"
+                               "  case \"$(readlink /proc/$PPID/exe)\" in */ZenthoLauncher) kill -STOP $PPID;; esac\n"
+                               "fi\n"
+                               "{ for a in \"$@\"; do echo \"arg=$a\"; done; echo \"pid=$$\"; } > \"$ZENTHO_STANDIN_RECORD.part\"\n"
+                               "mv \"$ZENTHO_STANDIN_RECORD.part\" \"$ZENTHO_STANDIN_RECORD\"\n"
+                               "exec sleep 3600\n");
+        TestFiles::writeFile(storage.state(),
+                             InstalledState{QStringLiteral("0.9.0"), storage.build(QStringLiteral("0.9.0"))}.encode());
+    }
+    // Connections made to the listening launcher's socket that it has not answered yet, from the
+    // kernel's table of local sockets: the socket's path is on the listener's line and on one
+    // line for each connection made to it.
+    int connectionsToListener() const {
+        const QStringList names = sockets();
+        if (names.size() != 1)
+            return 0;
+        QFile table(QStringLiteral("/proc/net/unix"));
+        if (!table.open(QIODevice::ReadOnly))
+            return 0;
+        const QByteArray path = QFile::encodeName(dir_.filePath(QStringLiteral("run/") + names.first()));
+        int lines = 0;
+        for (const QByteArray& line : table.readAll().split('\n'))
+            if (line.endsWith(" " + path))
+                ++lines;
+        return lines - 1;
+    }
     // The sockets of the launchers that listen, or once listened, for later starts.
     QStringList sockets() const {
         const QString prefix = QStringLiteral("zentho-launcher-%1-").arg(::getuid());
@@ -108,6 +146,16 @@ private:
 bool endsWith(QProcess* process, int code, int timeoutMs = 20000) {
     return process->waitForFinished(timeoutMs) && process->exitStatus() == QProcess::NormalExit &&
            process->exitCode() == code;
+}
+
+// The state letter of a process in /proc ("T" when it is stopped), or nothing when it is gone.
+char processState(qint64 pid) {
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray text = stat.readAll();
+    const qsizetype end = text.lastIndexOf(')');
+    return end >= 0 && end + 2 < text.size() ? text.at(end + 2) : char(0);
 }
 
 } // namespace
@@ -166,6 +214,30 @@ private slots:
         QVERIFY(endsWith(first, 0));
         QCOMPARE(launchers.gameArguments(), QStringList{later});
         QVERIFY(!QFileInfo::exists(launchers.recordPath(QStringLiteral("third-record"))));
+    }
+
+    // A link handed over once the running launcher has started its game with the link it had
+    // could only be kept by a launcher about to quit. It is refused, and the launcher that brought
+    // it stays and starts the game with it.
+    void linkOpenedOnceTheGameIsStartedIsFollowedByItsOwnLauncher() {
+        Launchers launchers;
+        launchers.installGameThatHoldsItsLauncher();
+        QProcess* first = launchers.start({kInvite});
+        QVERIFY(QTest::qWaitFor([&] { return processState(first->processId()) == 'T'; }, 20000));
+        launchers.recordGamesIn(QStringLiteral("later-record"));
+        const QString later = kInvite + QStringLiteral("&later=1");
+        QProcess* second = launchers.start({later});
+        // The second start has connected to the held launcher and handed over its link, or has
+        // ended as though the link had been taken.
+        QVERIFY(QTest::qWaitFor(
+            [&] { return second->state() == QProcess::NotRunning || launchers.connectionsToListener() > 0; },
+            20000));
+        QCOMPARE(second->state(), QProcess::Running);
+        ::kill(pid_t(first->processId()), SIGCONT);
+        QVERIFY(endsWith(first, 0));
+        QVERIFY(endsWith(second, 0));
+        QCOMPARE(launchers.gameArguments(), QStringList{kInvite});
+        QCOMPARE(launchers.gameArguments(QStringLiteral("later-record")), QStringList{later});
     }
 
     void linkOnTheCommandLineIsFollowedAtOnce() {

@@ -181,9 +181,55 @@ private slots:
         QCOMPARE(decodingErrorOf(json(object)), QStringLiteral("The manifest's \"url\" is not a valid URL."));
     }
 
+    // The version becomes the build's folder in the storage: anything but one plain name would
+    // put the build somewhere else, such as the chunk cache a later clear deletes.
+    void aVersionThatIsNotOnePlainFolderNameFails_data() {
+        QTest::addColumn<QString>("version");
+        QTest::newRow("into the chunk cache") << QStringLiteral("../chunks");
+        QTest::newRow("parent") << QStringLiteral("..");
+        QTest::newRow("same folder") << QStringLiteral(".");
+        QTest::newRow("empty") << QString();
+        QTest::newRow("nested") << QStringLiteral("0.4/2");
+        QTest::newRow("trailing slash") << QStringLiteral("0.4.2/");
+        QTest::newRow("absolute") << QStringLiteral("/tmp/zentho");
+        QTest::newRow("line feed") << QStringLiteral("0.4\n2");
+        QTest::newRow("nul") << QString(QStringLiteral("0.4.2") + QChar(0));
+        QTest::newRow("delete") << QStringLiteral("0.4.2\x7f");
+        QTest::newRow("C1 control") << QStringLiteral("0.4.2\u0085");
+    }
+    void aVersionThatIsNotOnePlainFolderNameFails() {
+        QFETCH(QString, version);
+        QJsonObject object = completeManifest();
+        object.insert("version", version);
+        QCOMPARE(decodingErrorOf(json(object)),
+                 QStringLiteral("The manifest's \"version\" is not a plain folder name."));
+    }
+    // Its twin: names that only look odd are one folder each and decode as written.
+    void oddButPlainVersionsDecode_data() {
+        QTest::addColumn<QString>("version");
+        QTest::newRow("three dots") << QStringLiteral("...");
+        QTest::newRow("leading dots") << QStringLiteral("..0.4.2");
+        QTest::newRow("blank inside") << QStringLiteral("0.4.2 beta");
+        QTest::newRow("backslash") << QStringLiteral("0.4\\2");
+        QTest::newRow("not ASCII") << QStringLiteral("0.4.2-\u00e9t\u00e9");
+    }
+    void oddButPlainVersionsDecode() {
+        QFETCH(QString, version);
+        QJsonObject object = completeManifest();
+        object.insert("version", version);
+        QCOMPARE(decodingErrorOf(json(object)), QString());
+        QCOMPARE(ReleaseManifest::decode(json(object)).version, version);
+    }
+    // The version is read first, so its refusal is the one reported over later keys' failures.
+    void aHostileVersionIsReportedBeforeLaterKeys() {
+        QCOMPARE(decodingErrorOf("{\"version\":\"../chunks\"}"),
+                 QStringLiteral("The manifest's \"version\" is not a plain folder name."));
+    }
+
     void valuesAreKeptExactlyAsWritten() {
-        // The decoder judges only types; platform, digest and version checks belong to the
-        // consumers, so they must see the text untouched.
+        // The decoder judges only types and whether the version names one folder; platform,
+        // digest and version comparisons belong to the consumers, so they must see the text
+        // untouched.
         QJsonObject object = completeManifest();
         object.insert("platform", "macOS-arm64 ");
         object.insert("sha256", "sha256:5D41A9C07B3E8F2A6C1D94E7B8A0F3C2D6E9B1A47C8F05E3D2B6A9C1F7E4D083\n");

@@ -16,15 +16,16 @@ const QString kInvite = QStringLiteral("zentho://join/7F3A-91?host=Pat&region=eu
 // A launcher bundle on disk whose seed runtime is a real program that writes down its arguments
 // and stays up until the test ends it, watched by the test's start-up watch.
 struct OfflineLauncher {
-    OfflineLauncher() {
+    // `then`: what the game does once it has written its arguments down; by default it stays up.
+    explicit OfflineLauncher(const QByteArray& then = "exec sleep 3600\n") {
         const QByteArray record = QFile::encodeName(recordPath());
         TestFiles::writeScript(bundle() + QStringLiteral("/Contents/Resources/SeedRuntime/zentho"),
                                "for a in \"$@\"; do printf 'arg=%s\\n' \"$a\"; done > '" + record +
                                    ".part'\n"
                                    "mv '" +
                                    record + ".part' '" + record +
-                                   "'\n"
-                                   "exec sleep 3600\n");
+                                   "'\n" +
+                                   then);
         const QString exe = bundle() + QStringLiteral("/Contents/MacOS/ZenthoLauncher");
         platform = std::make_unique<RecordingPlatform>(exe, QStringList{exe});
         model = std::make_unique<LauncherModel>(*platform);
@@ -47,6 +48,22 @@ struct OfflineLauncher {
     std::unique_ptr<RecordingPlatform> platform;
     std::unique_ptr<LauncherModel> model;
 };
+
+// A start-up watch that first notes whether `model` still follows invites once the game has been
+// started, then watches as `watch` does.
+QCoro::Task<void> noteThenWatch(const LauncherModel* model, std::optional<bool>* follows,
+                                GameLauncher::Watch watch, pid_t game) {
+    *follows = model->followsInvites();
+    co_await watch(game);
+}
+
+void noteWhileWatching(OfflineLauncher& launcher, std::optional<bool>* follows) {
+    const LauncherModel* model = launcher.model.get();
+    LauncherModelProbe::setStartupWatch(
+        *launcher.model, [model, follows, watch = launcher.games.watch()](pid_t game) {
+            return noteThenWatch(model, follows, watch, game);
+        });
+}
 
 } // namespace
 
@@ -114,6 +131,34 @@ private slots:
         const QString odd = QStringLiteral("not even a url %zz &&  spaced ");
         launcher.model->openInviteURL(odd);
         QCOMPARE(LauncherModelProbe::pendingInvite(*launcher.model), std::optional<QString>(odd));
+    }
+
+    // From the moment the game is started with the pending invite, a later one would be kept and
+    // never passed on: the model says it follows none, up to its quit.
+    void onceTheGameIsStartedNoFurtherInviteIsFollowed() {
+        OfflineLauncher launcher;
+        std::optional<bool> followsWhileWatching;
+        noteWhileWatching(launcher, &followsWhileWatching);
+        QVERIFY(launcher.model->followsInvites());
+        launcher.model->openInviteURL(kInvite);
+        QTRY_COMPARE_WITH_TIMEOUT(launcher.platform->quitCount, 1, 60000);
+        QCOMPARE(followsWhileWatching, std::optional<bool>(false));
+        QVERIFY(!launcher.model->followsInvites());
+        QCOMPARE(launcher.gameArguments(), QStringList{kInvite});
+    }
+    // The twin: a game that could not stay up took no invite anywhere, and the launcher, staying
+    // open, follows the next one again.
+    void aFailedStartFollowsInvitesAgain() {
+        OfflineLauncher launcher("exit 3\n");
+        std::optional<bool> followsWhileWatching;
+        noteWhileWatching(launcher, &followsWhileWatching);
+        launcher.model->openInviteURL(kInvite);
+        QTRY_VERIFY_WITH_TIMEOUT(!launcher.model->busy(), 60000);
+        QVERIFY2(launcher.model->status().startsWith(QStringLiteral("Could not launch: ")),
+                 qPrintable(launcher.model->status()));
+        QCOMPARE(followsWhileWatching, std::optional<bool>(false));
+        QVERIFY(launcher.model->followsInvites());
+        QCOMPARE(launcher.platform->quitCount, 0);
     }
 
     void withoutInviteTheGameGetsNoArgument() {

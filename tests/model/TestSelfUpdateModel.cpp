@@ -102,6 +102,8 @@ private slots:
         LauncherModel model(f().platform());
         QCOMPARE(LauncherUpdateFixture::wait(LauncherModelProbe::updateLauncherIfNeeded(model)), false);
         QCOMPARE(model.status(), QStringLiteral("Ready"));
+        // Nothing was handed over: this launcher still follows the invites it is given.
+        QVERIFY(model.followsInvites());
         QVERIFY(!QFileInfo::exists(home.launcherRoot()));
     }
 
@@ -131,7 +133,10 @@ private slots:
         QCoro::Task<bool> update = LauncherModelProbe::updateLauncherIfNeeded(model);
         // The invite that is pending when the swap is handed over is the one that goes.
         LauncherModelProbe::setPendingInvite(model, QStringLiteral("zentho://join/latest"));
+        QVERIFY(model.followsInvites());
         QCOMPARE(LauncherUpdateFixture::wait(std::move(update)), true);
+        // The invite is the new launcher's now; one handed over later could not follow it.
+        QVERIFY(!model.followsInvites());
         QVERIFY2(LauncherBundles::waitForRecorded(f().record(), "new\n--\nzentho://join/latest\n"),
                  LauncherBundles::recorded(f().record()).constData());
     }

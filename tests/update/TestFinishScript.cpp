@@ -25,7 +25,14 @@ const QByteArray kMacScript = "#!/bin/sh\n"
                               "staged=\"$2\"\n"
                               "target=\"$3\"\n"
                               "backup=\"$4\"\n"
-                              "while kill -0 \"$old_pid\" 2>/dev/null; do sleep 0.1; done\n"
+                              "waited=0\n"
+                              "while kill -0 \"$old_pid\" 2>/dev/null; do\n"
+                              "  if [ \"$waited\" -ge 600 ]; then\n"
+                              "    /bin/rm -rf \"$staged\"; /bin/rmdir \"${staged%/*}\" 2>/dev/null; exit 2\n"
+                              "  fi\n"
+                              "  waited=$((waited + 1))\n"
+                              "  sleep 0.1\n"
+                              "done\n"
                               "if ! /bin/mv \"$target\" \"$backup\"; then exit 1; fi\n"
                               "if /bin/mv \"$staged\" \"$target\"; then\n"
                               "  /usr/bin/open \"$target\"\n"
@@ -44,10 +51,11 @@ struct SwapFixture {
     QString backup = dir.path() + QStringLiteral("/launcher-backup-0.1.190-X.app");
     QString script = dir.path() + QStringLiteral("/finish.sh");
 
-    SwapFixture() {
+    // `waitTenths`: how many checks the script makes before it gives up on a running launcher.
+    explicit SwapFixture(int waitTenths = FinishScript::kLauncherWaitTenths) {
         LauncherBundles::makeFake(target, "old", record);
         LauncherBundles::makeFake(staged, "new", record);
-        TestFiles::writeFile(script, FinishScript::textForThisPlatform(), 0755);
+        TestFiles::writeFile(script, FinishScript::textForThisPlatform(waitTenths), 0755);
     }
 
     QByteArray labelAt(const QString& bundle) const {
@@ -111,8 +119,8 @@ private slots:
     void macScriptIsExact() {
         const QByteArray text = FinishScript::text(FinishScript::Opener::macOS);
         QCOMPARE(text, kMacScript);
-        QCOMPARE(text.size(), 299);
-        QCOMPARE(text.split('\n').size(), 14);
+        QCOMPARE(text.size(), 445);
+        QCOMPARE(text.split('\n').size(), 21);
         QVERIFY(!text.endsWith('\n'));
         QVERIFY(text.contains("\n  /usr/bin/open \"$target\"\n  exit 0\n"));
     }
@@ -120,13 +128,13 @@ private slots:
     void linuxScriptDiffersOnlyInOpenerLines() {
         const QList<QByteArray> mac = kMacScript.split('\n');
         const QList<QByteArray> linux = FinishScript::text(FinishScript::Opener::linuxDesktop).split('\n');
-        QCOMPARE(linux.size(), 14);
+        QCOMPARE(linux.size(), 21);
         const QByteArray start = "/usr/bin/setsid -f \"$target/Contents/MacOS/ZenthoLauncher\""
                                  " ${5:+--} ${5:+\"$5\"} >/dev/null 2>&1";
-        for (int i = 0; i < 14; ++i) {
-            if (i == 8) {
+        for (int i = 0; i < 21; ++i) {
+            if (i == 15) {
                 QCOMPARE(linux[i], "  " + start);
-            } else if (i == 12) {
+            } else if (i == 19) {
                 QCOMPARE(linux[i], start);
             } else {
                 QCOMPARE(linux[i], mac[i]);
@@ -180,6 +188,57 @@ private slots:
         QVERIFY(sh.waitForFinished(60000));
         QCOMPARE(sh.exitCode(), 0);
         QCOMPARE(f.labelAt(f.target), QByteArray("new\n"));
+        QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n"));
+    }
+
+    // The wait is bounded. The launcher here runs throughout, so the script gives up after
+    // exactly as many checks as it was given, whatever the clock says: it moves nothing, starts
+    // nothing, ends nothing, and takes the staged bundle and its staging folder away.
+    void launcherStillRunningAfterTheWaitIsLeftInPlace_data() {
+        QTest::addColumn<int>("waitTenths");
+        QTest::newRow("no wait") << 0;
+        QTest::newRow("three checks") << 3;
+    }
+    void launcherStillRunningAfterTheWaitIsLeftInPlace() {
+        QFETCH(int, waitTenths);
+        SwapFixture f(waitTenths);
+        QProcess launcher;
+        startRunningLauncher(launcher);
+        QVERIFY(launcher.waitForStarted());
+        QCOMPARE(f.run(launcher.processId(), f.staged, f.backup), 2);
+        QCOMPARE(f.tracedRuns(QStringLiteral("sleep")).size(), waitTenths);
+        QCOMPARE(launcher.state(), QProcess::Running);
+        QCOMPARE(f.labelAt(f.target), QByteArray("old\n"));
+        QVERIFY(!QFileInfo::exists(f.backup));
+        QVERIFY(!QFileInfo::exists(f.staged));
+        QVERIFY(!QFileInfo::exists(QFileInfo(f.staged).path()));
+        QVERIFY2(f.tracedRuns(QStringLiteral("/bin/mv")).isEmpty(), qPrintable(f.trace.join('\n')));
+        QVERIFY(f.tracedRuns(QStringLiteral("/usr/bin/setsid")).isEmpty());
+        QVERIFY(LauncherBundles::recorded(f.record).isEmpty());
+        launcher.kill();
+        QVERIFY(launcher.waitForFinished(60000));
+    }
+    // Giving up removes only what the update brought: a staging folder that holds anything else
+    // stays, with that in it.
+    void givingUpKeepsAStagingFolderThatHoldsMore() {
+        SwapFixture f(0);
+        const QString other = QFileInfo(f.staged).path() + QStringLiteral("/other");
+        TestFiles::writeFile(other, "kept");
+        QProcess launcher;
+        startRunningLauncher(launcher);
+        QVERIFY(launcher.waitForStarted());
+        QCOMPARE(f.run(launcher.processId(), f.staged, f.backup), 2);
+        QVERIFY(!QFileInfo::exists(f.staged));
+        QCOMPARE(TestFiles::readFile(other), QByteArray("kept"));
+        launcher.kill();
+        QVERIFY(launcher.waitForFinished(60000));
+    }
+    // The twin: the same bound with the launcher gone swaps as always.
+    void endedProcessSwapsWhateverTheBound() {
+        SwapFixture f(0);
+        QCOMPARE(f.run(LauncherBundles::endedProcessIdentifier(), f.staged, f.backup), 0);
+        QCOMPARE(f.labelAt(f.target), QByteArray("new\n"));
+        QCOMPARE(f.labelAt(f.backup), QByteArray("old\n"));
         QVERIFY(LauncherBundles::waitForRecorded(f.record, "new\n"));
     }
 

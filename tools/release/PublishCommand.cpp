@@ -8,11 +8,13 @@
 #include "ReleaseOptions.h"
 
 #include "formats/ChunkStore.h"
+#include "storage/VersionOrder.h"
 
 #include <QDir>
 #include <QFileInfo>
 
 #include <cstdio>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -20,7 +22,7 @@
 namespace {
 
 const char kUsage[] =
-    "usage: zentho-release publish --to DIR [--dry-run] [--key PUBLIC_KEY]...\n"
+    "usage: zentho-release publish --to DIR [--dry-run] [--allow-downgrade] [--key PUBLIC_KEY]...\n"
     "                              [--manifest-key PUBLIC_KEY]... [--chunks STORE_DIR] MANIFEST...\n"
     "\n"
     "Publishes the releases that \"zentho-release pack\" wrote (each MANIFEST with its archive,\n"
@@ -31,8 +33,9 @@ const char kUsage[] =
     "  DIR/<path of the chunks' index url> a release's chunk index, when it names chunks\n"
     "  DIR/<path of the store url>/ab/...  each chunk of its index, copied from STORE_DIR\n"
     "Every release is first checked as \"zentho-release verify\" does (same keys); nothing is\n"
-    "written unless all pass (with --chunks, every chunk of every index too; a release that\n"
-    "names chunks needs --chunks). Then, in this order: every chunk the server lacks or holds\n"
+    "written unless all pass (with --chunks, every chunk of every index too, and a game release\n"
+    "that names no chunks is refused as \"verify --chunks\" refuses it; a release that names\n"
+    "chunks needs --chunks). Then, in this order: every chunk the server lacks or holds\n"
     "damaged, every chunk index and every archive are copied in, then each\n"
     "release's signature and then its manifest replace the old ones. Each file is written under\n"
     "a hidden name, flushed to disk and renamed into place, so a reader never sees half a file\n"
@@ -41,7 +44,10 @@ const char kUsage[] =
     "\n"
     "Refused: an archive or chunk index already in DIR with other content (neither is ever\n"
     "replaced; pack under a new version), an unsigned manifest where a signed one is published,\n"
-    "two manifests for one platform, and a url whose path could leave DIR.\n"
+    "two manifests for one platform, a url whose path could leave DIR, and a version lower than\n"
+    "the one published for its platform: every launcher installs whatever version its manifest\n"
+    "names, so that would roll every player back. --allow-downgrade publishes it all the same,\n"
+    "with a warning, for a rollback that is meant.\n"
     "Prints one line per file: chunks: (how many copied and kept), index:, archive:,\n"
     "signature:, manifest: (\"kept\" for a file that is already in place). --dry-run checks and\n"
     "prints, and writes nothing.\n";
@@ -107,6 +113,33 @@ ReleaseManifest readManifest(const QString& manifestPath) {
     }
 }
 
+// The version the release server now names for the platform whose manifest is at
+// `publishedManifest`; nothing when none is published there, or what is there does not decode.
+std::optional<QString> publishedVersion(const QString& publishedManifest) {
+    if (!QFileInfo::exists(publishedManifest))
+        return std::nullopt;
+    try {
+        return ReleaseManifest::decode(ReleaseFiles::readFile(publishedManifest)).version;
+    } catch (const ManifestDecodingError&) {
+        return std::nullopt;
+    }
+}
+
+// A lower version than the published one is installed by every launcher all the same (the
+// server's version always wins), which rolls every player back: refused unless meant.
+void checkNotADowngrade(const Placement& placement, bool allowed) {
+    const std::optional<QString> published = publishedVersion(placement.manifest);
+    const QString& version = placement.release.manifest.version;
+    if (!published || compareVersionsNumerically(version, *published) >= 0)
+        return;
+    const std::string what = placement.release.manifest.platform.toStdString() + " " +
+                             version.toStdString() + " is lower than the published " +
+                             published->toStdString() + "; every launcher would go back to it";
+    if (!allowed)
+        throw std::runtime_error(what + " (give --allow-downgrade to roll back on purpose)");
+    std::fprintf(stderr, "zentho-release publish: warning: %s\n", what.c_str());
+}
+
 Placement place(const QString& root, const QString& manifestPath, const ReleaseCheckKeys& keys,
                 const QString& chunkStore) {
     // The archive sits beside its manifest under the name its url gives it.
@@ -114,9 +147,14 @@ Placement place(const QString& root, const QString& manifestPath, const ReleaseC
     if (given.chunks && chunkStore.isEmpty())
         throw UsageError(manifestPath.toStdString() + " names chunks; give --chunks STORE_DIR");
     Placement placement;
+    // Under --chunks a game release is checked as "verify --chunks" checks it, which refuses one
+    // that names no chunks (packed without them by mistake). A launcher release never has any.
+    const bool checkChunks =
+        given.chunks || given.platform == QLatin1String(ReleaseFiles::kGamePlatform);
     placement.release = ReleaseCheck::check(
-        manifestPath, QFileInfo(manifestPath).absolutePath() + QLatin1Char('/') + given.url.fileName(), keys,
-        ReleaseChunkFiles{QString(), given.chunks ? chunkStore : QString()});
+        manifestPath,
+        QFileInfo(manifestPath).absolutePath() + QLatin1Char('/') + given.url.fileName(), keys,
+        ReleaseChunkFiles{QString(), checkChunks ? chunkStore : QString()});
     const ReleaseManifest& manifest = placement.release.manifest;
     placement.manifest = root + QStringLiteral("/release/") + manifest.platform + QStringLiteral("-manifest.json");
     placement.signature = placement.manifest + QStringLiteral(".sig");
@@ -153,7 +191,8 @@ Placement place(const QString& root, const QString& manifestPath, const ReleaseC
 }
 
 int runPublish(const std::vector<std::string>& arguments) {
-    const ReleaseOptions options(arguments, {"--to", "--key", "--manifest-key", "--chunks"}, {"--dry-run"});
+    const ReleaseOptions options(arguments, {"--to", "--key", "--manifest-key", "--chunks"},
+                                 {"--dry-run", "--allow-downgrade"});
     const QString chunkStore = QString::fromStdString(options.one("--chunks").value_or(std::string()));
     const QString to = QString::fromStdString(options.required("--to", "DIR"));
     if (options.operands().empty())
@@ -173,6 +212,8 @@ int runPublish(const std::vector<std::string>& arguments) {
     std::vector<Placement> placements;
     for (const std::string& manifest : options.operands())
         placements.push_back(place(root, QString::fromStdString(manifest), keys, chunkStore));
+    for (const Placement& placement : placements)
+        checkNotADowngrade(placement, options.has("--allow-downgrade"));
     const bool dryRun = options.has("--dry-run");
 
     // What a manifest names must be in place before the manifest: chunks before the index that

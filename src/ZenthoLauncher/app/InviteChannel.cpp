@@ -17,6 +17,9 @@ constexpr QDataStream::Version kStreamVersion = QDataStream::Qt_6_4;
 constexpr int kProbeTimeoutMs = 1000;
 // Far more than any link; a peer that sends more is not a launcher.
 constexpr qint64 kMaxMessage = 1 << 20;
+// The one byte a launcher answers each link with.
+constexpr char kTaken = '1';
+constexpr char kRefused = '0';
 
 bool connectTo(QLocalSocket& socket, const QString& address, int timeoutMs) {
     socket.connectToServer(address);
@@ -44,7 +47,8 @@ InviteChannel::InviteChannel(QString address, QObject* parent)
     connect(&server_, &QLocalServer::newConnection, this, &InviteChannel::acceptConnections);
 }
 
-bool InviteChannel::forwardToRunningLauncher(const QString& invite, int timeoutMs) const {
+bool InviteChannel::forwardToRunningLauncher(const QString& invite, int timeoutMs,
+                                             int answerTimeoutMs) const {
     QLocalSocket socket;
     if (!connectTo(socket, address_, timeoutMs))
         return false;
@@ -53,16 +57,24 @@ bool InviteChannel::forwardToRunningLauncher(const QString& invite, int timeoutM
     out.setVersion(kStreamVersion);
     out << invite;
     socket.write(message);
-    // Once the bytes are in the socket the receiver reads them whenever its event loop runs, even
-    // after this process has gone.
     while (socket.bytesToWrite() > 0) {
         if (!socket.waitForBytesWritten(timeoutMs))
             return false;
     }
+    // Bytes in the socket are not yet a link taken: the receiver may be quitting, or past the
+    // point where it could pass a link on. Its answer says.
+    bool taken = false;
+    if (socket.waitForReadyRead(answerTimeoutMs)) {
+        char answer = 0;
+        taken = socket.getChar(&answer) && answer == kTaken;
+    } else {
+        taken = socket.error() == QLocalSocket::SocketTimeoutError &&
+                socket.state() == QLocalSocket::ConnectedState;
+    }
     socket.disconnectFromServer();
     if (socket.state() != QLocalSocket::UnconnectedState)
         socket.waitForDisconnected(timeoutMs);
-    return true;
+    return taken;
 }
 
 bool InviteChannel::listenPrivately() {
@@ -125,6 +137,11 @@ void InviteChannel::readMessage(QLocalSocket* socket) {
                 socket->abort();
             return;
         }
-        emit inviteReceived(invite);
+        // Decided and delivered in one go, so nothing can change the launcher's mind in between.
+        const bool taken = !accepts_ || accepts_();
+        socket->putChar(taken ? kTaken : kRefused);
+        socket->flush();
+        if (taken)
+            emit inviteReceived(invite);
     }
 }

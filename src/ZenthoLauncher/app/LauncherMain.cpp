@@ -16,6 +16,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QGuiApplication>
+#include <QPointer>
 #include <QQuickWindow>
 
 #include <cstdio>
@@ -92,6 +93,10 @@ extern "C" int zenthoLauncherMain(int argc, char** argv) {
     LauncherModel model(platform);
     try {
         MainWindow window(model, platform);
+        // A link handed over once this launcher can no longer pass it on is refused, and the
+        // launcher that brought it follows it itself.
+        channel.setAcceptsInvites(
+            [guard = QPointer<LauncherModel>(&model)] { return guard && guard->followsInvites(); });
         QObject::connect(&channel, &InviteChannel::inviteReceived, window.window(),
                          [&](const QString& forwarded) {
                              window.bringToFront();

@@ -37,8 +37,8 @@ public:
 };
 
 // A manifest body that does not decode: not JSON, not an object, a required key missing or null,
-// a value of the wrong type, or a url that does not parse. Reaches the player with its own text;
-// it is deliberately not a LauncherError.
+// a value of the wrong type, a url that does not parse, or a version that is no plain folder
+// name. Reaches the player with its own text; it is deliberately not a LauncherError.
 class ManifestDecodingError : public Failure {
 public:
     using Failure::Failure;

@@ -7,6 +7,7 @@
 #include <QJsonObject>
 #include <QJsonValue>
 
+#include <algorithm>
 #include <cctype>
 
 namespace {
@@ -40,6 +41,22 @@ bool isHexDigest(const QString& text) {
             return false;
     }
     return true;
+}
+
+// The version names the build's folder in the storage (versions/<version>), so it must be one
+// plain name: a "/" or ".." would place the build elsewhere, in the storage where a cache clear
+// deletes it under the record or outside it, "" and "." name the versions folder itself, and a
+// control character would reach file names and the window. Refused as a decoding failure, before
+// anything is written.
+QString plainVersion(const QJsonObject& object) {
+    const QString version = requiredString(object, QStringLiteral("version"));
+    const bool controls = std::any_of(version.cbegin(), version.cend(),
+                                      [](QChar c) { return c.category() == QChar::Other_Control; });
+    if (version.isEmpty() || version == QLatin1String(".") || version == QLatin1String("..") ||
+        version.contains(QLatin1Char('/')) || controls)
+        throw ManifestDecodingError(
+            QStringLiteral("The manifest's \"version\" is not a plain folder name."));
+    return version;
 }
 
 // The "chunks" member when it is complete and well formed; nothing otherwise.
@@ -77,7 +94,7 @@ ReleaseManifest ReleaseManifest::decode(const QByteArray& json) {
     const QJsonObject object = document.value.toObject();
 
     ReleaseManifest manifest;
-    manifest.version = requiredString(object, QStringLiteral("version"));
+    manifest.version = plainVersion(object);
     manifest.platform = requiredString(object, QStringLiteral("platform"));
     manifest.url = requiredURL(object, QStringLiteral("url"));
     manifest.sha256 = requiredString(object, QStringLiteral("sha256"));

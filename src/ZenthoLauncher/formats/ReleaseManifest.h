@@ -36,7 +36,8 @@ struct ReleaseManifest {
 
     // Decodes a whole response body. The five keys are required and read in field order (the
     // first failure is the one reported); other keys are ignored. Checks nothing beyond the JSON
-    // types and that `url` parses. Throws ManifestDecodingError.
+    // types, that `url` parses and that `version` is one plain folder name (not empty, "." or
+    // "..", without "/" or control characters). Throws ManifestDecodingError.
     static ReleaseManifest decode(const QByteArray& json);
     // The same five keys in field order, `url` as a string, then "chunks" and "rollout" when
     // there are.

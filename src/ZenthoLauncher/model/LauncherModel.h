@@ -67,6 +67,11 @@ public:
     // An invite link opened by the desktop: kept for the game and followed by updateAndPlay(),
     // also while another operation runs.
     Q_INVOKABLE void openInviteURL(const QString& url);
+    // Whether an invite opened now would still reach a game. False from the moment the pending
+    // invite is handed on, to a game being started or to the launcher replacing this one, until
+    // that start fails and this launcher carries on: a link arriving then would be kept and never
+    // passed on, so the launcher that brings it must follow it itself.
+    bool followsInvites() const { return !inviteHandedOn_; }
 
     double downloadProgress() const { return downloadProgress_; }
     QString downloadCaption() const { return downloadCaption_; }
@@ -150,6 +155,7 @@ private:
     HttpClient http_;
     QString seedRuntime_;
     std::optional<QString> pendingInvite_;
+    bool inviteHandedOn_ = false; // see followsInvites()
     // Every game the model starts is watched by this: the launcher's own watch, which the tests
     // replace.
     GameLauncher::Watch startupWatch_ = GameLauncher::monotonicWatch();

@@ -36,7 +36,9 @@ QCoro::Task<void> LauncherModel::runUpdateAndPlay() {
     try {
         relaunching = co_await updateLauncherIfNeeded();
     } catch (...) {
-        // A launcher that cannot update itself still plays the game.
+        // A launcher that cannot update itself still plays the game, and an invite that was
+        // about to go to the new launcher goes to that game instead.
+        inviteHandedOn_ = false;
         setStatus(QStringLiteral("Launcher update unavailable; checking game..."));
     }
     if (relaunching) {

@@ -18,8 +18,14 @@ InstallContext LauncherModel::installContext(DownloadObserver& observer) {
 
 QCoro::Task<bool> LauncherModel::updateLauncherIfNeeded() {
     DownloadMeter meter = downloadMeter();
-    LauncherUpdater updater(installContext(meter), platform_, {launcherVersion(), trustedManifestKeys()},
-                            [this] { return pendingInvite_; });
+    // Read as the finish script is started: the invite goes to the launcher it starts, and a
+    // later one could not.
+    const auto handOverInvite = [this] {
+        inviteHandedOn_ = true;
+        return pendingInvite_;
+    };
+    LauncherUpdater updater(installContext(meter), platform_,
+                            {launcherVersion(), trustedManifestKeys()}, handOverInvite);
     co_return co_await updater.updateIfNeeded(launcherManifestURL());
 }
 

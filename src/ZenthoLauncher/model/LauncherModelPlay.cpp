@@ -15,9 +15,16 @@ const QString kInstalledExecutable = QStringLiteral("zentho");
 } // namespace
 
 QCoro::Task<void> LauncherModel::launch(QUrl runtime, QString executable) {
-    // Read now, as the game is started: an invite opened before this moment goes to this game.
-    co_await GameLauncher::launch(runtime.toLocalFile(), std::move(executable), pendingInvite_,
-                                  startupWatch_);
+    // Read now, as the game is started: an invite opened before this moment goes to this game,
+    // and none is taken after it unless this start fails and the flow goes on.
+    inviteHandedOn_ = true;
+    try {
+        co_await GameLauncher::launch(runtime.toLocalFile(), std::move(executable), pendingInvite_,
+                                      startupWatch_);
+    } catch (...) {
+        inviteHandedOn_ = false;
+        throw;
+    }
 }
 
 void LauncherModel::playSelectedInstalledBuild() {

@@ -19,15 +19,25 @@ extern char** environ;
 
 namespace {
 
-QByteArray scriptWithOpener(const QByteArray& opener) {
+QByteArray scriptWithOpener(const QByteArray& opener, int waitTenths) {
     return QByteArrayLiteral("#!/bin/sh\n"
                              "old_pid=\"$1\"\n"
                              "staged=\"$2\"\n"
                              "target=\"$3\"\n"
                              "backup=\"$4\"\n"
-                             "while kill -0 \"$old_pid\" 2>/dev/null; do sleep 0.1; done\n"
-                             "if ! /bin/mv \"$target\" \"$backup\"; then exit 1; fi\n"
-                             "if /bin/mv \"$staged\" \"$target\"; then\n  ") +
+                             "waited=0\n"
+                             "while kill -0 \"$old_pid\" 2>/dev/null; do\n"
+                             "  if [ \"$waited\" -ge ") +
+           QByteArray::number(waitTenths) +
+           QByteArrayLiteral(
+               " ]; then\n"
+               "    /bin/rm -rf \"$staged\"; /bin/rmdir \"${staged%/*}\" 2>/dev/null; exit 2\n"
+               "  fi\n"
+               "  waited=$((waited + 1))\n"
+               "  sleep 0.1\n"
+               "done\n"
+               "if ! /bin/mv \"$target\" \"$backup\"; then exit 1; fi\n"
+               "if /bin/mv \"$staged\" \"$target\"; then\n  ") +
            opener + QByteArrayLiteral("\n  exit 0\nfi\n/bin/mv \"$backup\" \"$target\"\n") +
            opener + QByteArrayLiteral("\nexit 1");
 }
@@ -42,26 +52,28 @@ struct SpawnActions {
 
 } // namespace
 
-QByteArray FinishScript::text(Opener opener) {
+QByteArray FinishScript::text(Opener opener, int waitTenths) {
     switch (opener) {
     case Opener::macOS:
-        return scriptWithOpener(QByteArrayLiteral("/usr/bin/open \"$target\""));
+        return scriptWithOpener(QByteArrayLiteral("/usr/bin/open \"$target\""), waitTenths);
     case Opener::linuxDesktop:
         // The new launcher gets a session of its own, so it is not tied to the script or to the
         // terminal the old launcher was started from. An invite given as the fifth argument
         // follows "--", so the launcher takes it as its link whatever its first character.
-        return scriptWithOpener(QByteArrayLiteral(
-            "/usr/bin/setsid -f \"$target/Contents/MacOS/ZenthoLauncher\" ${5:+--} ${5:+\"$5\"}"
-            " >/dev/null 2>&1"));
+        return scriptWithOpener(
+            QByteArrayLiteral(
+                "/usr/bin/setsid -f \"$target/Contents/MacOS/ZenthoLauncher\" ${5:+--} ${5:+\"$5\"}"
+                " >/dev/null 2>&1"),
+            waitTenths);
     }
     return {};
 }
 
-QByteArray FinishScript::textForThisPlatform() {
+QByteArray FinishScript::textForThisPlatform(int waitTenths) {
 #ifdef __APPLE__
-    return text(Opener::macOS);
+    return text(Opener::macOS, waitTenths);
 #else
-    return text(Opener::linuxDesktop);
+    return text(Opener::linuxDesktop, waitTenths);
 #endif
 }
 

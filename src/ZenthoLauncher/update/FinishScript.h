@@ -15,9 +15,16 @@ class FileManager;
 // fails it puts the backup back and starts the old launcher. The launcher never overwrites its
 // own bundle while it runs.
 //
+// The wait is bounded. A launcher that has not gone after it (hung while quitting, or its
+// process identifier taken by another program) is neither killed nor replaced: a bundle whose
+// process still runs is never moved. The script then removes the staged bundle and its staging
+// folder (when that is left empty) and ends, leaving the running bundle exactly as it was; the
+// next start of the launcher finds the update again and stages it anew.
+//
 // Arguments, in this order: the launcher's process identifier, the staged bundle, the target
 // (running) bundle and the backup location; on Linux an optional fifth, the invite the launcher
-// it starts is to follow. Exit status 0 after a swap, 1 when nothing could be swapped.
+// it starts is to follow. Exit status 0 after a swap, 1 when nothing could be swapped, 2 when the
+// launcher still ran at the end of the wait.
 class FinishScript {
 public:
     // How the script starts the launcher it leaves in place.
@@ -28,10 +35,16 @@ public:
         linuxDesktop,
     };
 
-    // The script's text: 14 lines joined by line feeds, no line feed after the last.
-    static QByteArray text(Opener opener);
+    // How long the script waits for the launcher to go, in checks a tenth of a second apart: at
+    // least a minute, longer on a busy machine. A launcher quits within a second or two of
+    // starting the script; a minute leaves room for a slow disk flushing its last writes.
+    static constexpr int kLauncherWaitTenths = 600;
+
+    // The script's text: 21 lines joined by line feeds, no line feed after the last. It gives up
+    // after `waitTenths` checks that found the launcher still running.
+    static QByteArray text(Opener opener, int waitTenths = kLauncherWaitTenths);
     // The text for the platform this launcher runs on.
-    static QByteArray textForThisPlatform();
+    static QByteArray textForThisPlatform(int waitTenths = kLauncherWaitTenths);
 
     // Writes textForThisPlatform() atomically to `scriptPath`, makes it 0755 and starts it as
     // "/bin/sh scriptPath launcherPid staged target backup [invite]" (the invite only when there
