@@ -1,8 +1,29 @@
 #include "net/TransferWatchdog.h"
 
+#include <QHash>
 #include <QNetworkReply>
 
 #include <utility>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// When each server last showed a sign of life to any transfer: a connection made, bytes received.
+// Qt opens only so many connections to one server and holds further requests back until one is
+// free; such a request has not begun connecting, so its connect limit must not run out while the
+// server is busy answering the ones ahead of it. Only touched on the thread the replies live on.
+QHash<QString, Clock::time_point>& lastSignsOfLife() {
+    static QHash<QString, Clock::time_point> signs;
+    return signs;
+}
+
+QString serverKey(const QUrl& url) {
+    return url.scheme() + QLatin1String("://") + url.host().toLower() + QLatin1Char(':') +
+           QString::number(url.port(-1));
+}
+
+} // namespace
 
 TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
     : QObject(reply), reply_(reply), limits_(limits), server_(reply->url()) {
@@ -10,6 +31,10 @@ TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
     inactivityTimer_.setSingleShot(true);
     deadlineTimer_.setSingleShot(true);
     connect(&connectTimer_, &QTimer::timeout, this, [this] {
+        if (serverAnsweredOthersSince(Clock::now() - limits_.connect)) {
+            connectTimer_.start(limits_.connect); // waiting its turn, not on the server
+            return;
+        }
         connectTimedOut_ = !reply_->isFinished();
         giveUp(QStringLiteral("Could not connect to the server in time."));
     });
@@ -57,9 +82,19 @@ bool TransferWatchdog::sameServer(const QUrl& a, const QUrl& b) {
            a.port(-1) == b.port(-1);
 }
 
+bool TransferWatchdog::serverAnsweredOthersSince(std::chrono::steady_clock::time_point since) const {
+    const auto sign = lastSignsOfLife().constFind(serverKey(server_));
+    return sign != lastSignsOfLife().cend() && *sign >= since;
+}
+
+void TransferWatchdog::noteSignOfLife() const {
+    lastSignsOfLife().insert(serverKey(server_), Clock::now());
+}
+
 void TransferWatchdog::connected() {
     if (connected_ || reply_->isFinished())
         return;
+    noteSignOfLife();
     connected_ = true;
     connectTimer_.stop();
     inactivityTimer_.start(limits_.inactivity);
@@ -72,6 +107,7 @@ void TransferWatchdog::received(qint64 progress) {
     const qint64 fresh = progress >= lastProgress_ ? progress - lastProgress_ : progress;
     lastProgress_ = progress;
     if (fresh > 0) {
+        noteSignOfLife();
         totalBytes_ += fresh;
         if (!reply_->isFinished())
             inactivityTimer_.start(limits_.inactivity);

@@ -17,6 +17,11 @@ class QNetworkReply;
 // transfer outlasts its deadline. The owner of the transfer may also stop it through giveUp()
 // for a reason of its own (a body too large). Lives as a child of the reply it watches, so it
 // never outlives it.
+//
+// A request Qt holds back because every connection it allows to the server is busy has not begun
+// to connect: while other transfers to the same server make progress, its connect limit starts
+// again instead of running out. A server that shows no sign of life still fails every request in
+// the connect limit.
 class TransferWatchdog : public QObject {
     Q_OBJECT
 
@@ -44,6 +49,8 @@ public:
 
 private:
     static bool sameServer(const QUrl& a, const QUrl& b);
+    bool serverAnsweredOthersSince(std::chrono::steady_clock::time_point since) const;
+    void noteSignOfLife() const;
     void connected();
     void received(qint64 progress);
 
