@@ -9,13 +9,20 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// When each server last showed a sign of life to any transfer: a connection made, bytes received.
 // Qt opens only so many connections to one server and holds further requests back until one is
-// free; such a request has not begun connecting, so its connect limit must not run out while the
-// server is busy answering the ones ahead of it. Only touched on the thread the replies live on.
-QHash<QString, Clock::time_point>& lastSignsOfLife() {
-    static QHash<QString, Clock::time_point> signs;
-    return signs;
+// free (over HTTP/2, until the one connection is ready); such a request has not begun connecting,
+// so its connect limit must not run out while the server is answering the ones ahead of it, each
+// of which the watchdog holds to its own limits. What tells it: transfers to the server under way
+// on a connection made, and when the server last showed a transfer any sign of life. Only touched
+// on the thread the replies live on.
+struct ServerActivity {
+    int connectedTransfers = 0;
+    Clock::time_point lastSignOfLife;
+};
+
+QHash<QString, ServerActivity>& activity() {
+    static QHash<QString, ServerActivity> servers;
+    return servers;
 }
 
 QString serverKey(const QUrl& url) {
@@ -31,7 +38,7 @@ TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
     inactivityTimer_.setSingleShot(true);
     deadlineTimer_.setSingleShot(true);
     connect(&connectTimer_, &QTimer::timeout, this, [this] {
-        if (serverAnsweredOthersSince(Clock::now() - limits_.connect)) {
+        if (serverBusyWithOthers()) {
             connectTimer_.start(limits_.connect); // waiting its turn, not on the server
             return;
         }
@@ -60,6 +67,7 @@ TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
         if (sameServer(previous, target) || reply_->isFinished())
             return;
         connected_ = false;
+        uncount();
         inactivityTimer_.stop();
         windowTimer_.stop();
         connectTimer_.start(limits_.connect);
@@ -67,6 +75,7 @@ TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
     connect(reply, &QNetworkReply::downloadProgress, this,
             [this](qint64 received, qint64) { this->received(received); });
     connect(reply, &QNetworkReply::finished, this, [this] {
+        uncount();
         connectTimer_.stop();
         inactivityTimer_.stop();
         windowTimer_.stop();
@@ -82,20 +91,34 @@ bool TransferWatchdog::sameServer(const QUrl& a, const QUrl& b) {
            a.port(-1) == b.port(-1);
 }
 
-bool TransferWatchdog::serverAnsweredOthersSince(std::chrono::steady_clock::time_point since) const {
-    const auto sign = lastSignsOfLife().constFind(serverKey(server_));
-    return sign != lastSignsOfLife().cend() && *sign >= since;
+TransferWatchdog::~TransferWatchdog() {
+    uncount();
+}
+
+bool TransferWatchdog::serverBusyWithOthers() const {
+    const auto server = activity().constFind(serverKey(server_));
+    return server != activity().cend() &&
+           (server->connectedTransfers > 0 || server->lastSignOfLife >= Clock::now() - limits_.connect);
 }
 
 void TransferWatchdog::noteSignOfLife() const {
-    lastSignsOfLife().insert(serverKey(server_), Clock::now());
+    activity()[serverKey(server_)].lastSignOfLife = Clock::now();
+}
+
+void TransferWatchdog::uncount() {
+    if (countedAt_.isEmpty())
+        return;
+    --activity()[countedAt_].connectedTransfers;
+    countedAt_.clear();
 }
 
 void TransferWatchdog::connected() {
     if (connected_ || reply_->isFinished())
         return;
-    noteSignOfLife();
     connected_ = true;
+    countedAt_ = serverKey(server_);
+    ++activity()[countedAt_].connectedTransfers;
+    noteSignOfLife();
     connectTimer_.stop();
     inactivityTimer_.start(limits_.inactivity);
     bytesAtWindowStart_ = totalBytes_;
