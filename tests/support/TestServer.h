@@ -46,7 +46,8 @@ class FaultServer;
 //
 // The HTTPS listener speaks HTTP/1.1 only unless the server is made with Http2::Offered: then it
 // also offers HTTP/2 through ALPN, as release servers commonly do, and a client that takes it
-// sends all its requests over one connection.
+// sends its requests over one connection. That connection takes 100 requests; then nginx sends
+// GOAWAY and answers only those it has begun, as release servers do after some number of them.
 //
 // The constructor throws std::runtime_error when nginx cannot be started; the destructor stops
 // it.
