@@ -12,6 +12,7 @@
 #include "LauncherStorage.h"
 #include "PublishedRelease.h"
 #include "ReleaseTool.h"
+#include "TestFiles.h"
 #include "TestRequirements.h"
 #include "TestServer.h"
 #include "TreeSnapshot.h"
@@ -52,24 +53,26 @@ class TestFreshDebianSelfUpdate : public QObject {
     // What the new bundle is made of, as it was sealed and published.
     QStringList newBundle_;
 
-    // Seals a copy of the build's 0.2.0 bundle with the key the build sealed the player's
-    // launcher with, and packs it into the server's `folder` as a publisher would; `tamper`, when
-    // given, then changes the copy and the release is put together again by hand, past pack's
-    // checks. Returns the copy.
-    QString publishNewLauncher(const QString& folder, const std::function<void(const QString&)>& tamper = {}) {
-        const QString bundle = ReleaseTool::sealedCopy(
-            ReleaseTool::launcherBundle020(), scratch_.filePath(folder + QStringLiteral("/ZenthoLauncher.app")),
-            LauncherBundles::developmentKey());
+    QString sealedBundle(const QString& folder) const {
+        return scratch_.filePath(folder + QStringLiteral("/ZenthoLauncher.app"));
+    }
+
+    // Seals a copy of the build's 0.2.0 bundle, at sealedBundle(`folder`), with the key the build
+    // sealed the player's launcher with, and packs it into the server's `folder` as a publisher
+    // would; `tamper`, when given, then changes the copy and the release is put together again by
+    // hand, past pack's checks.
+    void publishNewLauncher(const QString& folder, const std::function<void(const QString&)>& tamper = {}) {
+        const QString bundle = sealedBundle(folder);
+        TestFiles::makeFolder(QFileInfo(bundle).path());
+        ReleaseTool::sealedCopy(ReleaseTool::launcherBundle020(), bundle, LauncherBundles::developmentKey());
         const QString out = server_->documentRoot() + QLatin1Char('/') + folder;
         const ReleaseTool::Run packed = ReleaseTool::packLauncherForPlayers(
             bundle, kNewVersion, server_->url(QLatin1Char('/') + folder).toString(), out);
-        if (!packed.ok())
-            qWarning("pack: %s", packed.errors.constData());
+        QVERIFY2(packed.ok(), packed.errors.constData());
         if (tamper) {
             tamper(bundle);
             ReleaseTool::repackByHand(out + QLatin1Char('/') + kManifest, out + QLatin1Char('/') + kArchive, bundle);
         }
-        return bundle;
     }
 
     QString manifestUrl(const QString& folder) const {
@@ -111,7 +114,10 @@ private slots:
         QVERIFY(QFileInfo::exists(release_->launcherArchive()));
         QVERIFY(release_->launcherVersion() != kNewVersion);
 
-        const QString sealed = publishNewLauncher(QStringLiteral("new"));
+        publishNewLauncher(QStringLiteral("new"));
+        if (QTest::currentTestFailed())
+            return;
+        const QString sealed = sealedBundle(QStringLiteral("new"));
         newBundle_ = TreeSnapshot::of(sealed);
         // Frameworks that are not the running launcher's make the swap visible: a launcher that
         // kept its own libraries next to the new Info.json would not pass for the new one.
@@ -121,6 +127,8 @@ private slots:
         publishNewLauncher(QStringLiteral("broken"), [](const QString& bundle) {
             ReleaseTool::flipOneByte(bundle + QLatin1Char('/') + kTamperedLibrary);
         });
+        if (QTest::currentTestFailed())
+            return;
         // The check a publisher would run names what is wrong with it.
         const QString broken = server_->documentRoot() + QStringLiteral("/broken/");
         const ReleaseTool::Run checked = ReleaseTool::verify(broken + kManifest, broken + kArchive);
@@ -156,14 +164,16 @@ private slots:
         QCOMPARE(version.output, kNewVersion.toUtf8() + '\n');
         QCOMPARE(version.exitCode, 0);
 
-        // The old bundle is kept whole in the storage, and nothing of the download is left.
+        // The old bundle is kept whole in the storage, and nothing of the download is left: the
+        // staging folder the bundle was moved out of stays behind, empty, as after every swap.
         const QStringList backups = inStorage(*fresh, QStringLiteral("launcher-backup-"));
         QCOMPARE(backups.size(), 1);
         static const QRegularExpression backupName(QStringLiteral("^launcher-backup-%1-[0-9A-F-]{36}\\.app$")
                                                        .arg(QRegularExpression::escape(release_->launcherVersion())));
         QVERIFY2(backupName.match(backups.first()).hasMatch(), qPrintable(backups.first()));
         QCOMPARE(TreeSnapshot::of(storage(*fresh) + QLatin1Char('/') + backups.first()), oldBundle);
-        QCOMPARE(inStorage(*fresh, QStringLiteral("launcher-staging-")), QStringList());
+        for (const QString& staging : inStorage(*fresh, QStringLiteral("launcher-staging-")))
+            QCOMPARE(TreeSnapshot::of(storage(*fresh) + QLatin1Char('/') + staging), QStringList());
     }
 
     // The twin: the same start against a new bundle whose seal does not verify.
