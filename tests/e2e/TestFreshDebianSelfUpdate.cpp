@@ -37,7 +37,7 @@ using User = FreshSystem::User;
 
 const QString kInvite = QStringLiteral("zentho://join/fresh-self-update");
 const QString kNewVersion = QStringLiteral("0.2.0");
-const QString kArchive = QStringLiteral("zentho-0.2.0-macos-launcher-arm64.tar.gz");
+const QString kArchive = QStringLiteral("zentho-%1-macos-launcher-arm64.tar.gz").arg(kNewVersion);
 const QString kManifest = QStringLiteral("macos-launcher-arm64-manifest.json");
 // A library both bundles carry; the refused release has one byte of it changed.
 const QString kTamperedLibrary = QStringLiteral("Contents/Frameworks/libQt6Core.so.6");
@@ -61,17 +61,20 @@ class TestFreshDebianSelfUpdate : public QObject {
     // sealed the player's launcher with, and packs it into the server's `folder` as a publisher
     // would; `tamper`, when given, then changes the copy and the release is put together again by
     // hand, past pack's checks.
-    void publishNewLauncher(const QString& folder, const std::function<void(const QString&)>& tamper = {}) {
+    void publishNewLauncher(const QString& folder,
+                            const std::function<void(const QString&)>& tamper = {}) {
         const QString bundle = sealedBundle(folder);
         TestFiles::makeFolder(QFileInfo(bundle).path());
-        ReleaseTool::sealedCopy(ReleaseTool::launcherBundle020(), bundle, LauncherBundles::developmentKey());
+        ReleaseTool::sealedCopy(ReleaseTool::launcherBundle020(), bundle,
+                                LauncherBundles::developmentKey());
         const QString out = server_->documentRoot() + QLatin1Char('/') + folder;
         const ReleaseTool::Run packed = ReleaseTool::packLauncherForPlayers(
             bundle, kNewVersion, server_->url(QLatin1Char('/') + folder).toString(), out);
         QVERIFY2(packed.ok(), packed.errors.constData());
         if (tamper) {
             tamper(bundle);
-            ReleaseTool::repackByHand(out + QLatin1Char('/') + kManifest, out + QLatin1Char('/') + kArchive, bundle);
+            ReleaseTool::repackByHand(out + QLatin1Char('/') + kManifest,
+                                      out + QLatin1Char('/') + kArchive, bundle);
         }
     }
 
@@ -86,16 +89,19 @@ class TestFreshDebianSelfUpdate : public QObject {
 
     // The player's launcher storage, as the host reaches it.
     static QString storage(const FreshSystem& fresh) {
-        return LauncherStorage(fresh.hostPath(FreshSystem::home(User::player) + QStringLiteral("/.local/share")))
+        return LauncherStorage(fresh.hostPath(FreshSystem::home(User::player) +
+                                              QStringLiteral("/.local/share")))
             .root();
     }
     static QStringList inStorage(const FreshSystem& fresh, const QString& prefix) {
-        return QDir(storage(fresh)).entryList({prefix + QLatin1Char('*')}, QDir::AllEntries | QDir::Hidden);
+        return QDir(storage(fresh))
+            .entryList({prefix + QLatin1Char('*')}, QDir::AllEntries | QDir::Hidden);
     }
 
     // The player starts the unpacked launcher with the invite, against `launcherManifest`; the
     // launcher quits at once, having handed over or started the game.
-    static FreshSystem::Result startWithInvite(const FreshSystem& fresh, const PublishedRelease& release,
+    static FreshSystem::Result startWithInvite(const FreshSystem& fresh,
+                                               const PublishedRelease& release,
                                                const QString& launcherManifest) {
         return fresh.run({FreshPlayer::executable(), kInvite}, User::player,
                          FreshPlayer::offscreenReleaseSettings(release, launcherManifest));
@@ -107,7 +113,8 @@ private slots:
         ZENTHO_REQUIRE(debootstrap);
         ZENTHO_REQUIRE(nginx);
         FreshPlayer::ensureBases();
-        QVERIFY2(QFileInfo::exists(ReleaseTool::launcherBundle020() + QStringLiteral("/Contents/MacOS/ZenthoLauncher")),
+        QVERIFY2(QFileInfo::exists(ReleaseTool::launcherBundle020() +
+                                   QStringLiteral("/Contents/MacOS/ZenthoLauncher")),
                  "the 0.2.0 launcher bundle is not built");
         server_ = std::make_unique<TestServer>();
         release_.emplace(*server_);
@@ -122,7 +129,8 @@ private slots:
         // Frameworks that are not the running launcher's make the swap visible: a launcher that
         // kept its own libraries next to the new Info.json would not pass for the new one.
         QVERIFY(TreeSnapshot::of(sealed + QStringLiteral("/Contents/Frameworks")) !=
-                TreeSnapshot::of(LauncherBundles::builtBundle() + QStringLiteral("/Contents/Frameworks")));
+                TreeSnapshot::of(LauncherBundles::builtBundle() +
+                                 QStringLiteral("/Contents/Frameworks")));
 
         publishNewLauncher(QStringLiteral("broken"), [](const QString& bundle) {
             ReleaseTool::flipOneByte(bundle + QLatin1Char('/') + kTamperedLibrary);
@@ -146,7 +154,8 @@ private slots:
         const int archivesBefore = served(QStringLiteral("new"), kArchive);
         const int manifestsBefore = served(QStringLiteral("new"), kManifest);
 
-        const FreshSystem::Result started = startWithInvite(*fresh, *release_, manifestUrl(QStringLiteral("new")));
+        const FreshSystem::Result started =
+            startWithInvite(*fresh, *release_, manifestUrl(QStringLiteral("new")));
         QVERIFY2(started.succeeded(), describe(started).constData());
 
         // The relaunched launcher follows the invite that led to the update: finding itself
@@ -168,8 +177,9 @@ private slots:
         // staging folder the bundle was moved out of stays behind, empty, as after every swap.
         const QStringList backups = inStorage(*fresh, QStringLiteral("launcher-backup-"));
         QCOMPARE(backups.size(), 1);
-        static const QRegularExpression backupName(QStringLiteral("^launcher-backup-%1-[0-9A-F-]{36}\\.app$")
-                                                       .arg(QRegularExpression::escape(release_->launcherVersion())));
+        const QRegularExpression backupName(
+            QStringLiteral("^launcher-backup-%1-[0-9A-F-]{36}\\.app$")
+                .arg(QRegularExpression::escape(release_->launcherVersion())));
         QVERIFY2(backupName.match(backups.first()).hasMatch(), qPrintable(backups.first()));
         QCOMPARE(TreeSnapshot::of(storage(*fresh) + QLatin1Char('/') + backups.first()), oldBundle);
         for (const QString& staging : inStorage(*fresh, QStringLiteral("launcher-staging-")))
