@@ -153,8 +153,7 @@ private slots:
     // and by nothing else.
     void aVerifierTrustingTwoKeysAcceptsASealByEither() {
         const QString nextKey = LauncherBundles::buildDir() + QStringLiteral("/signing/test-next.key");
-        for (const QString& key : {LauncherBundles::testKey(), nextKey,
-                                   LauncherBundles::buildDir() + QStringLiteral("/signing/development.key")}) {
+        for (const QString& key : {LauncherBundles::testKey(), nextKey, LauncherBundles::developmentKey()}) {
             const QString bundle = path(QFileInfo(key).baseName() + QStringLiteral("/ZenthoLauncher.app"));
             TestFiles::makeFolder(QFileInfo(bundle).absolutePath());
             ReleaseTool::copyTree(LauncherBundles::builtBundle(), bundle);
@@ -163,7 +162,7 @@ private slots:
             verifier.start(LauncherBundles::testVerifier(),
                            {QStringLiteral("--verify"), QStringLiteral("--deep"), QStringLiteral("--strict"), bundle});
             QVERIFY(verifier.waitForFinished(60000));
-            const bool trusted = !key.endsWith(QLatin1String("development.key"));
+            const bool trusted = key != LauncherBundles::developmentKey();
             QCOMPARE(verifier.exitCode(), trusted ? 0 : 1);
             QCOMPARE(verifier.readAllStandardError(),
                      trusted ? QByteArray() : QByteArray("Contents/_CodeSignature/Signature: not signed by a trusted key\n"));

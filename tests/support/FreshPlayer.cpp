@@ -47,13 +47,14 @@ std::unique_ptr<FreshSystem> withUnpackedLauncher(const QString& suite, const Pu
     return fresh;
 }
 
-QStringList releaseSettings(const PublishedRelease& release) {
+QStringList releaseSettings(const PublishedRelease& release, const QString& launcherManifest) {
     return {QStringLiteral("ZENTHO_UPDATE_MANIFEST=") + release.gameManifest(),
-            QStringLiteral("ZENTHO_LAUNCHER_UPDATE_MANIFEST=") + release.launcherManifest()};
+            QStringLiteral("ZENTHO_LAUNCHER_UPDATE_MANIFEST=") +
+                (launcherManifest.isEmpty() ? release.launcherManifest() : launcherManifest)};
 }
 
-QStringList offscreenReleaseSettings(const PublishedRelease& release) {
-    return releaseSettings(release) + QStringList{QStringLiteral("QT_QPA_PLATFORM=offscreen")};
+QStringList offscreenReleaseSettings(const PublishedRelease& release, const QString& launcherManifest) {
+    return releaseSettings(release, launcherManifest) + QStringList{QStringLiteral("QT_QPA_PLATFORM=offscreen")};
 }
 
 QString gameBuild() {

@@ -40,10 +40,11 @@ std::unique_ptr<FreshSystem> withUnpackedLauncher(const QString& suite, const Pu
                                                   const QString& display = {});
 
 // What a launcher started by the player is given beyond the player's own environment: the
-// release's manifests on the test server instead of the real release server.
-QStringList releaseSettings(const PublishedRelease& release);
+// release's manifests on the test server instead of the real release server; the launcher
+// manifest at `launcherManifest` instead of the release's when one is given.
+QStringList releaseSettings(const PublishedRelease& release, const QString& launcherManifest = {});
 // The same for a launcher that must show its window without a display.
-QStringList offscreenReleaseSettings(const PublishedRelease& release);
+QStringList offscreenReleaseSettings(const PublishedRelease& release, const QString& launcherManifest = {});
 
 // Where the launcher installs the release's game build inside the system.
 QString gameBuild();

@@ -44,6 +44,10 @@ QString testKey() {
     return buildDir() + QStringLiteral("/signing/test.key");
 }
 
+QString developmentKey() {
+    return buildDir() + QStringLiteral("/signing/development.key");
+}
+
 QString builtBundle() {
     return buildDir() + QStringLiteral("/ZenthoLauncher.app");
 }

@@ -23,6 +23,9 @@ QString buildDir();
 QString releaseTool();   // zentho-release
 QString testVerifier();  // the zentho-codesign that trusts testKey()
 QString testKey();       // private key PEM
+// The private key the build seals its own bundle with when it is given none: the launcher that
+// players get from such a build trusts it, and no other launcher's verifier does.
+QString developmentKey();
 QString builtBundle();   // <build>/ZenthoLauncher.app
 
 // Seals `bundle` with `key` through zentho-release; true on exit status 0.

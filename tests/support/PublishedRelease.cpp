@@ -17,13 +17,10 @@ PublishedRelease::PublishedRelease(const TestServer& server)
     const QString release = server.documentRoot() + QStringLiteral("/release");
     const QString urlBase = server.url(QStringLiteral("/release")).toString();
 
-    // No --key: the bundle the build sealed must pass with the keys its own launcher trusts,
+    // The bundle the build sealed must pass with the keys its own launcher trusts,
     // as the release that ships does.
-    const ReleaseTool::Run launcher = ReleaseTool::run(
-        {QStringLiteral("pack"), QStringLiteral("--platform"), QStringLiteral("macos-launcher-arm64"),
-         QStringLiteral("--version"), launcherVersion_, QStringLiteral("--executable"),
-         QStringLiteral("ZenthoLauncher.app"), QStringLiteral("--url-base"), urlBase,
-         QStringLiteral("--out"), release, LauncherBundles::builtBundle()});
+    const ReleaseTool::Run launcher =
+        ReleaseTool::packLauncherForPlayers(LauncherBundles::builtBundle(), launcherVersion_, urlBase, release);
     QVERIFY2(launcher.ok(), launcher.errors.constData());
     launcherArchive_ = launcher.line(QStringLiteral("archive"));
     launcherManifest_ = urlBase + QLatin1Char('/') + QFileInfo(launcher.line(QStringLiteral("manifest"))).fileName();

@@ -92,14 +92,28 @@ QString missingFromTheBuild() {
     return {};
 }
 
-Run packLauncher(const QString& bundle, const QString& version, const QString& urlBase,
-                 const QString& out, const QStringList& extra) {
+namespace {
+
+Run packLauncherWith(const QString& bundle, const QString& version, const QString& urlBase,
+                     const QString& out, const QStringList& options) {
     return run(QStringList{QStringLiteral("pack"), QStringLiteral("--platform"),
                            QStringLiteral("macos-launcher-arm64"), QStringLiteral("--version"),
                            version, QStringLiteral("--executable"), QFileInfo(bundle).fileName(),
-                           QStringLiteral("--url-base"), urlBase, QStringLiteral("--out"), out,
-                           QStringLiteral("--key"), testSealKey()} +
-               extra + QStringList{bundle});
+                           QStringLiteral("--url-base"), urlBase, QStringLiteral("--out"), out} +
+               options + QStringList{bundle});
+}
+
+} // namespace
+
+Run packLauncher(const QString& bundle, const QString& version, const QString& urlBase,
+                 const QString& out, const QStringList& extra) {
+    return packLauncherWith(bundle, version, urlBase, out,
+                            QStringList{QStringLiteral("--key"), testSealKey()} + extra);
+}
+
+Run packLauncherForPlayers(const QString& bundle, const QString& version, const QString& urlBase,
+                           const QString& out) {
+    return packLauncherWith(bundle, version, urlBase, out, {});
 }
 
 QString standinGame020() {
@@ -110,10 +124,10 @@ QString launcherBundle020() {
     return LauncherBundles::buildDir() + QStringLiteral("/launcher-0.2.0/ZenthoLauncher.app");
 }
 
-QString sealedCopy(const QString& from, const QString& bundle) {
+QString sealedCopy(const QString& from, const QString& bundle, const QString& key) {
     copyTree(from, bundle);
     const Run sealed = run({QStringLiteral("sign-bundle"), QStringLiteral("--key"),
-                            LauncherBundles::testKey(), bundle});
+                            key.isEmpty() ? LauncherBundles::testKey() : key, bundle});
     if (!sealed.ok())
         QTest::qFail(qPrintable(QStringLiteral("sign-bundle failed: ") + QString::fromUtf8(sealed.errors)),
                      __FILE__, __LINE__);

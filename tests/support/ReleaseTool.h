@@ -46,6 +46,10 @@ QString missingFromTheBuild();
 // seal checked against the test keys.
 Run packLauncher(const QString& bundle, const QString& version, const QString& urlBase,
                  const QString& out, const QStringList& extra = {});
+// The same with no --key: the seal must pass with the keys the build's own launcher trusts, as the
+// releases players' launchers take must.
+Run packLauncherForPlayers(const QString& bundle, const QString& version, const QString& urlBase,
+                           const QString& out);
 
 // The public test keys that seal bundles, and those that sign manifests.
 QString testSealKey();
@@ -57,8 +61,9 @@ QString testManifestKeyNext(); // private; ".pub" beside it
 QString standinGame020();
 QString launcherBundle020();
 
-// A copy of the bundle `from` at `bundle`, sealed with the test key by sign-bundle.
-QString sealedCopy(const QString& from, const QString& bundle);
+// A copy of the bundle `from` at `bundle`, sealed with `key` (the test key unless given) by
+// sign-bundle.
+QString sealedCopy(const QString& from, const QString& bundle, const QString& key = {});
 QString seedRuntimeOf(const QString& bundle);
 // A launcher release put together by hand, past pack's checks: the archive at `archive` is made
 // again from `bundle` as it is now, and the manifest at `manifest` gets its digest and, when
