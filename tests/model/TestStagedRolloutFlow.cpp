@@ -4,6 +4,7 @@
 // away. Each press runs in its own process (see FlowScenario).
 
 #include "FlowScenario.h"
+#include "FlowStatuses.h"
 #include "ManifestJson.h"
 #include "ScopedDataHome.h"
 #include "StandinGames.h"
@@ -21,16 +22,7 @@
 
 #include <memory>
 
-namespace {
-
-const QString kChecking = QStringLiteral("Checking launcher version...");
-const QString kCheckingGame = QStringLiteral("Checking for updates...");
-const QString kDownloading = QStringLiteral("Downloading into ZENTHO storage...");
-const QString kInstalling = QStringLiteral("Installing verified update...");
-const QString kStarting = QStringLiteral("Starting ZENTHO...");
-const QString kJoining = QStringLiteral("Joining a friend's game...");
-
-} // namespace
+using namespace FlowStatuses;
 
 class TestStagedRolloutFlow : public QObject {
     Q_OBJECT

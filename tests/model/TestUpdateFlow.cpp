@@ -2,6 +2,7 @@
 // real game processes. Each press runs in its own process (see FlowScenario).
 
 #include "FlowScenario.h"
+#include "FlowStatuses.h"
 #include "ManifestJson.h"
 #include "ScopedDataHome.h"
 #include "StandinGames.h"
@@ -17,15 +18,9 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-namespace {
+using namespace FlowStatuses;
 
-const QString kChecking = QStringLiteral("Checking launcher version...");
-const QString kLauncherUnavailable = QStringLiteral("Launcher update unavailable; checking game...");
-const QString kCheckingGame = QStringLiteral("Checking for updates...");
-const QString kDownloading = QStringLiteral("Downloading into ZENTHO storage...");
-const QString kInstalling = QStringLiteral("Installing verified update...");
-const QString kStarting = QStringLiteral("Starting ZENTHO...");
-const QString kFallback = QStringLiteral("Update unavailable; starting installed version...");
+namespace {
 
 QByteArray manifest(const QString& version, const QString& platform, const QString& url,
                     const QString& sha256, const QString& executable) {
