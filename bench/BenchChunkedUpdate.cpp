@@ -12,8 +12,8 @@
 // names the folder of its build.
 //
 //   A  the 0.3.1 manifest without "chunks": the archive at 50 MiB/s (nginx limit_rate 50m)
-//   B  the same with "chunks": the index at 50 MiB/s, each chunk request at 8 MiB/s; the server
-//      speaks HTTP/1.1, to which Qt opens 6 connections, so together they stay under 50 MiB/s
+//   B  the same with "chunks": the index at 50 MiB/s, each chunk request at 8 MiB/s; the launcher
+//      runs 6 at a time, so together they stay under 50 MiB/s
 //   C  as B without the kept indexes: the launcher reads 0.3.0 to find its chunks
 //   D  a press with 0.3.1 already in place: what every press costs besides the install
 //
@@ -360,7 +360,7 @@ int main(int argc, char** argv) {
     std::printf("A   archive, nginx limit_rate 50m (50 MiB/s)\n");
     printRun(QStringLiteral("A"), a);
     std::printf("B   chunks: the index under limit_rate 50m, the chunks under limit_rate 8m, which nginx applies to "
-                "each request; 6 connections to the HTTP/1.1 server at a time, so together at most 48 MiB/s\n");
+                "each request; the launcher runs 6 at a time, so together at most 48 MiB/s\n");
     for (int i = 0; i < bs.size(); ++i)
         printRun(QStringLiteral("B%1").arg(i + 1), bs[i]);
     std::printf("C   as B without the kept indexes: the launcher reads 0.3.0 to find its chunks (informational)\n");

@@ -108,7 +108,7 @@ bool accepts(quint16 port) {
 
 } // namespace
 
-TestServer::TestServer(Http2 http2) : http2_(http2), fault_(std::make_unique<FaultServer>()) {
+TestServer::TestServer() : fault_(std::make_unique<FaultServer>()) {
     if (!prefix_.isValid())
         fail(QStringLiteral("no temporary folder for nginx"));
     for (const char* sub : {"logs", "tmp", "www", "fixtures"})
@@ -220,7 +220,7 @@ QString TestServer::configuration() const {
            "events { worker_connections 256; }\n"
            "http {\n"
            "    log_format served '$remote_addr [$time_local] \"$request\" $status $body_bytes_sent '\n"
-           "                      '\"$http_range\" \"$http_if_range\" $connection';\n"
+           "                      '\"$http_range\" \"$http_if_range\"';\n"
            "    access_log " + root + "/logs/access.log served;\n"
            "    client_body_temp_path " + root + "/tmp/body;\n"
            "    proxy_temp_path " + root + "/tmp/proxy;\n"
@@ -229,10 +229,7 @@ QString TestServer::configuration() const {
            "    scgi_temp_path " + root + "/tmp/scgi;\n"
            "    default_type application/octet-stream;\n"
            "    server {\n"
-           "        listen " + loopback + ":" + QString::number(httpsPort_) +
-           // nginx ends an HTTP/2 connection to new requests after 1000 by default; a tenth of
-           // that lets a test of a few hundred requests cross the end.
-           (http2_ == Http2::Offered ? " ssl http2;\n        keepalive_requests 100;\n" : " ssl;\n") +
+           "        listen " + loopback + ":" + QString::number(httpsPort_) + " ssl;\n"
            "        ssl_certificate " + certs.serverCertificate() + ";\n"
            "        ssl_certificate_key " + certs.serverKey() + ";\n"
            "        ssl_protocols TLSv1.2 TLSv1.3;\n"

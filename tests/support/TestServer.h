@@ -44,18 +44,11 @@ class FaultServer;
 // prepared folder bind-mounted over /etc/ssl/certs (the CA, its `openssl rehash` link and a
 // copy named ca-certificates.crt). The CA is made once per process and shared by all servers.
 //
-// The HTTPS listener speaks HTTP/1.1 only unless the server is made with Http2::Offered: then it
-// also offers HTTP/2 through ALPN, as release servers commonly do, and a client that takes it
-// sends its requests over one connection. That connection takes 100 requests; then nginx sends
-// GOAWAY and answers only those it has begun, as release servers do after some number of them.
-//
 // The constructor throws std::runtime_error when nginx cannot be started; the destructor stops
 // it.
 class TestServer {
 public:
-    enum class Http2 { Off, Offered };
-
-    explicit TestServer(Http2 http2 = Http2::Off);
+    TestServer();
     ~TestServer();
     TestServer(const TestServer&) = delete;
     TestServer& operator=(const TestServer&) = delete;
@@ -86,9 +79,8 @@ public:
 
     // nginx's error log so far, for failure messages.
     QString errorLog() const;
-    // nginx's access log so far: one line per request, with its request line (which names the
-    // protocol, "HTTP/2.0" for HTTP/2), status, body bytes sent, Range, If-Range and the serial
-    // number of the connection it came on.
+    // nginx's access log so far: one line per request, with its request line, status, body
+    // bytes sent, Range and If-Range.
     QString accessLog() const;
     // Returns once the access log holds the line of every request nginx answered before the call.
     // A client has an answer as soon as nginx has sent it, but nginx writes the line only after
@@ -113,7 +105,6 @@ private:
     QString configuration() const;
     void primeTruncatedFile();
 
-    Http2 http2_;
     std::unique_ptr<FaultServer> fault_;
     QTemporaryDir prefix_;
     QProcess nginx_;

@@ -8,7 +8,6 @@
 #include <QNetworkRequest>
 
 #include <QCoroNetworkReply>
-#include <QCoroTimer>
 
 #include <memory>
 
@@ -19,44 +18,12 @@ namespace {
 // server sends.
 constexpr qint64 readBufferSize = 256 * 1024;
 constexpr int maximumRedirects = 10;
-// An HTTP/2 server takes only so many requests on one connection (nginx: 1000) and then refuses
-// new ones while it answers those it has begun; Qt opens a new connection once those are over.
-// A GET the server never began is sent again, after a pause, until it has waited this long.
-constexpr std::chrono::milliseconds resendPause{100};
-constexpr int maximumResends = 50;
-
-QNetworkAccessManager*& currentManager() {
-    // Deliberately never destroyed: a coroutine may still be awaiting one of its replies when
-    // the process ends, and destroying the manager under it crashes.
-    static QNetworkAccessManager* current = new QNetworkAccessManager();
-    return current;
-}
 
 QNetworkAccessManager& manager() {
-    return *currentManager();
-}
-
-// Marks the replies of fetchOnce(), whose GET may be sent again, and those of them stranded.
-constexpr char resendable[] = "zenthoResendable";
-constexpr char stranded[] = "zenthoStranded";
-
-// Qt keeps putting new requests into an HTTP/2 connection the server has ended (GOAWAY), where
-// they never leave, even once it has closed. Requests after that go through a new manager, and
-// so a new connection; the old one lives on (see above) for the answers it is still receiving.
-// Its GETs into memory the server has shown nothing of are stranded: they end at once, to be
-// sent again.
-void retire(QNetworkAccessManager* ended) {
-    if (currentManager() != ended)
-        return;
-    currentManager() = new QNetworkAccessManager();
-    for (QNetworkReply* reply : ended->findChildren<QNetworkReply*>()) {
-        const TransferWatchdog* watchdog = reply->findChild<TransferWatchdog*>();
-        if (reply->property(resendable).toBool() && !reply->isFinished() && watchdog &&
-            !watchdog->sawServer()) {
-            reply->setProperty(stranded, true);
-            reply->abort();
-        }
-    }
+    // Deliberately never destroyed: a coroutine may still be awaiting one of its replies when
+    // the process ends, and destroying the manager under it crashes.
+    static QNetworkAccessManager* const shared = new QNetworkAccessManager();
+    return *shared;
 }
 
 QNetworkRequest requestFor(const QUrl& url) {
@@ -119,17 +86,6 @@ void throwIfTransportFailed(const QNetworkReply& reply, const TransferWatchdog& 
     const bool belowContent = error < QNetworkReply::ContentAccessDenied;
     if (!statusCodeOf(reply) || belowContent || error == QNetworkReply::ProtocolFailure)
         throw NetworkError(reply.errorString());
-}
-
-// True when the server turned the request away without beginning it, as it was ending its HTTP/2
-// connection to new requests (GOAWAY), or the request was stranded in that connection. Nothing of
-// it was acted on, so it may be sent again.
-bool turnedAwayUnbegun(const QNetworkReply& reply, const TransferWatchdog& watchdog) {
-    const QNetworkReply::NetworkError error = reply.error();
-    if (reply.property(stranded).toBool())
-        return true;
-    return !watchdog.abortReason() && !statusCodeOf(reply) &&
-           (error == QNetworkReply::ContentReSendError || error == QNetworkReply::ProtocolUnknownError);
 }
 
 // Everything a streamed answer's head tells a download.
@@ -209,25 +165,11 @@ QCoro::Task<HttpResponse> HttpClient::metadata(QUrl url, qint64 maximumBytes) {
 
 QCoro::Task<HttpResponse> HttpClient::fetch(QUrl url, qint64 cap, TransferWatchdog::Limits limits,
                                             QString tooLarge) {
-    for (int resends = 0;; ++resends) {
-        Fetched fetched = co_await fetchOnce(url, cap, limits, tooLarge);
-        if (fetched.response)
-            co_return std::move(*fetched.response);
-        if (resends == maximumResends)
-            throw NetworkError(fetched.turnedAway);
-        co_await QCoro::sleepFor(resendPause);
-    }
-}
-
-QCoro::Task<HttpClient::Fetched> HttpClient::fetchOnce(QUrl url, qint64 cap, TransferWatchdog::Limits limits,
-                                                       QString tooLarge) {
     QByteArray body;
 
     if (unreachable_)
         unreachable_->refuseKnown(url);
-    QNetworkAccessManager* const sentThrough = &manager();
-    ReplyPtr reply(sentThrough->get(requestFor(url)));
-    reply->setProperty(resendable, true);
+    ReplyPtr reply(manager().get(requestFor(url)));
     reply->setReadBufferSize(readBufferSize);
     auto* const watchdog = new TransferWatchdog(reply.get(), limits);
     refuseUnreachableRedirects(*reply, *watchdog);
@@ -243,16 +185,12 @@ QCoro::Task<HttpClient::Fetched> HttpClient::fetchOnce(QUrl url, qint64 cap, Tra
     co_await raw;
     QObject::disconnect(announced);
     QObject::disconnect(streaming);
-    if (turnedAwayUnbegun(*raw, *watchdog)) {
-        retire(sentThrough);
-        co_return Fetched{std::nullopt, raw->errorString()};
-    }
     if (!watchdog->abortReason() && !collect(*raw, body, cap))
         throw NetworkError(tooLarge);
     if (unreachable_)
         unreachable_->noteFailure(*raw, *watchdog);
     throwIfTransportFailed(*raw, *watchdog);
-    co_return Fetched{HttpResponse{statusCodeOf(*raw), std::move(body)}, {}};
+    co_return HttpResponse{statusCodeOf(*raw), std::move(body)};
 }
 
 QCoro::Task<ResponseHead> HttpClient::stream(QUrl url, RequestHeaders headers,

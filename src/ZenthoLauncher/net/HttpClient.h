@@ -61,8 +61,7 @@ class UnreachableHosts;
 // All clients share one network manager, which lives until the process ends, because a coroutine
 // awaiting a reply must never see its manager destroyed. Operations run on the main thread and
 // suspend only while the transfer runs. Transport failures throw NetworkError; HTTP error statuses
-// do not throw. A GET into memory that an HTTP/2 server turned away without beginning it (it ends
-// a connection after so many requests) is sent again on the next connection.
+// do not throw.
 class HttpClient {
 public:
     // The product's limits unless a test asks for smaller ones.
@@ -90,14 +89,7 @@ public:
     const TransferLimits& limits() const { return limits_; }
 
 private:
-    // One GET's outcome: its answer, or why the server turned it away without beginning it.
-    struct Fetched {
-        std::optional<HttpResponse> response;
-        QString turnedAway;
-    };
-
     QCoro::Task<HttpResponse> fetch(QUrl url, qint64 cap, TransferWatchdog::Limits limits, QString tooLarge);
-    QCoro::Task<Fetched> fetchOnce(QUrl url, qint64 cap, TransferWatchdog::Limits limits, QString tooLarge);
     void refuseUnreachableRedirects(QNetworkReply& reply, TransferWatchdog& watchdog) const;
 
     TransferLimits limits_;

@@ -23,14 +23,9 @@ struct TransferLimits {
     // Chunks of an update kept between attempts take at most this; an update that would need more
     // comes as its archive instead, which streams and installs at once.
     static constexpr qint64 defaultChunkCacheBytes = qint64(1) << 30;
-    // Chunks are small (64 KiB on average), so what keeps a link busy is how many are asked for
-    // at once: over a round trip of 100 ms, 32 requests in flight carry about 20 MiB/s where 6
-    // carried 4, and a patch of 50 chunks takes two rounds instead of nine. Over HTTP/2 they share
-    // one connection, within the streams the server allows at once; an HTTP/1.1 server sees no
-    // more than Qt's six connections to it, the rest waiting their turn in Qt (which the
-    // watchdog does not hold against them). Each request keeps its own throughput floor, so the
-    // link must carry 32 of them: about 100 KiB/s.
-    static constexpr int defaultParallelChunks = 32;
+    // Chunks are small: a few requests in flight keep a link busy where one would wait on each
+    // round trip, and a server sees no more connections than a browser opens.
+    static constexpr int defaultParallelChunks = 6;
 
     // Archives keep the throughput floor and no overall deadline: slow links must work.
     TransferWatchdog::Limits download{};

@@ -1,36 +1,8 @@
 #include "net/TransferWatchdog.h"
 
-#include <QHash>
 #include <QNetworkReply>
 
 #include <utility>
-
-namespace {
-
-using Clock = std::chrono::steady_clock;
-
-// Qt opens only so many connections to one server and holds further requests back until one is
-// free (over HTTP/2, until the one connection is ready); such a request has not begun connecting,
-// so its connect limit must not run out while the server is answering the ones ahead of it, each
-// of which the watchdog holds to its own limits. What tells it: transfers to the server under way
-// on a connection made, and when the server last showed a transfer any sign of life. Only touched
-// on the thread the replies live on.
-struct ServerActivity {
-    int connectedTransfers = 0;
-    Clock::time_point lastSignOfLife;
-};
-
-QHash<QString, ServerActivity>& activity() {
-    static QHash<QString, ServerActivity> servers;
-    return servers;
-}
-
-QString serverKey(const QUrl& url) {
-    return url.scheme() + QLatin1String("://") + url.host().toLower() + QLatin1Char(':') +
-           QString::number(url.port(-1));
-}
-
-} // namespace
 
 TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
     : QObject(reply), reply_(reply), limits_(limits), server_(reply->url()) {
@@ -38,10 +10,6 @@ TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
     inactivityTimer_.setSingleShot(true);
     deadlineTimer_.setSingleShot(true);
     connect(&connectTimer_, &QTimer::timeout, this, [this] {
-        if (serverBusyWithOthers()) {
-            connectTimer_.start(limits_.connect); // waiting its turn, not on the server
-            return;
-        }
         connectTimedOut_ = !reply_->isFinished();
         giveUp(QStringLiteral("Could not connect to the server in time."));
     });
@@ -67,7 +35,6 @@ TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
         if (sameServer(previous, target) || reply_->isFinished())
             return;
         connected_ = false;
-        uncount();
         inactivityTimer_.stop();
         windowTimer_.stop();
         connectTimer_.start(limits_.connect);
@@ -75,7 +42,6 @@ TransferWatchdog::TransferWatchdog(QNetworkReply* reply, Limits limits)
     connect(reply, &QNetworkReply::downloadProgress, this,
             [this](qint64 received, qint64) { this->received(received); });
     connect(reply, &QNetworkReply::finished, this, [this] {
-        uncount();
         connectTimer_.stop();
         inactivityTimer_.stop();
         windowTimer_.stop();
@@ -91,34 +57,10 @@ bool TransferWatchdog::sameServer(const QUrl& a, const QUrl& b) {
            a.port(-1) == b.port(-1);
 }
 
-TransferWatchdog::~TransferWatchdog() {
-    uncount();
-}
-
-bool TransferWatchdog::serverBusyWithOthers() const {
-    const auto server = activity().constFind(serverKey(server_));
-    return server != activity().cend() &&
-           (server->connectedTransfers > 0 || server->lastSignOfLife >= Clock::now() - limits_.connect);
-}
-
-void TransferWatchdog::noteSignOfLife() const {
-    activity()[serverKey(server_)].lastSignOfLife = Clock::now();
-}
-
-void TransferWatchdog::uncount() {
-    if (countedAt_.isEmpty())
-        return;
-    --activity()[countedAt_].connectedTransfers;
-    countedAt_.clear();
-}
-
 void TransferWatchdog::connected() {
     if (connected_ || reply_->isFinished())
         return;
     connected_ = true;
-    countedAt_ = serverKey(server_);
-    ++activity()[countedAt_].connectedTransfers;
-    noteSignOfLife();
     connectTimer_.stop();
     inactivityTimer_.start(limits_.inactivity);
     bytesAtWindowStart_ = totalBytes_;
@@ -130,7 +72,6 @@ void TransferWatchdog::received(qint64 progress) {
     const qint64 fresh = progress >= lastProgress_ ? progress - lastProgress_ : progress;
     lastProgress_ = progress;
     if (fresh > 0) {
-        noteSignOfLife();
         totalBytes_ += fresh;
         if (!reply_->isFinished())
             inactivityTimer_.start(limits_.inactivity);

@@ -17,12 +17,6 @@ class QNetworkReply;
 // transfer outlasts its deadline. The owner of the transfer may also stop it through giveUp()
 // for a reason of its own (a body too large). Lives as a child of the reply it watches, so it
 // never outlives it.
-//
-// A request Qt holds back because every connection it allows to the server is busy has not begun
-// to connect: while other transfers to the same server are under way on a connection made, or
-// the server showed one of them a sign of life within the connect limit, its connect limit starts
-// again instead of running out. Against a server that shows nothing, every request still ends at
-// the connect limit.
 class TransferWatchdog : public QObject {
     Q_OBJECT
 
@@ -39,24 +33,17 @@ public:
 
     TransferWatchdog(QNetworkReply* reply, Limits limits);
     explicit TransferWatchdog(QNetworkReply* reply) : TransferWatchdog(reply, Limits{}) {}
-    ~TransferWatchdog() override;
 
     // Why the watchdog aborted the transfer, or nothing when it did not.
     const std::optional<QString>& abortReason() const { return abortReason_; }
     // True when it aborted because the connection was not made in time.
     bool connectTimedOut() const { return connectTimedOut_; }
-    // True once the server has shown anything of this transfer: its connection made, the request
-    // sent, an answer begun.
-    bool sawServer() const { return connected_; }
 
     // Aborts the transfer with `reason` unless it has already finished.
     void giveUp(const QString& reason);
 
 private:
     static bool sameServer(const QUrl& a, const QUrl& b);
-    bool serverBusyWithOthers() const;
-    void noteSignOfLife() const;
-    void uncount();
     void connected();
     void received(qint64 progress);
 
@@ -68,7 +55,6 @@ private:
     QTimer windowTimer_;
     QTimer deadlineTimer_;
     bool connected_ = false;
-    QString countedAt_; // the server this transfer counts as connected to, if any
     qint64 lastProgress_ = 0; // what the current hop reported; a redirect starts it again
     qint64 totalBytes_ = 0;   // every byte of every hop
     qint64 bytesAtWindowStart_ = 0;
