@@ -1,5 +1,7 @@
 #include "app/RepairCommand.h"
 
+#include "app/SavedBuildSelection.h"
+
 #include "net/HttpClient.h"
 #include "net/UnreachableHosts.h"
 #include "storage/BuildIndexes.h"
@@ -7,7 +9,6 @@
 #include "update/BuildRepair.h"
 
 #include <QCoreApplication>
-#include <QDir>
 
 #include <QCoroTask>
 
@@ -42,21 +43,16 @@ int repairSavedBuilds(const FileManager& files, const QString& version, std::FIL
 
     StorageLayout storage(files);
     const QString versionsRoot = storage.versionsRoot();
-    QStringList names = QDir(versionsRoot).entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
-    if (!version.isEmpty()) {
-        if (!names.contains(version)) {
-            std::fprintf(errors, "No saved build %s in %s.\n", qPrintable(version), qPrintable(versionsRoot));
-            return 1;
-        }
-        names = QStringList{version};
-    }
+    const std::optional<QStringList> names = selectSavedBuilds(versionsRoot, version, errors);
+    if (!names)
+        return 1;
     HttpClient http;
     UnreachableHosts unreachable; // one server that cannot be reached is not waited for per build
     http.rememberUnreachableIn(&unreachable);
     BuildRepair repair(InstallContext{files, http, storage.launcherRoot(), [](const QString&) {}, nullptr});
     const BuildIndexes indexes(storage.launcherRoot());
     int status = 0;
-    for (const QString& build : names) {
+    for (const QString& build : *names) {
         // A build installed from a release without chunks has no index to be repaired from.
         if (!indexes.read(versionsRoot + QLatin1Char('/') + build)) {
             std::fprintf(output, "%s: not checked, no index was kept for it\n", qPrintable(build));

@@ -1,5 +1,7 @@
 #include "app/VerifyCommand.h"
 
+#include "app/SavedBuildSelection.h"
+
 #include "formats/ChunkIndex.h"
 #include "storage/BuildCheck.h"
 #include "storage/BuildIndexes.h"
@@ -46,14 +48,10 @@ Verdict verifyOne(const BuildIndexes& indexes, const QString& version, const QSt
 int verifySavedBuilds(const FileManager& files, const QString& version, std::FILE* output, std::FILE* errors) {
     StorageLayout storage(files);
     const QDir versions(storage.versionsRoot());
-    QStringList names = versions.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name);
-    if (!version.isEmpty()) {
-        if (!names.contains(version)) {
-            std::fprintf(errors, "No saved build %s in %s.\n", qPrintable(version), qPrintable(versions.path()));
-            return 1;
-        }
-        names = QStringList{version};
-    }
+    const std::optional<QStringList> selected = selectSavedBuilds(versions.path(), version, errors);
+    if (!selected)
+        return 1;
+    const QStringList& names = *selected;
     const BuildIndexes indexes(storage.launcherRoot());
     int status = 0;
     for (const QString& name : names) {
