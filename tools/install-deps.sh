@@ -9,7 +9,7 @@ packages="cmake g++ make pkg-config git
   qt6-qpa-plugins libgl-dev fonts-dejavu-core
   nginx-light curl ca-certificates util-linux xvfb xauth x11-utils libxtst6 openbox desktop-file-utils xdg-utils
   appstream libglib2.0-bin dbus-daemon python3
-  debootstrap debian-archive-keyring"
+  debootstrap debian-archive-keyring rclone"
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 missing=""

@@ -84,6 +84,14 @@ Run publishWithChunks(const QString& documentRoot, const QString& store, const Q
                 manifest});
 }
 
+void makeSmallGame(const QString& folder, const QString& version) {
+    TestFiles::makeFolder(folder);
+    QFile::copy(standinGame020(), folder + QStringLiteral("/zentho"));
+    QByteArray data = TestFiles::randomBytes(600000, 7);
+    data.replace(300000, version.size(), version.toUtf8());
+    TestFiles::writeFile(folder + QStringLiteral("/data.bin"), data);
+}
+
 QString missingFromTheBuild() {
     if (!QFileInfo::exists(LauncherBundles::releaseTool()))
         return QStringLiteral("zentho-release is not built");

@@ -57,6 +57,11 @@ QString testSealKeyNext();
 QString testManifestKey();     // private; ".pub" beside it
 QString testManifestKeyNext(); // private; ".pub" beside it
 
+// A game build of `version` in `folder`: the 0.2.0 stand-in as its program and 600 kB of data
+// in which only the version's own bytes differ from version to version, so a release packed
+// with chunks after another adds a chunk or two.
+void makeSmallGame(const QString& folder, const QString& version);
+
 // The stand-in game built as version 0.2.0, and the launcher bundle built as 0.2.0.
 QString standinGame020();
 QString launcherBundle020();

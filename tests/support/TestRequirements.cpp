@@ -38,6 +38,8 @@ QString missing(Need need) {
         return missingProgram(QStringLiteral("openbox"), QStringLiteral("openbox"));
     case Need::debootstrap:
         return missingProgram(QStringLiteral("debootstrap"), QStringLiteral("debootstrap"));
+    case Need::rclone:
+        return missingProgram(QStringLiteral("rclone"), QStringLiteral("rclone"));
     }
     return {};
 }

@@ -1,6 +1,8 @@
-// zentho-release publish: lays packed releases out in a folder exactly as the release server
-// serves them, in an order that never shows a launcher a manifest whose archive is not there yet.
+// zentho-release publish: lays packed releases out in a folder, or on a remote through rclone,
+// exactly as the release server serves them, in an order that never shows a launcher a manifest
+// whose archive is not there yet.
 
+#include "PublishTarget.h"
 #include "ReleaseCheck.h"
 #include "ReleaseCommand.h"
 #include "ReleaseFiles.h"
@@ -22,8 +24,9 @@
 namespace {
 
 const char kUsage[] =
-    "usage: zentho-release publish --to DIR [--dry-run] [--allow-downgrade] [--key PUBLIC_KEY]...\n"
-    "                              [--manifest-key PUBLIC_KEY]... [--chunks STORE_DIR] MANIFEST...\n"
+    "usage: zentho-release publish (--to DIR | --to-remote REMOTE [--rclone PROGRAM]) [--dry-run]\n"
+    "                              [--allow-downgrade] [--key PUBLIC_KEY]... [--manifest-key PUBLIC_KEY]...\n"
+    "                              [--chunks STORE_DIR] MANIFEST...\n"
     "\n"
     "Publishes the releases that \"zentho-release pack\" wrote (each MANIFEST with its archive,\n"
     "named by its url, and its MANIFEST.sig beside it) into DIR, laid out as the release server\n"
@@ -48,17 +51,24 @@ const char kUsage[] =
     "the one published for its platform: every launcher installs whatever version its manifest\n"
     "names, so that would roll every player back. --allow-downgrade publishes it all the same,\n"
     "with a warning, for a rollback that is meant.\n"
+    "With --to-remote REMOTE (\"name:path\" as rclone spells it: an S3, R2, GCS or B2 bucket,\n"
+    "WebDAV, SFTP...) the same files go there in the same order, each by one rclone upload\n"
+    "(rclone from PATH, or --rclone PROGRAM, with its own configuration). A chunk already there\n"
+    "with its store file's size is kept; an archive or index already there is read back once to\n"
+    "compare. A publish that fails part-way leaves the old manifests in place; run it again to\n"
+    "finish.\n"
     "Prints one line per file: chunks: (how many copied and kept), index:, archive:,\n"
     "signature:, manifest: (\"kept\" for a file that is already in place). --dry-run checks and\n"
     "prints, and writes nothing.\n";
 
 struct Placement {
     CheckedRelease release;
-    QString archive;   // in DIR
-    QString manifest;  // in DIR
-    QString signature; // in DIR
+    // Where each file goes, relative to the document root.
+    QString archive;
+    QString manifest;
+    QString signature;
     bool archiveThere = false;
-    // With chunks: the index in DIR, the store's folder in DIR and the chunks to lay out there.
+    // With chunks: the index, the store's folder and the chunks to lay out there.
     QString index;
     bool indexThere = false;
     QString store;
@@ -66,9 +76,9 @@ struct Placement {
     qint64 chunksKept = 0;       // sound chunks already there
 };
 
-// DIR + the url's path, where `what` ("an archive") is published; refused when the path could
-// point anywhere else. A folder's url may end with "/"; a file's may not.
-QString destination(const QString& root, const QUrl& url, const char* what, bool folder = false) {
+// The url's path relative to the document root, where `what` ("an archive") is published;
+// refused when the path could point anywhere else. A folder's url may end with "/"; a file's may not.
+QString destination(const QUrl& url, const char* what, bool folder = false) {
     const QString path = url.path(QUrl::FullyDecoded);
     const QStringList parts = path.split(QLatin1Char('/'), Qt::SkipEmptyParts);
     if (!path.startsWith(QLatin1Char('/')) || parts.isEmpty() || (!folder && path.endsWith(QLatin1Char('/'))) ||
@@ -76,33 +86,20 @@ QString destination(const QString& root, const QUrl& url, const char* what, bool
         path.contains(QLatin1Char('\n')) || path.contains(QLatin1Char('\\')))
         throw std::runtime_error("the url " + url.toString().toStdString() +
                                  " has no path " + what + " can be published at");
-    return root + QLatin1Char('/') + parts.join(QLatin1Char('/'));
+    return parts.join(QLatin1Char('/'));
 }
 
-// True when DIR already holds `path` with exactly the content named `sha256`, false when it
-// holds nothing there; throws when it holds something else, which is never replaced.
-bool alreadyPublished(const QString& path, const QString& sha256, const char* what) {
-    const QFileInfo published(path);
-    if (!published.exists())
+// True when the target already holds `path` with exactly the content named `sha256`, false when
+// it holds nothing there; throws when it holds something else, which is never replaced.
+bool alreadyPublished(PublishTarget& target, const QString& path, const QString& sha256, const char* what) {
+    const std::optional<QString> published = target.sha256(path);
+    if (!published)
         return false;
-    if (!published.isFile() || ReleaseFiles::sha256OfFile(path) != sha256.toLower())
-        throw std::runtime_error(path.toStdString() + " is already published with other content; a published " +
-                                 what + " is never replaced (pack the release under a new version)");
+    if (*published != sha256.toLower())
+        throw std::runtime_error(target.name(path).toStdString() +
+                                 " is already published with other content; a published " + what +
+                                 " is never replaced (pack the release under a new version)");
     return true;
-}
-
-// A chunk already on the server is kept when it is sound; a damaged one is replaced by the
-// store's, which has the same name and so the same content.
-bool soundChunk(const QString& path, const ChunkRef& chunk) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return false;
-    try {
-        ChunkStore::decode(file.readAll(), chunk.size, chunk.sha256);
-        return true;
-    } catch (const ChunkStoreError&) {
-        return false;
-    }
 }
 
 ReleaseManifest readManifest(const QString& manifestPath) {
@@ -115,11 +112,12 @@ ReleaseManifest readManifest(const QString& manifestPath) {
 
 // The version the release server now names for the platform whose manifest is at
 // `publishedManifest`; nothing when none is published there, or what is there does not decode.
-std::optional<QString> publishedVersion(const QString& publishedManifest) {
-    if (!QFileInfo::exists(publishedManifest))
+std::optional<QString> publishedVersion(PublishTarget& target, const QString& publishedManifest) {
+    const std::optional<QByteArray> published = target.read(publishedManifest);
+    if (!published)
         return std::nullopt;
     try {
-        return ReleaseManifest::decode(ReleaseFiles::readFile(publishedManifest)).version;
+        return ReleaseManifest::decode(*published).version;
     } catch (const ManifestDecodingError&) {
         return std::nullopt;
     }
@@ -127,8 +125,8 @@ std::optional<QString> publishedVersion(const QString& publishedManifest) {
 
 // A lower version than the published one is installed by every launcher all the same (the
 // server's version always wins), which rolls every player back: refused unless meant.
-void checkNotADowngrade(const Placement& placement, bool allowed) {
-    const std::optional<QString> published = publishedVersion(placement.manifest);
+void checkNotADowngrade(PublishTarget& target, const Placement& placement, bool allowed) {
+    const std::optional<QString> published = publishedVersion(target, placement.manifest);
     const QString& version = placement.release.manifest.version;
     if (!published || compareVersionsNumerically(version, *published) >= 0)
         return;
@@ -140,7 +138,7 @@ void checkNotADowngrade(const Placement& placement, bool allowed) {
     std::fprintf(stderr, "zentho-release publish: warning: %s\n", what.c_str());
 }
 
-Placement place(const QString& root, const QString& manifestPath, const ReleaseCheckKeys& keys,
+Placement place(PublishTarget& target, const QString& manifestPath, const ReleaseCheckKeys& keys,
                 const QString& chunkStore) {
     // The archive sits beside its manifest under the name its url gives it.
     const ReleaseManifest given = readManifest(manifestPath);
@@ -156,34 +154,35 @@ Placement place(const QString& root, const QString& manifestPath, const ReleaseC
         QFileInfo(manifestPath).absolutePath() + QLatin1Char('/') + given.url.fileName(), keys,
         ReleaseChunkFiles{QString(), checkChunks ? chunkStore : QString()});
     const ReleaseManifest& manifest = placement.release.manifest;
-    placement.manifest = root + QStringLiteral("/release/") + manifest.platform + QStringLiteral("-manifest.json");
+    placement.manifest = QStringLiteral("release/") + manifest.platform + QStringLiteral("-manifest.json");
     placement.signature = placement.manifest + QStringLiteral(".sig");
-    placement.archive = destination(root, manifest.url, "an archive");
+    placement.archive = destination(manifest.url, "an archive");
     if (placement.archive == placement.manifest || placement.archive == placement.signature)
         throw std::runtime_error("the url " + manifest.url.toString().toStdString() +
                                  " names the manifest's own place");
-    placement.archiveThere = alreadyPublished(placement.archive, manifest.sha256, "archive");
+    placement.archiveThere = alreadyPublished(target, placement.archive, manifest.sha256, "archive");
     if (manifest.chunks) {
-        placement.index = destination(root, manifest.chunks->index, "a chunk index");
-        placement.store = destination(root, manifest.chunks->store, "a chunk store", true);
+        placement.index = destination(manifest.chunks->index, "a chunk index");
+        placement.store = destination(manifest.chunks->store, "a chunk store", true);
         if (placement.index == placement.manifest || placement.index == placement.signature ||
             placement.index == placement.archive)
             throw std::runtime_error("the chunk index's url " + manifest.chunks->index.toString().toStdString() +
                                      " names the place of another file of the release");
-        placement.indexThere = alreadyPublished(placement.index, manifest.chunks->sha256, "chunk index");
+        placement.indexThere = alreadyPublished(target, placement.index, manifest.chunks->sha256, "chunk index");
         std::set<QString> names;
         for (const ChunkIndexEntry& entry : placement.release.index->entries) {
             for (const ChunkRef& chunk : entry.chunks) {
-                if (names.insert(chunk.sha256).second && !soundChunk(placement.store + QLatin1Char('/') +
-                                                                         ChunkStore::relativePath(chunk.sha256),
-                                                                     chunk))
-                    placement.chunks.push_back(chunk.sha256);
+                const QString relative = ChunkStore::relativePath(chunk.sha256);
+                if (names.insert(chunk.sha256).second &&
+                    !target.holdsChunk(placement.store + QLatin1Char('/') + relative,
+                                       chunkStore + QLatin1Char('/') + relative, chunk.size, chunk.sha256))
+                    placement.chunks.push_back(relative);
             }
         }
         placement.chunksKept = qint64(names.size() - placement.chunks.size());
     }
-    if (!placement.release.signaturePath && QFileInfo::exists(placement.signature))
-        throw std::runtime_error(placement.manifest.toStdString() +
+    if (!placement.release.signaturePath && target.read(placement.signature))
+        throw std::runtime_error(target.name(placement.manifest).toStdString() +
                                  " is published signed and " + manifestPath.toStdString() +
                                  " is not; launchers that require signed manifests would refuse "
                                  "it (pack with --sign-key)");
@@ -191,16 +190,20 @@ Placement place(const QString& root, const QString& manifestPath, const ReleaseC
 }
 
 int runPublish(const std::vector<std::string>& arguments) {
-    const ReleaseOptions options(arguments, {"--to", "--key", "--manifest-key", "--chunks"},
+    const ReleaseOptions options(arguments, {"--to", "--to-remote", "--rclone", "--key", "--manifest-key", "--chunks"},
                                  {"--dry-run", "--allow-downgrade"});
     const QString chunkStore = QString::fromStdString(options.one("--chunks").value_or(std::string()));
-    const QString to = QString::fromStdString(options.required("--to", "DIR"));
+    const std::optional<std::string> to = options.one("--to");
+    const std::optional<std::string> remote = options.one("--to-remote");
+    if (to.has_value() == remote.has_value())
+        throw UsageError("give either --to DIR or --to-remote REMOTE");
+    if (options.one("--rclone") && !remote)
+        throw UsageError("--rclone goes with --to-remote");
     if (options.operands().empty())
         throw UsageError("give at least one MANIFEST");
     const ReleaseCheckKeys keys{
         ReleaseKeys::chosen(options.all("--key"), ReleaseKeys::builtInSealKeys()),
         ReleaseKeys::chosen(options.all("--manifest-key"), ReleaseKeys::builtInManifestKeys())};
-    const QString root = QDir::cleanPath(QFileInfo(to).absoluteFilePath());
 
     std::set<QString> platforms;
     for (const std::string& manifest : options.operands()) {
@@ -208,12 +211,16 @@ int runPublish(const std::vector<std::string>& arguments) {
         if (!platforms.insert(platform).second)
             throw UsageError("two manifests for " + platform.toStdString());
     }
+    const std::unique_ptr<PublishTarget> target =
+        to ? PublishTarget::folder(QDir::cleanPath(QFileInfo(QString::fromStdString(*to)).absoluteFilePath()))
+           : PublishTarget::rclone(QString::fromStdString(*remote),
+                                   QString::fromStdString(options.one("--rclone").value_or("rclone")));
     // Everything is checked before the first byte is written.
     std::vector<Placement> placements;
     for (const std::string& manifest : options.operands())
-        placements.push_back(place(root, QString::fromStdString(manifest), keys, chunkStore));
+        placements.push_back(place(*target, QString::fromStdString(manifest), keys, chunkStore));
     for (const Placement& placement : placements)
-        checkNotADowngrade(placement, options.has("--allow-downgrade"));
+        checkNotADowngrade(*target, placement, options.has("--allow-downgrade"));
     const bool dryRun = options.has("--dry-run");
 
     // What a manifest names must be in place before the manifest: chunks before the index that
@@ -221,31 +228,29 @@ int runPublish(const std::vector<std::string>& arguments) {
     for (const Placement& placement : placements) {
         if (!placement.release.indexPath)
             continue;
-        for (const QString& chunk : placement.chunks) {
-            if (!dryRun)
-                ReleaseFiles::copyFileDurably(chunkStore + QLatin1Char('/') + ChunkStore::relativePath(chunk),
-                                              placement.store + QLatin1Char('/') + ChunkStore::relativePath(chunk));
-        }
-        std::printf("chunks: %s (%lld copied, %lld kept)\n", qPrintable(placement.store),
+        if (!dryRun)
+            target->putAll(chunkStore, placement.chunks, placement.store);
+        std::printf("chunks: %s (%lld copied, %lld kept)\n", qPrintable(target->name(placement.store)),
                     static_cast<long long>(placement.chunks.size()), static_cast<long long>(placement.chunksKept));
         if (!dryRun && !placement.indexThere)
-            ReleaseFiles::copyFileDurably(*placement.release.indexPath, placement.index);
-        std::printf("index: %s%s\n", qPrintable(placement.index), placement.indexThere ? " (kept)" : "");
+            target->put(*placement.release.indexPath, placement.index);
+        std::printf("index: %s%s\n", qPrintable(target->name(placement.index)), placement.indexThere ? " (kept)" : "");
     }
     for (const Placement& placement : placements) {
         if (!dryRun && !placement.archiveThere)
-            ReleaseFiles::copyFileDurably(placement.release.archivePath, placement.archive);
-        std::printf("archive: %s%s\n", qPrintable(placement.archive), placement.archiveThere ? " (kept)" : "");
+            target->put(placement.release.archivePath, placement.archive);
+        std::printf("archive: %s%s\n", qPrintable(target->name(placement.archive)),
+                    placement.archiveThere ? " (kept)" : "");
     }
     for (const Placement& placement : placements) {
         if (placement.release.signaturePath) {
             if (!dryRun)
-                ReleaseFiles::copyFileDurably(*placement.release.signaturePath, placement.signature);
-            std::printf("signature: %s\n", qPrintable(placement.signature));
+                target->put(*placement.release.signaturePath, placement.signature);
+            std::printf("signature: %s\n", qPrintable(target->name(placement.signature)));
         }
         if (!dryRun)
-            ReleaseFiles::copyFileDurably(placement.release.manifestPath, placement.manifest);
-        std::printf("manifest: %s\n", qPrintable(placement.manifest));
+            target->put(placement.release.manifestPath, placement.manifest);
+        std::printf("manifest: %s\n", qPrintable(target->name(placement.manifest)));
     }
     if (dryRun)
         std::printf("dry run: nothing was written\n");
@@ -254,5 +259,5 @@ int runPublish(const std::vector<std::string>& arguments) {
 
 } // namespace
 
-const ReleaseCommand publishCommand{"publish", "lay releases out as the server serves them, manifests last",
+const ReleaseCommand publishCommand{"publish", "lay releases out as the server serves them (a folder or a remote), manifests last",
                                     kUsage, &runPublish};
