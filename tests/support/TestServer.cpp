@@ -17,6 +17,8 @@
 #include <csignal>
 #include <memory>
 #include <stdexcept>
+#include <algorithm>
+#include <array>
 
 #include <sys/prctl.h>
 
@@ -91,13 +93,16 @@ const Certificates& certificates() {
     return *made;
 }
 
-// Two distinct free loopback ports, released just before nginx binds them.
-std::pair<quint16, quint16> twoFreePorts() {
-    QTcpServer first;
-    QTcpServer second;
-    if (!first.listen(QHostAddress::LocalHost) || !second.listen(QHostAddress::LocalHost))
-        fail(QStringLiteral("no free loopback port"));
-    return {first.serverPort(), second.serverPort()};
+// Five distinct free loopback ports, released just before nginx binds them.
+std::array<quint16, 5> fiveFreePorts() {
+    std::array<QTcpServer, 5> probes;
+    std::array<quint16, 5> ports{};
+    for (std::size_t i = 0; i < probes.size(); ++i) {
+        if (!probes[i].listen(QHostAddress::LocalHost))
+            fail(QStringLiteral("no free loopback port"));
+        ports[i] = probes[i].serverPort();
+    }
+    return ports;
 }
 
 bool accepts(quint16 port) {
@@ -137,7 +142,12 @@ TestServer::~TestServer() {
 }
 
 bool TestServer::tryStart(QString& failure) {
-    std::tie(httpsPort_, httpPort_) = twoFreePorts();
+    const std::array<quint16, 5> ports = fiveFreePorts();
+    httpsPort_ = ports[0];
+    httpPort_ = ports[1];
+    originPort_ = ports[2];
+    edgePort_ = ports[3];
+    bareEdgePort_ = ports[4];
     const QString conf = prefix_.filePath(QStringLiteral("nginx.conf"));
     writeText(conf, configuration().toUtf8());
     writeText(prefix_.filePath(QStringLiteral("fixtures/truncated.bin")),
@@ -160,7 +170,7 @@ bool TestServer::tryStart(QString& failure) {
             failure = QString::fromLocal8Bit(nginx_.readAll()) + errorLog();
             return false;
         }
-        if (accepts(httpsPort_) && accepts(httpPort_))
+        if (std::all_of(ports.begin(), ports.end(), accepts))
             return true;
     }
     failure = QStringLiteral("nginx did not listen within a minute: ") + errorLog();
@@ -212,6 +222,21 @@ QString TestServer::configuration() const {
     }
 
     const Certificates& certs = certificates();
+    const QString tls = "        ssl_certificate " + certs.serverCertificate() + ";\n"
+                        "        ssl_certificate_key " + certs.serverKey() + ";\n"
+                        "        ssl_protocols TLSv1.2 TLSv1.3;\n";
+    // A CDN's stand-in: a cache that keeps what the origin's headers allow and, where they say
+    // nothing, every answer for ten minutes, "not found" included.
+    const auto edge = [&](quint16 port, quint16 origin) {
+        return "    server {\n"
+               "        listen " + loopback + ":" + QString::number(port) + " ssl;\n" + tls +
+               "        location / {\n"
+               "            proxy_pass http://" + loopback + ":" + QString::number(origin) + ";\n"
+               "            proxy_cache edge; proxy_cache_lock on; proxy_cache_valid any 10m;\n"
+               "            proxy_http_version 1.1; add_header X-Cache-Status $upstream_cache_status;\n"
+               "        }\n"
+               "    }\n";
+    };
     return "load_module " + echoModule + ";\n"
            "daemon off;\n"
            "master_process off;\n"
@@ -228,11 +253,16 @@ QString TestServer::configuration() const {
            "    uwsgi_temp_path " + root + "/tmp/uwsgi;\n"
            "    scgi_temp_path " + root + "/tmp/scgi;\n"
            "    default_type application/octet-stream;\n"
+           "    proxy_cache_path " + root + "/cache keys_zone=edge:4m levels=1:2 use_temp_path=off;\n"
            "    server {\n"
-           "        listen " + loopback + ":" + QString::number(httpsPort_) + " ssl;\n"
-           "        ssl_certificate " + certs.serverCertificate() + ";\n"
-           "        ssl_certificate_key " + certs.serverKey() + ";\n"
-           "        ssl_protocols TLSv1.2 TLSv1.3;\n"
+           "        listen " + loopback + ":" + QString::number(originPort_) + ";\n"
+           "        access_log " + root + "/logs/origin.log served;\n"
+           "        root " + root + "/www;\n"
+           "        include " ZENTHO_RELEASE_CACHE_CONF ";\n"
+           "    }\n" +
+           edge(edgePort_, originPort_) + edge(bareEdgePort_, httpPort_) +
+           "    server {\n"
+           "        listen " + loopback + ":" + QString::number(httpsPort_) + " ssl;\n" + tls +
            // The size nginx announces comes from its file cache, primed while the file is
            // whole; the file is then cut, so the body ends early on a live connection.
            "        location = /truncated {\n"
@@ -274,6 +304,14 @@ QUrl TestServer::url(const QString& path) const {
 
 QUrl TestServer::httpUrl(const QString& path) const {
     return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(httpPort_).arg(path));
+}
+
+QUrl TestServer::edgeUrl(const QString& path) const {
+    return QUrl(QStringLiteral("https://127.0.0.1:%1%2").arg(edgePort_).arg(path));
+}
+
+QUrl TestServer::bareEdgeUrl(const QString& path) const {
+    return QUrl(QStringLiteral("https://127.0.0.1:%1%2").arg(bareEdgePort_).arg(path));
 }
 
 QString TestServer::documentRoot() const {
@@ -322,6 +360,13 @@ QStringList TestServer::commandTrustingCa(const QString& program,
                         trustedCertFolder(),
                         program};
     return command + arguments;
+}
+
+QString TestServer::originLog() const {
+    QFile file(prefix_.filePath(QStringLiteral("logs/origin.log")));
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromLocal8Bit(file.readAll());
 }
 
 QString TestServer::accessLog() const {

@@ -39,6 +39,13 @@ class FaultServer;
 //   /truncated              status 200, Content-Length 1048576, connection closed after at
 //                           most truncatedBytesOnDisk() bytes of body
 //
+// edgeUrl(<path>) reaches the same documentRoot() through a CDN's stand-in (nginx proxy_cache,
+// HTTPS) in front of an origin that sends the release server's cache headers
+// (tools/nginx/release-cache.conf) and logs to originLog(); bareEdgeUrl(<path>) through the same
+// cache in front of the plain listener, which sends none. The cache keeps what the origin's
+// Cache-Control allows and, where it says nothing, every answer for ten minutes, "not found"
+// included, as CDNs do by default; X-Cache-Status says HIT, MISS...
+//
 // Trust: a unit test calls trustInThisProcess() (adds the CA to Qt's default SSL
 // configuration). A real binary is run with commandTrustingCa(): under `unshare -m` with a
 // prepared folder bind-mounted over /etc/ssl/certs (the CA, its `openssl rehash` link and a
@@ -56,6 +63,8 @@ public:
     // `path` starts with "/".
     QUrl url(const QString& path) const;
     QUrl httpUrl(const QString& path) const;
+    QUrl edgeUrl(const QString& path) const;
+    QUrl bareEdgeUrl(const QString& path) const;
     quint16 httpsPort() const { return httpsPort_; }
     quint16 httpPort() const { return httpPort_; }
 
@@ -82,6 +91,8 @@ public:
     // nginx's access log so far: one line per request, with its request line, status, body
     // bytes sent, Range and If-Range.
     QString accessLog() const;
+    // The access log of the origin behind /edge/, in the same form.
+    QString originLog() const;
     // Returns once the access log holds the line of every request nginx answered before the call.
     // A client has an answer as soon as nginx has sent it, but nginx writes the line only after
     // that, so right after a transfer its line may be missing yet; this sends a request of its own
@@ -110,4 +121,7 @@ private:
     QProcess nginx_;
     quint16 httpsPort_ = 0;
     quint16 httpPort_ = 0;
+    quint16 originPort_ = 0;
+    quint16 edgePort_ = 0;
+    quint16 bareEdgePort_ = 0;
 };
