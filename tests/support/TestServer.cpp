@@ -113,7 +113,8 @@ bool accepts(quint16 port) {
 
 } // namespace
 
-TestServer::TestServer() : fault_(std::make_unique<FaultServer>()) {
+TestServer::TestServer(int originConnections)
+    : fault_(std::make_unique<FaultServer>()), originConnections_(originConnections) {
     if (!prefix_.isValid())
         fail(QStringLiteral("no temporary folder for nginx"));
     for (const char* sub : {"logs", "tmp", "www", "fixtures"})
@@ -254,11 +255,15 @@ QString TestServer::configuration() const {
            "    scgi_temp_path " + root + "/tmp/scgi;\n"
            "    default_type application/octet-stream;\n"
            "    proxy_cache_path " + root + "/cache keys_zone=edge:4m levels=1:2 use_temp_path=off;\n"
+           "    include " ZENTHO_RELEASE_CACHE_CONF ";\n"
+           "    limit_conn_zone $server_port zone=origin:1m;\n"
            "    server {\n"
            "        listen " + loopback + ":" + QString::number(originPort_) + ";\n"
            "        access_log " + root + "/logs/origin.log served;\n"
            "        root " + root + "/www;\n"
-           "        include " ZENTHO_RELEASE_CACHE_CONF ";\n"
+           "        add_header Cache-Control $zentho_cache_control always;\n" +
+           (originConnections_ > 0 ? "        limit_conn origin " + QString::number(originConnections_) + ";\n"
+                                   : QString()) +
            "    }\n" +
            edge(edgePort_, originPort_) + edge(bareEdgePort_, httpPort_) +
            "    server {\n"

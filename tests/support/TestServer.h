@@ -41,7 +41,8 @@ class FaultServer;
 //
 // edgeUrl(<path>) reaches the same documentRoot() through a CDN's stand-in (nginx proxy_cache,
 // HTTPS) in front of an origin that sends the release server's cache headers
-// (tools/nginx/release-cache.conf) and logs to originLog(); bareEdgeUrl(<path>) through the same
+// (tools/nginx/release-cache.conf) and logs to originLog(), answering 503 beyond
+// `originConnections` connections at once when that is given; bareEdgeUrl(<path>) through the same
 // cache in front of the plain listener, which sends none. The cache keeps what the origin's
 // Cache-Control allows and, where it says nothing, every answer for ten minutes, "not found"
 // included, as CDNs do by default; X-Cache-Status says HIT, MISS...
@@ -55,7 +56,7 @@ class FaultServer;
 // it.
 class TestServer {
 public:
-    TestServer();
+    explicit TestServer(int originConnections = 0);
     ~TestServer();
     TestServer(const TestServer&) = delete;
     TestServer& operator=(const TestServer&) = delete;
@@ -121,6 +122,7 @@ private:
     QProcess nginx_;
     quint16 httpsPort_ = 0;
     quint16 httpPort_ = 0;
+    int originConnections_ = 0;
     quint16 originPort_ = 0;
     quint16 edgePort_ = 0;
     quint16 bareEdgePort_ = 0;
