@@ -247,6 +247,41 @@ private slots:
         }
     }
 
+    // A release's version names its content: the same version with other content is refused
+    // even where its archive would land under another name.
+    void theSameVersionWithOtherContentIsRefusedUnderAnyUrl() {
+        const QString www = path(QStringLiteral("www"));
+        const QString release = www + QStringLiteral("/release");
+        QVERIFY(publish(www, {packGame(QStringLiteral("0.2.0"), QStringLiteral("https://h.invalid/release"))}).ok());
+        const QByteArray published = TestFiles::readFile(release + QStringLiteral("/macos-arm64-manifest.json"));
+
+        TestFiles::writeFile(path(QStringLiteral("game-0.2.0/notes.txt")), "other content\n");
+        const Run other = ReleaseTool::packGame(path(QStringLiteral("game-0.2.0")), QStringLiteral("0.2.0"),
+                                                QStringLiteral("https://h.invalid/release/again"),
+                                                path(QStringLiteral("dist-other")));
+        QVERIFY2(other.ok(), other.errors.constData());
+        const Run refused = publish(www, {other.line(QStringLiteral("manifest"))});
+        QCOMPARE(refused.exitCode, 1);
+        QCOMPARE(refused.errors, QByteArray("zentho-release publish: macos-arm64 0.2.0 is already published with other "
+                                            "content; a published release is never replaced (pack the release under "
+                                            "a new version)\n"));
+        QCOMPARE(TestFiles::readFile(release + QStringLiteral("/macos-arm64-manifest.json")), published);
+        QVERIFY(!QFileInfo::exists(release + QStringLiteral("/again")));
+    }
+    // The twin: the same content under another url is the same release, and goes out.
+    void theSameReleaseUnderAnotherUrlIsPublished() {
+        const QString www = path(QStringLiteral("www"));
+        QVERIFY(publish(www, {packGame(QStringLiteral("0.2.0"), QStringLiteral("https://h.invalid/release"))}).ok());
+        const Run moved = ReleaseTool::packGame(path(QStringLiteral("game-0.2.0")), QStringLiteral("0.2.0"),
+                                                QStringLiteral("https://h.invalid/release/again"),
+                                                path(QStringLiteral("dist-moved")));
+        QVERIFY2(moved.ok(), moved.errors.constData());
+        const Run published = publish(www, {moved.line(QStringLiteral("manifest"))});
+        QVERIFY2(published.ok(), published.errors.constData());
+        QCOMPARE(TestFiles::readFile(www + QStringLiteral("/release/macos-arm64-manifest.json")),
+                 TestFiles::readFile(moved.line(QStringLiteral("manifest"))));
+    }
+
     void aDryRunWritesNothing() {
         const QString www = path(QStringLiteral("www"));
         const Run dry = publish(www, {packGame(QStringLiteral("0.2.0"), QStringLiteral("https://h.invalid/release"))},

@@ -45,8 +45,10 @@ const char kUsage[] =
     "and no manifest ever names an archive that is not in place. Archives of earlier releases\n"
     "stay: a launcher still downloading one keeps its file.\n"
     "\n"
-    "Refused: an archive or chunk index already in DIR with other content (neither is ever\n"
-    "replaced; pack under a new version), an unsigned manifest where a signed one is published,\n"
+    "Refused: an archive or chunk index already in DIR with other content, and a release of the\n"
+    "version published for its platform with other content under any url (neither is ever\n"
+    "replaced; pack under a new version, and for a launcher build it again with that version\n"
+    "first), an unsigned manifest where a signed one is published,\n"
     "two manifests for one platform, a url whose path could leave DIR, and a version lower than\n"
     "the one published for its platform: every launcher installs whatever version its manifest\n"
     "names, so that would roll every player back. --allow-downgrade publishes it all the same,\n"
@@ -89,16 +91,25 @@ QString destination(const QUrl& url, const char* what, bool folder = false) {
     return parts.join(QLatin1Char('/'));
 }
 
+// What to do instead of replacing a published release of `platform`. A launcher's version is
+// built into it (pack checks its Info.json), so a new one means a new build.
+std::string underANewVersion(const QString& platform) {
+    return platform == QLatin1String(ReleaseFiles::kLauncherPlatform)
+               ? "build the launcher again with a new -DZENTHO_LAUNCHER_VERSION, then seal and pack that"
+               : "pack the release under a new version";
+}
+
 // True when the target already holds `path` with exactly the content named `sha256`, false when
 // it holds nothing there; throws when it holds something else, which is never replaced.
-bool alreadyPublished(PublishTarget& target, const QString& path, const QString& sha256, const char* what) {
+bool alreadyPublished(PublishTarget& target, const QString& path, const QString& sha256, const char* what,
+                      const QString& platform) {
     const std::optional<QString> published = target.sha256(path);
     if (!published)
         return false;
     if (*published != sha256.toLower())
         throw std::runtime_error(target.name(path).toStdString() +
                                  " is already published with other content; a published " + what +
-                                 " is never replaced (pack the release under a new version)");
+                                 " is never replaced (" + underANewVersion(platform) + ")");
     return true;
 }
 
@@ -110,30 +121,38 @@ ReleaseManifest readManifest(const QString& manifestPath) {
     }
 }
 
-// The version the release server now names for the platform whose manifest is at
-// `publishedManifest`; nothing when none is published there, or what is there does not decode.
-std::optional<QString> publishedVersion(PublishTarget& target, const QString& publishedManifest) {
+// The release the server now names for the platform whose manifest is at `publishedManifest`;
+// nothing when none is published there, or what is there does not decode.
+std::optional<ReleaseManifest> publishedRelease(PublishTarget& target, const QString& publishedManifest) {
     const std::optional<QByteArray> published = target.read(publishedManifest);
     if (!published)
         return std::nullopt;
     try {
-        return ReleaseManifest::decode(*published).version;
+        return ReleaseManifest::decode(*published);
     } catch (const ManifestDecodingError&) {
         return std::nullopt;
     }
 }
 
-// A lower version than the published one is installed by every launcher all the same (the
-// server's version always wins), which rolls every player back: refused unless meant.
-void checkNotADowngrade(PublishTarget& target, const Placement& placement, bool allowed) {
-    const std::optional<QString> published = publishedVersion(target, placement.manifest);
-    const QString& version = placement.release.manifest.version;
-    if (!published || compareVersionsNumerically(version, *published) >= 0)
+// Checks a release against the one published for its platform. The same version with other
+// content is refused whatever its url: launchers that have that version never take the new
+// content, and the rest get a build that differs from their friends' under the same name. A
+// lower version is installed by every launcher all the same (the server's version always wins),
+// which rolls every player back: refused unless meant.
+void checkAgainstPublished(PublishTarget& target, const Placement& placement, bool downgradeAllowed) {
+    const std::optional<ReleaseManifest> published = publishedRelease(target, placement.manifest);
+    if (!published)
         return;
-    const std::string what = placement.release.manifest.platform.toStdString() + " " +
-                             version.toStdString() + " is lower than the published " +
-                             published->toStdString() + "; every launcher would go back to it";
-    if (!allowed)
+    const ReleaseManifest& manifest = placement.release.manifest;
+    const std::string release = manifest.platform.toStdString() + " " + manifest.version.toStdString();
+    if (published->version == manifest.version && published->sha256.toLower() != manifest.sha256.toLower())
+        throw std::runtime_error(release + " is already published with other content; a published release is "
+                                           "never replaced (" + underANewVersion(manifest.platform) + ")");
+    if (compareVersionsNumerically(manifest.version, published->version) >= 0)
+        return;
+    const std::string what = release + " is lower than the published " + published->version.toStdString() +
+                             "; every launcher would go back to it";
+    if (!downgradeAllowed)
         throw std::runtime_error(what + " (give --allow-downgrade to roll back on purpose)");
     std::fprintf(stderr, "zentho-release publish: warning: %s\n", what.c_str());
 }
@@ -160,7 +179,7 @@ Placement place(PublishTarget& target, const QString& manifestPath, const Releas
     if (placement.archive == placement.manifest || placement.archive == placement.signature)
         throw std::runtime_error("the url " + manifest.url.toString().toStdString() +
                                  " names the manifest's own place");
-    placement.archiveThere = alreadyPublished(target, placement.archive, manifest.sha256, "archive");
+    placement.archiveThere = alreadyPublished(target, placement.archive, manifest.sha256, "archive", manifest.platform);
     if (manifest.chunks) {
         placement.index = destination(manifest.chunks->index, "a chunk index");
         placement.store = destination(manifest.chunks->store, "a chunk store", true);
@@ -168,7 +187,8 @@ Placement place(PublishTarget& target, const QString& manifestPath, const Releas
             placement.index == placement.archive)
             throw std::runtime_error("the chunk index's url " + manifest.chunks->index.toString().toStdString() +
                                      " names the place of another file of the release");
-        placement.indexThere = alreadyPublished(target, placement.index, manifest.chunks->sha256, "chunk index");
+        placement.indexThere = alreadyPublished(target, placement.index, manifest.chunks->sha256, "chunk index",
+                                                 manifest.platform);
         std::set<QString> names;
         for (const ChunkIndexEntry& entry : placement.release.index->entries) {
             for (const ChunkRef& chunk : entry.chunks) {
@@ -220,7 +240,7 @@ int runPublish(const std::vector<std::string>& arguments) {
     for (const std::string& manifest : options.operands())
         placements.push_back(place(*target, QString::fromStdString(manifest), keys, chunkStore));
     for (const Placement& placement : placements)
-        checkNotADowngrade(*target, placement, options.has("--allow-downgrade"));
+        checkAgainstPublished(*target, placement, options.has("--allow-downgrade"));
     const bool dryRun = options.has("--dry-run");
 
     // What a manifest names must be in place before the manifest: chunks before the index that

@@ -1,0 +1,202 @@
+// Release day: many real launchers (offscreen, each with its own data home and 0.3.0 installed)
+// press the button at once, all updating to 0.3.1 from chunks through a caching edge (nginx
+// proxy_cache, the CDN's stand-in) in front of an origin that sends the release server's cache
+// headers and takes only so many connections at once (nginx limit_conn: 503 beyond them).
+// Every launcher must end with 0.3.1 started or, where it was refused, with 0.3.0 started and
+// the update finished by its next press. Prints the time to game, what each started, the bytes
+// at the origin and at the edge, how often the origin served each chunk, and the failures.
+//
+//   BenchReleaseDay [LAUNCHERS=50] [ORIGIN_CONNECTIONS=8]
+
+#include "ChunkTraffic.h"
+#include "LauncherBundles.h"
+#include "Player.h"
+#include "RealLauncher.h"
+#include "ReleaseTool.h"
+#include "TestFiles.h"
+#include "TestServer.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QMap>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <numeric>
+#include <vector>
+
+namespace {
+
+const QString kNoLauncherUpdate = QStringLiteral("file:///dev/null/no-launcher-manifest.json");
+
+// 64 MiB in 64 files; 0.3.1 rewrites 64 KiB in each of 16 of them and adds a 2 MiB file.
+void makeGame(const QString& folder, bool patched) {
+    ReleaseTool::makeSmallGame(folder, patched ? QStringLiteral("0.3.1") : QStringLiteral("0.3.0"));
+    for (int i = 0; i < 64; ++i) {
+        QByteArray bytes = TestFiles::randomBytes(1 << 20, quint32(100 + i));
+        if (patched && i % 4 == 0)
+            bytes.replace(300000, 65536, TestFiles::randomBytes(65536, quint32(900 + i)));
+        TestFiles::writeFile(folder + QStringLiteral("/data/pack%1.bin").arg(i), bytes);
+    }
+    if (patched)
+        TestFiles::writeFile(folder + QStringLiteral("/data/new.bin"), TestFiles::randomBytes(2 << 20, 77));
+}
+
+struct LogTotals {
+    qint64 bytes = 0;
+    int unavailable = 0;                // answers 503
+    QMap<QString, int> chunkGets;       // GETs answered 200, by chunk path
+};
+
+LogTotals totalsOf(const QString& log) {
+    LogTotals totals;
+    for (const ChunkTraffic::Get& get : ChunkTraffic::getsIn(log)) {
+        totals.bytes += get.bytes;
+        if (get.status == 503)
+            ++totals.unavailable;
+        if (get.status == 200 && get.path.startsWith(QLatin1String("/chunks/")))
+            ++totals.chunkGets[get.path];
+    }
+    return totals;
+}
+
+double percentile(std::vector<double> values, double share) {
+    if (values.empty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    return values[std::min(values.size() - 1, std::size_t(share * double(values.size())))];
+}
+
+QString versionStartedIn(const QByteArray& record) {
+    const qsizetype cwd = record.indexOf("cwd=");
+    if (cwd < 0)
+        return {};
+    return QFileInfo(QFile::decodeName(record.mid(cwd + 4, record.indexOf('\n', cwd) - cwd - 4))).fileName();
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    const int launchers = argc > 1 ? std::max(1, std::atoi(argv[1])) : 50;
+    const int originConnections = argc > 2 ? std::max(1, std::atoi(argv[2])) : 8;
+    if (!ReleaseTool::missingFromTheBuild().isEmpty()) {
+        std::fprintf(stderr, "%s\n", qPrintable(ReleaseTool::missingFromTheBuild()));
+        return 1;
+    }
+    QTemporaryDir dir;
+    const auto path = [&](const QString& name) { return dir.filePath(name); };
+    TestServer server(originConnections);
+    const QString manifest = server.edgeUrl(QStringLiteral("/release/macos-arm64-manifest.json")).toString();
+    const auto release = [&](const QString& version, bool patched) {
+        makeGame(path(QStringLiteral("game-") + version), patched);
+        const ReleaseTool::Run packed = ReleaseTool::packGameWithChunks(
+            path(QStringLiteral("game-") + version), version, server.edgeUrl(QStringLiteral("/release")).toString(),
+            path(QStringLiteral("out-") + version), path(QStringLiteral("store")),
+            server.edgeUrl(QStringLiteral("/chunks")).toString());
+        const ReleaseTool::Run published = ReleaseTool::publishWithChunks(
+            server.documentRoot(), path(QStringLiteral("store")), packed.line(QStringLiteral("manifest")));
+        if (!packed.ok() || !published.ok()) {
+            std::fprintf(stderr, "publishing %s failed: %s%s\n", qPrintable(version), packed.errors.constData(),
+                         published.errors.constData());
+            std::exit(1);
+        }
+    };
+
+    release(QStringLiteral("0.3.0"), false);
+    std::fprintf(stderr, "installing 0.3.0 for %d launchers...\n", launchers);
+    for (int i = 0; i < launchers; ++i) {
+        const Player player(server, path(QStringLiteral("home-%1").arg(i)), manifest);
+        if (player.press() != player.storage().build(QStringLiteral("0.3.0"))) {
+            std::fprintf(stderr, "launcher %d did not install 0.3.0\n", i);
+            return 1;
+        }
+    }
+    release(QStringLiteral("0.3.1"), true);
+    const qsizetype originMark = server.originLog().size();
+    const qsizetype edgeMark = server.accessLog().size();
+
+    std::fprintf(stderr, "%d launchers press at once...\n", launchers);
+    std::vector<std::unique_ptr<RealLauncher>> running;
+    QElapsedTimer clock;
+    clock.start();
+    for (int i = 0; i < launchers; ++i) {
+        auto launcher = std::make_unique<RealLauncher>(LauncherBundles::builtBundle(), path(QStringLiteral("home-%1").arg(i)));
+        launcher->useManifests(manifest, kNoLauncherUpdate);
+        launcher->recordGameStartIn(path(QStringLiteral("record-%1").arg(i)));
+        launcher->start(server, QStringLiteral("zentho://invite/release-day"));
+        running.push_back(std::move(launcher));
+    }
+    std::vector<double> timeToGame(std::size_t(launchers), -1);
+    std::vector<QByteArray> records(std::size_t(launchers));
+    int waiting = launchers;
+    while (waiting > 0 && clock.elapsed() < 300000) {
+        for (int i = 0; i < launchers; ++i) {
+            if (!records[std::size_t(i)].isEmpty())
+                continue;
+            records[std::size_t(i)] = RealLauncher::waitForGameRecord(path(QStringLiteral("record-%1").arg(i)), 0);
+            if (!records[std::size_t(i)].isEmpty()) {
+                timeToGame[std::size_t(i)] = double(clock.elapsed()) / 1000;
+                --waiting;
+            }
+        }
+        QTest::qWait(20);
+    }
+    QMap<QString, int> started;
+    std::vector<double> times;
+    std::vector<int> heldBack;
+    for (int i = 0; i < launchers; ++i) {
+        const QByteArray& record = records[std::size_t(i)];
+        const QString version = record.isEmpty() ? QStringLiteral("nothing") : versionStartedIn(record);
+        ++started[version];
+        if (!record.isEmpty()) {
+            times.push_back(timeToGame[std::size_t(i)]);
+            RealLauncher::terminateAndCollect(RealLauncher::recordedPid(record));
+        }
+        running[std::size_t(i)]->waitForExit(60000);
+        if (version != QLatin1String("0.3.1"))
+            heldBack.push_back(i);
+    }
+    server.awaitLogged();
+    const LogTotals origin = totalsOf(server.originLog().mid(originMark));
+    const LogTotals edge = totalsOf(server.accessLog().mid(edgeMark));
+
+    // Those the rush held back finish on their next press.
+    int caughtUp = 0;
+    for (const int i : heldBack) {
+        const Player player(server, path(QStringLiteral("home-%1").arg(i)), manifest);
+        if (player.press() == player.storage().build(QStringLiteral("0.3.1")))
+            ++caughtUp;
+    }
+
+    int chunksServedTwice = 0;
+    int mostServed = 0;
+    for (const int count : origin.chunkGets) {
+        chunksServedTwice += count > 1;
+        mostServed = std::max(mostServed, count);
+    }
+    std::printf("launchers: %d pressing at once; origin takes %d connections at once\n", launchers, originConnections);
+    std::printf("time_to_game_s: median %.2f  p95 %.2f  worst %.2f\n", percentile(times, 0.5), percentile(times, 0.95),
+                times.empty() ? 0.0 : *std::max_element(times.begin(), times.end()));
+    for (auto it = started.cbegin(); it != started.cend(); ++it)
+        std::printf("started %s: %d\n", qPrintable(it.key()), it.value());
+    std::printf("held back and updated by the next press: %d of %d\n", caughtUp, int(heldBack.size()));
+    std::printf("bytes: edge sent %.1f MiB to launchers, origin sent %.1f MiB to the edge (edge/origin %.1f)\n",
+                double(edge.bytes) / (1 << 20), double(origin.bytes) / (1 << 20),
+                origin.bytes ? double(edge.bytes) / double(origin.bytes) : 0.0);
+    std::printf("chunks from the origin: %d distinct, at most %d times each, %d more than once\n",
+                int(origin.chunkGets.size()), mostServed, chunksServedTwice);
+    std::printf("chunk GETs at the edge: %d; answers 503: origin %d, edge %d\n",
+                int(std::accumulate(edge.chunkGets.cbegin(), edge.chunkGets.cend(), 0)), origin.unavailable,
+                edge.unavailable);
+    std::printf("failures: %d launchers started nothing, %d held back did not catch up\n",
+                started.value(QStringLiteral("nothing")), int(heldBack.size()) - caughtUp);
+    return started.value(QStringLiteral("nothing")) == 0 && caughtUp == int(heldBack.size()) ? 0 : 1;
+}
