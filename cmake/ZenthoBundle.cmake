@@ -10,6 +10,9 @@
 #                                                     outside data/system-libraries.txt
 #   <bundle>.app/Contents/PlugIns/, Resources/qml/    Qt plugins and QML modules
 #   <bundle>.app/Contents/Resources/SeedRuntime/zentho  the seed game
+#   <bundle>.app/Contents/Resources/trusted-seal-keys.pem  the public keys its verifier trusts:
+#                                                     publish checks the next launcher's seal
+#                                                     against the published launcher's
 #   <bundle>.app/Contents/Info.json                   {"version": ...}
 #   <bundle>.app/Contents/_CodeSignature/Signature    the seal over all of the above
 
@@ -66,6 +69,7 @@ function(zentho_launcher_bundle target bundle_dir)
         LIBRARY_OUTPUT_DIRECTORY "${bundle_dir}/Contents/Frameworks")
 
     zentho_bundle_info("${ARG_VERSION}" info)
+    get_target_property(trusted_keys ${ARG_VERIFIER} ZENTHO_TRUSTED_KEYS_PEM)
     set(seal_commands "")
     set(seal_depends "")
     if(ARG_SEAL_KEY)
@@ -81,6 +85,7 @@ function(zentho_launcher_bundle target bundle_dir)
         COMMAND ${CMAKE_COMMAND} -E copy "$<TARGET_FILE:${ARG_VERIFIER}>" "${contents}/MacOS/zentho-codesign"
         COMMAND ${CMAKE_COMMAND} -E copy "$<TARGET_FILE:${ARG_SEED}>" "${contents}/Resources/SeedRuntime/zentho"
         COMMAND ${CMAKE_COMMAND} -E copy "${info}" "${contents}/Info.json"
+        COMMAND ${CMAKE_COMMAND} -E copy "${trusted_keys}" "${contents}/Resources/trusted-seal-keys.pem"
         COMMAND ${CMAKE_COMMAND}
                 "-DBUNDLE=${bundle_dir}"
                 "-DSYSTEM_LIST=${ZENTHO_SYSTEM_LIBRARIES}"
@@ -94,7 +99,8 @@ function(zentho_launcher_bundle target bundle_dir)
                 -P "${PROJECT_SOURCE_DIR}/cmake/ZenthoBundleDeploy.cmake"
         ${seal_commands}
         COMMAND ${CMAKE_COMMAND} -E touch "${stamp}"
-        DEPENDS ${library} zentho-bundle-start ${ARG_VERIFIER} ${ARG_SEED} "${info}" ${seal_depends}
+        DEPENDS ${library} zentho-bundle-start ${ARG_VERIFIER} ${ARG_SEED} "${info}" "${trusted_keys}"
+                ${seal_depends}
                 "${ZENTHO_SYSTEM_LIBRARIES}" "${PROJECT_SOURCE_DIR}/cmake/ZenthoBundleDeploy.cmake"
         COMMENT "Laying out ${bundle_dir}"
         VERBATIM)

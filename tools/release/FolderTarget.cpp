@@ -31,6 +31,12 @@ public:
         return ReleaseFiles::readFile(name(relative));
     }
 
+    std::optional<QString> localCopy(const QString& relative, const QString&) override {
+        if (!QFileInfo(name(relative)).isFile())
+            return std::nullopt;
+        return name(relative);
+    }
+
     // A chunk already there is kept when it decodes to its name; a damaged one is replaced by the
     // store's, which has the same name and so the same content.
     bool holdsChunk(const QString& relative, const QString&, qint64 size, const QString& sha256) override {

@@ -12,8 +12,11 @@
 #include "formats/ChunkStore.h"
 #include "storage/VersionOrder.h"
 
+#include <ProcessCapture.h>
+
 #include <QDir>
 #include <QFileInfo>
+#include <QTemporaryDir>
 
 #include <cstdio>
 #include <optional>
@@ -22,6 +25,9 @@
 #include <vector>
 
 namespace {
+
+// Where a launcher bundle states the public keys its verifier trusts.
+const char kTrustedSealKeys[] = "Contents/Resources/trusted-seal-keys.pem";
 
 const char kUsage[] =
     "usage: zentho-release publish (--to DIR | --to-remote REMOTE [--rclone PROGRAM]) [--dry-run]\n"
@@ -59,6 +65,10 @@ const char kUsage[] =
     "with its store file's size is kept; an archive or index already there is read back once to\n"
     "compare. A publish that fails part-way leaves the old manifests in place; run it again to\n"
     "finish.\n"
+    "A launcher release's seal is checked with the keys the launcher published in DIR trusts (its\n"
+    "bundle states them in Contents/Resources/trusted-seal-keys.pem), since those are what\n"
+    "players' launchers check it with; with no launcher published there, or one that states none,\n"
+    "with this build's keys; --key checks with the keys given instead.\n"
     "Prints one line per file: chunks: (how many copied and kept), index:, archive:,\n"
     "signature:, manifest: (\"kept\" for a file that is already in place). --dry-run checks and\n"
     "prints, and writes nothing.\n";
@@ -157,10 +167,43 @@ void checkAgainstPublished(PublishTarget& target, const Placement& placement, bo
     std::fprintf(stderr, "zentho-release publish: warning: %s\n", what.c_str());
 }
 
-Placement place(PublishTarget& target, const QString& manifestPath, const ReleaseCheckKeys& keys,
-                const QString& chunkStore) {
+// The seal keys of the launcher players now get from the target, as its bundle states them (in
+// the file the build writes from its verifier's keys); nothing when no launcher is published
+// there or its bundle states none.
+std::optional<TrustedKeys> publishedLauncherKeys(PublishTarget& target, const QString& manifestPlace) {
+    const std::optional<ReleaseManifest> published = publishedRelease(target, manifestPlace);
+    if (!published)
+        return std::nullopt;
+    QTemporaryDir scratch;
+    if (!scratch.isValid())
+        throw std::runtime_error("cannot make a temporary folder");
+    const std::optional<QString> archive = target.localCopy(destination(published->url, "an archive"), scratch.path());
+    if (!archive)
+        return std::nullopt;
+    const CapturedProcessResult stated = ProcessCapture::run(
+        "/bin/tar", {"-xzOf", QFile::encodeName(*archive).toStdString(), "--",
+                     QFile::encodeName(published->executable).toStdString() + "/" + kTrustedSealKeys});
+    if (stated.status != 0 || stated.output.empty())
+        return std::nullopt;
+    try {
+        return TrustedKeys::fromPem(stated.output);
+    } catch (const KeyError&) {
+        return std::nullopt;
+    }
+}
+
+Placement place(PublishTarget& target, const QString& manifestPath, ReleaseCheckKeys keys,
+                bool sealKeysGiven, const QString& chunkStore) {
     // The archive sits beside its manifest under the name its url gives it.
     const ReleaseManifest given = readManifest(manifestPath);
+    const QString manifestPlace = QStringLiteral("release/") + given.platform + QStringLiteral("-manifest.json");
+    // The launchers in players' hands check the next launcher's seal with the keys they trust,
+    // not with this tool's: a bundle they would refuse must not go out.
+    std::optional<TrustedKeys> publishedKeys;
+    if (given.platform == QLatin1String(ReleaseFiles::kLauncherPlatform) && !sealKeysGiven)
+        publishedKeys = publishedLauncherKeys(target, manifestPlace);
+    if (publishedKeys)
+        keys.seal = *publishedKeys;
     if (given.chunks && chunkStore.isEmpty())
         throw UsageError(manifestPath.toStdString() + " names chunks; give --chunks STORE_DIR");
     Placement placement;
@@ -168,12 +211,19 @@ Placement place(PublishTarget& target, const QString& manifestPath, const Releas
     // that names no chunks (packed without them by mistake). A launcher release never has any.
     const bool checkChunks =
         given.chunks || given.platform == QLatin1String(ReleaseFiles::kGamePlatform);
-    placement.release = ReleaseCheck::check(
-        manifestPath,
-        QFileInfo(manifestPath).absolutePath() + QLatin1Char('/') + given.url.fileName(), keys,
-        ReleaseChunkFiles{QString(), checkChunks ? chunkStore : QString()});
+    try {
+        placement.release = ReleaseCheck::check(
+            manifestPath, QFileInfo(manifestPath).absolutePath() + QLatin1Char('/') + given.url.fileName(), keys,
+            ReleaseChunkFiles{QString(), checkChunks ? chunkStore : QString()});
+    } catch (const CheckFailed& failed) {
+        if (!publishedKeys || std::string(failed.what()).rfind("seal: ", 0) != 0)
+            throw;
+        throw std::runtime_error(std::string(failed.what()) +
+                                 " (checked with the keys the published launcher trusts: launchers would "
+                                 "refuse it; seal it with one of them, or give --key to check with others)");
+    }
     const ReleaseManifest& manifest = placement.release.manifest;
-    placement.manifest = QStringLiteral("release/") + manifest.platform + QStringLiteral("-manifest.json");
+    placement.manifest = manifestPlace;
     placement.signature = placement.manifest + QStringLiteral(".sig");
     placement.archive = destination(manifest.url, "an archive");
     if (placement.archive == placement.manifest || placement.archive == placement.signature)
@@ -221,6 +271,7 @@ int runPublish(const std::vector<std::string>& arguments) {
         throw UsageError("--rclone goes with --to-remote");
     if (options.operands().empty())
         throw UsageError("give at least one MANIFEST");
+    const bool sealKeysGiven = !options.all("--key").empty();
     const ReleaseCheckKeys keys{
         ReleaseKeys::chosen(options.all("--key"), ReleaseKeys::builtInSealKeys()),
         ReleaseKeys::chosen(options.all("--manifest-key"), ReleaseKeys::builtInManifestKeys())};
@@ -238,7 +289,7 @@ int runPublish(const std::vector<std::string>& arguments) {
     // Everything is checked before the first byte is written.
     std::vector<Placement> placements;
     for (const std::string& manifest : options.operands())
-        placements.push_back(place(*target, QString::fromStdString(manifest), keys, chunkStore));
+        placements.push_back(place(*target, QString::fromStdString(manifest), keys, sealKeysGiven, chunkStore));
     for (const Placement& placement : placements)
         checkAgainstPublished(*target, placement, options.has("--allow-downgrade"));
     const bool dryRun = options.has("--dry-run");

@@ -21,6 +21,9 @@ public:
     virtual std::optional<QString> sha256(const QString& relative) = 0;
     // What the target holds at `relative`; nothing when it holds nothing there.
     virtual std::optional<QByteArray> read(const QString& relative) = 0;
+    // A file on this machine with what the target holds at `relative`, fetched into `scratch`
+    // (a folder) when the target is not a local folder; nothing when it holds nothing there.
+    virtual std::optional<QString> localCopy(const QString& relative, const QString& scratch) = 0;
     // True when the target holds, at `relative`, the chunk whose store file is `storeFile` whole
     // and sound, so publishing it again would change nothing.
     virtual bool holdsChunk(const QString& relative, const QString& storeFile, qint64 size,

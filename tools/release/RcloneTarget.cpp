@@ -61,6 +61,14 @@ public:
         return QByteArray::fromStdString(rclone({"cat", where(relative)}).output);
     }
 
+    std::optional<QString> localCopy(const QString& relative, const QString& scratch) override {
+        if (!sizes_.count(relative))
+            return std::nullopt;
+        const QString local = scratch + QLatin1Char('/') + QFileInfo(relative).fileName();
+        rclone({"copyto", where(relative), local.toStdString()});
+        return local;
+    }
+
     // A chunk's name is its content's digest and an upload lands whole, so one of the store
     // file's size under its name is that chunk; reading every chunk back would cost what the
     // store saves.
