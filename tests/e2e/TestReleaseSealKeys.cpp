@@ -39,6 +39,8 @@ class TestReleaseSealKeys : public QObject {
     // The 0.2.0 bundle as launcher `version`, stating that it trusts the public keys `trusted`,
     // sealed with `sealKey` and packed into dist-<version>; returns the manifest.
     QString launcherRelease(const QString& version, const QStringList& trusted, const QString& sealKey) {
+        TestFiles::makeFolder(path(QStringLiteral("draft-") + version));
+        TestFiles::makeFolder(path(QStringLiteral("src-") + version));
         const QString draft = path(QStringLiteral("draft-") + version + QStringLiteral("/ZenthoLauncher.app"));
         ReleaseTool::copyTree(ReleaseTool::launcherBundle020(), draft);
         TestFiles::writeFile(draft + QStringLiteral("/Contents/Info.json"), "{\"version\":\"" + version.toUtf8() + "\"}");
