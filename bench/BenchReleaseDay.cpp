@@ -134,8 +134,8 @@ int main(int argc, char** argv) {
         launcher->start(server, QStringLiteral("zentho://invite/release-day"));
         running.push_back(std::move(launcher));
     }
-    std::vector<double> timeToGame(std::size_t(launchers), -1);
-    std::vector<QByteArray> records(std::size_t(launchers));
+    std::vector<double> timeToGame(static_cast<std::size_t>(launchers), -1.0);
+    std::vector<QByteArray> records(static_cast<std::size_t>(launchers));
     int waiting = launchers;
     while (waiting > 0 && clock.elapsed() < 300000) {
         for (int i = 0; i < launchers; ++i) {

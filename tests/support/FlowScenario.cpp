@@ -7,6 +7,7 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QGuiApplication>
 #include <QProcess>
@@ -67,6 +68,9 @@ int runChild(int argc, char** argv) {
     });
 
     const int presses = qEnvironmentVariableIntValue("ZENTHO_TEST_PRESSES");
+    // Measured for the benchmarks only; no test asserts on it.
+    QElapsedTimer sincePress;
+    sincePress.start();
     for (int press = 0; press < std::max(presses, 1); ++press) {
         const int quitsBefore = platform.quitCount;
         if (!invite.isEmpty() && inviteAt.isEmpty() && !invited) {
@@ -84,6 +88,7 @@ int runChild(int argc, char** argv) {
         if (platform.quitCount > quitsBefore)
             break;
     }
+    emitLine("elapsed:" + QByteArray::number(sincePress.nsecsElapsed() / 1000));
     emitLine("quit:" + QByteArray::number(platform.quitCount));
     emitLine(QByteArray("busy:") + (model.busy() ? "1" : "0"));
     return 0;
@@ -119,6 +124,8 @@ FlowOutcome run(const QProcessEnvironment& environment) {
                 QByteArray::fromPercentEncoding(line.mid(7).toUtf8()));
         else if (line.startsWith(QLatin1String("quit:")))
             outcome.quitCount = line.mid(5).toInt();
+        else if (line.startsWith(QLatin1String("elapsed:")))
+            outcome.elapsedMicroseconds = line.mid(8).toLongLong();
         else if (line.startsWith(QLatin1String("busy:")))
             outcome.busy = line.mid(5) == QLatin1String("1");
     }

@@ -21,6 +21,7 @@ struct FlowOutcome {
     int quitCount = 0;
     bool busy = false;    // at the end
     int exitCode = -1;
+    qint64 elapsedMicroseconds = 0; // from the first press until the press ended (benchmarks only)
     QString childErrors;  // the child's standard error, for failure messages
 };
 
