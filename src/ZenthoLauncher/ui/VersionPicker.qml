@@ -88,7 +88,8 @@ ComboBox {
             id: list
             clip: true
             implicitHeight: contentHeight
-            model: picker.delegateModel
+            // Filled only while open: a rescan of many saved builds then costs the list nothing.
+            model: picker.popup.visible ? picker.delegateModel : null
             currentIndex: picker.highlightedIndex
             highlightMoveDuration: 0
             // Scrolling comes to rest on whole entries too.
