@@ -76,6 +76,8 @@ bool systemLibrariesCopy(const QString& bundle, const QString& copy) {
     QDir(contents + QStringLiteral("/PlugIns")).removeRecursively();
     QDir(contents + QStringLiteral("/Resources/qml")).removeRecursively();
     QFile::remove(contents + QStringLiteral("/MacOS/qt.conf"));
+    // Unsealed, as launchers were before: the starter then leaves missing libraries to the loader.
+    QDir(contents + QStringLiteral("/_CodeSignature")).removeRecursively();
     return runQuietly(QStringLiteral("patchelf"),
                       {QStringLiteral("--remove-rpath"), contents + QStringLiteral("/Frameworks/libzentho-launcher.so")});
 }
