@@ -26,6 +26,9 @@ using ReleaseTool::Run;
 
 namespace {
 
+const QString kBase = QStringLiteral("https://h.invalid/release");
+const QString kChunks = QStringLiteral("https://h.invalid/chunks");
+
 // Every file under `folder` with its bytes, by relative path.
 std::map<QString, QByteArray> treeOf(const QString& folder) {
     std::map<QString, QByteArray> files;
@@ -43,6 +46,7 @@ class TestRemotePublish : public QObject {
     Q_OBJECT
 
     std::optional<LauncherTestScope> scope_;
+    std::optional<WebDavRemote> remote_;
 
     QString path(const QString& relative) const { return scope_->path(relative); }
 
@@ -55,6 +59,14 @@ class TestRemotePublish : public QObject {
         if (!packed.ok())
             qWarning("pack: %s", packed.errors.constData());
         return packed.line(QStringLiteral("manifest"));
+    }
+    // A WebDAV server over the test's folder "served" with 0.3.0 published to it; the folder, or
+    // empty when that publish failed.
+    QString servedWith030() {
+        const QString served = path(QStringLiteral("served"));
+        TestFiles::makeFolder(served);
+        remote_.emplace(served);
+        return publishRemote(pack(QStringLiteral("0.3.0"), kBase, kChunks)).ok() ? served : QString();
     }
     Run publishRemote(const QString& manifest, const QStringList& extra = {}) {
         return ReleaseTool::run(QStringList{QStringLiteral("publish"), QStringLiteral("--to-remote"),
@@ -79,7 +91,10 @@ private slots:
         QVERIFY(RealLauncher::becomeSubreaper());
     }
     void init() { scope_.emplace(); }
-    void cleanup() { scope_.reset(); }
+    void cleanup() {
+        remote_.reset();
+        scope_.reset();
+    }
 
     // What the remote gets is byte for byte what a folder publish lays out, and the launcher
     // installs from it and then updates from its chunks.
@@ -122,8 +137,7 @@ private slots:
         TestFiles::makeFolder(path(QStringLiteral("served")));
         WebDavRemote remote(path(QStringLiteral("served")));
         remote.stop();
-        const Run refused = publishRemote(pack(QStringLiteral("0.3.0"), QStringLiteral("https://h.invalid/release"),
-                                               QStringLiteral("https://h.invalid/chunks")));
+        const Run refused = publishRemote(pack(QStringLiteral("0.3.0"), kBase, kChunks));
         QCOMPARE(refused.exitCode, 1);
         QVERIFY2(refused.failedWithOneLine(), refused.errors.constData());
         QVERIFY2(refused.errors.startsWith("zentho-release publish: rclone lsjson failed"), refused.errors.constData());
@@ -133,16 +147,12 @@ private slots:
     // manifest last; a failure at the last step leaves the old manifest served and a rerun
     // uploads only what is missing.
     void aPublishThatFailsPartWayIsFinishedByARerun() {
-        const QString served = path(QStringLiteral("served"));
-        TestFiles::makeFolder(served);
-        const WebDavRemote remote(served);
-        const QString base = QStringLiteral("https://h.invalid/release");
-        const QString chunks = QStringLiteral("https://h.invalid/chunks");
-        QVERIFY(publishRemote(pack(QStringLiteral("0.3.0"), base, chunks)).ok());
+        const QString served = servedWith030();
+        QVERIFY(!served.isEmpty());
         const QByteArray old = TestFiles::readFile(served + QStringLiteral("/release/macos-arm64-manifest.json"));
 
         const QString log = path(QStringLiteral("rclone.log"));
-        const QString newer = pack(QStringLiteral("0.3.1"), base, chunks);
+        const QString newer = pack(QStringLiteral("0.3.1"), kBase, kChunks);
         const QStringList failing{QStringLiteral("--rclone"), loggingRclone(log, QStringLiteral("-manifest.json"))};
         const Run failed = publishRemote(newer, failing);
         QCOMPARE(failed.exitCode, 1);
@@ -173,18 +183,14 @@ private slots:
 
     // Published content is never replaced on a remote either, and nothing is uploaded then.
     void anArchiveWithOtherContentIsRefusedBeforeAnyUpload() {
-        const QString served = path(QStringLiteral("served"));
-        TestFiles::makeFolder(served);
-        const WebDavRemote remote(served);
-        const QString base = QStringLiteral("https://h.invalid/release");
-        const QString chunks = QStringLiteral("https://h.invalid/chunks");
-        QVERIFY(publishRemote(pack(QStringLiteral("0.3.0"), base, chunks)).ok());
+        const QString served = servedWith030();
+        QVERIFY(!served.isEmpty());
         const std::map<QString, QByteArray> before = treeOf(served);
 
         TestFiles::writeFile(path(QStringLiteral("game-0.3.0/extra.txt")), "other content\n");
-        const Run repacked = ReleaseTool::packGameWithChunks(path(QStringLiteral("game-0.3.0")), QStringLiteral("0.3.0"), base,
+        const Run repacked = ReleaseTool::packGameWithChunks(path(QStringLiteral("game-0.3.0")), QStringLiteral("0.3.0"), kBase,
                                                              path(QStringLiteral("dist-0.3.0")), path(QStringLiteral("store")),
-                                                             chunks, {QStringLiteral("--force")});
+                                                             kChunks, {QStringLiteral("--force")});
         QVERIFY2(repacked.ok(), repacked.errors.constData());
         const QString log = path(QStringLiteral("rclone.log"));
         const Run refused = publishRemote(repacked.line(QStringLiteral("manifest")),
