@@ -16,7 +16,8 @@
 # Contents/PlugIns      the Qt plugins a desktop needs (below), as Qt lays them out
 # Contents/Resources/qml  the QML modules the window imports, as qmlimportscanner names them
 # Contents/MacOS/qt.conf  where Qt finds those two, relative to the bundle
-# Every ELF file in the bundle gets a RUNPATH relative to itself that leads to Frameworks.
+# Every program in the bundle gets a DT_RPATH relative to itself that leads to Frameworks, which
+# the loader also searches for the libraries and plugins loaded into it.
 
 foreach(variable BUNDLE SYSTEM_LIST QT_PLUGINS QT_QML QML_SOURCES SCANNER PATCHELF)
     if(NOT ${variable})
@@ -126,22 +127,31 @@ foreach(library ${needed})
     list(APPEND elf_files "${frameworks}/${name}")
 endforeach()
 
+# Only the programs (the starter, the verifier, the seed game) name Contents/Frameworks, as a
+# DT_RPATH: the loader searches a program's DT_RPATH for every library loaded into it that has no
+# RUNPATH of its own, plugins loaded later included. The libraries and plugins then stay as
+# Debian ships them: a RUNPATH added by patchelf moves their dynamic section to a writable page of
+# its own, which the loader dirties, 4 KiB of private memory for each of them.
 list(REMOVE_DUPLICATES elf_files)
 foreach(file ${elf_files})
-    get_filename_component(folder "${file}" DIRECTORY)
-    file(RELATIVE_PATH up "${folder}" "${frameworks}")
-    if(up STREQUAL "")
-        set(runpath "\$ORIGIN")
-    else()
-        set(runpath "\$ORIGIN/${up}")
-    endif()
-    if(file STREQUAL "${contents}/MacOS/ZenthoLauncher")
-        continue() # needs the C library only, and loads the launcher by its own path
-    endif()
     if(STRIP)
         execute_process(COMMAND "${STRIP}" --strip-debug "${file}" RESULT_VARIABLE stripped)
     endif()
-    execute_process(COMMAND "${PATCHELF}" --set-rpath "${runpath}" "${file}" RESULT_VARIABLE patched
+    list(FIND executables "${file}" program)
+    if(program GREATER -1)
+        get_filename_component(folder "${file}" DIRECTORY)
+        file(RELATIVE_PATH up "${folder}" "${frameworks}")
+        set(patch --force-rpath --set-rpath "\$ORIGIN/${up}")
+    else()
+        # A RUNPATH of its own would stop the programs' DT_RPATH from applying to its needs.
+        execute_process(COMMAND "${PATCHELF}" --print-rpath "${file}" OUTPUT_VARIABLE own_path
+                        OUTPUT_STRIP_TRAILING_WHITESPACE)
+        if(own_path STREQUAL "")
+            continue()
+        endif()
+        set(patch --remove-rpath)
+    endif()
+    execute_process(COMMAND "${PATCHELF}" ${patch} "${file}" RESULT_VARIABLE patched
                     ERROR_VARIABLE patch_error)
     if(NOT patched EQUAL 0)
         message(FATAL_ERROR "ZenthoBundleDeploy: patchelf ${file}: ${patch_error}")

@@ -85,6 +85,30 @@ private slots:
         QVERIFY2(seal(bundle).ok(), "a plugin needing fontconfig and the carried ICU");
     }
 
+    // The libraries carry no search path of their own: the programs hand theirs down. A program
+    // that does not (here the seed game with its DT_RPATH taken out) would start with libraries
+    // that cannot find what they need, so the bundle is refused, naming the first such library.
+    void librariesFindTheirsOnlyThroughEveryProgram() {
+        const QString bundle = freshCopy();
+        QVERIFY(run(QStringLiteral("patchelf"),
+                    {QStringLiteral("--remove-rpath"), bundle + QStringLiteral("/Contents/Resources/SeedRuntime/zentho")}));
+        const ReleaseTool::Run sealed = seal(bundle);
+        QVERIFY(sealed.failedWithOneLine());
+        QVERIFY2(sealed.errors.contains(": Contents/Frameworks/lib") &&
+                     sealed.errors.contains(", which is neither in the bundle nor provided by every desktop\n"),
+                 sealed.errors.constData());
+        // The twin: given back as a RUNPATH, which the loader does not hand down, it is still refused;
+        // as a DT_RPATH it passes.
+        QVERIFY(run(QStringLiteral("patchelf"), {QStringLiteral("--set-rpath"), QStringLiteral("$ORIGIN/../../Frameworks"),
+                                                 bundle + QStringLiteral("/Contents/Resources/SeedRuntime/zentho")}));
+        QVERIFY(seal(bundle).failedWithOneLine());
+        QVERIFY(run(QStringLiteral("patchelf"), {QStringLiteral("--force-rpath"), QStringLiteral("--set-rpath"),
+                                                 QStringLiteral("$ORIGIN/../../Frameworks"),
+                                                 bundle + QStringLiteral("/Contents/Resources/SeedRuntime/zentho")}));
+        const ReleaseTool::Run fixed = seal(bundle);
+        QVERIFY2(fixed.ok(), fixed.errors.constData());
+    }
+
     // A bundle sealed by other means than sign-bundle is checked again by pack, which names the
     // check that failed.
     void packRefusesABundleSealedWithoutTheCheck() {

@@ -10,6 +10,7 @@
 #include <cctype>
 #include <optional>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -76,17 +77,32 @@ bool isInside(const fs::path& path, const fs::path& bundle) {
     return !error && mismatch.first == root.end();
 }
 
-std::string problemOf(const ElfFile& elf, const fs::path& path, const fs::path& bundle) {
+// The folders `elf` at `path` names for its libraries, each from $ORIGIN; a problem when one leads
+// outside the bundle.
+std::optional<std::string> folderProblem(const ElfFile& elf, const fs::path& path, const fs::path& bundle,
+                                         std::vector<fs::path>& folders) {
+    for (const std::string& entry : elf.runpath) {
+        const std::optional<fs::path> folder = fromOrigin(entry, path.parent_path());
+        if (!folder)
+            return path.lexically_relative(bundle).string() + " looks for libraries in " + entry +
+                   ", outside the bundle";
+        folders.push_back(*folder);
+    }
+    return std::nullopt;
+}
+
+// `inherited`: the folders every program of the bundle hands down (a DT_RPATH), which the loader
+// also searches for the needs of a library or plugin without a RUNPATH of its own.
+std::string problemOf(const ElfFile& elf, const fs::path& path, const fs::path& bundle,
+                      const std::vector<fs::path>& inherited) {
     const std::string name = path.lexically_relative(bundle).string();
     if (!elf.x86_64)
         return name + " is not x86-64 code";
     std::vector<fs::path> folders;
-    for (const std::string& entry : elf.runpath) {
-        const std::optional<fs::path> folder = fromOrigin(entry, path.parent_path());
-        if (!folder)
-            return name + " looks for libraries in " + entry + ", outside the bundle";
-        folders.push_back(*folder);
-    }
+    if (const std::optional<std::string> problem = folderProblem(elf, path, bundle, folders))
+        return *problem;
+    if (!elf.program && (elf.runpath.empty() || elf.inheritedByWhatItLoads))
+        folders.insert(folders.end(), inherited.begin(), inherited.end());
     for (const std::string& needed : elf.needed) {
         const bool carried = std::any_of(folders.begin(), folders.end(), [&](const fs::path& folder) {
             return isInside(folder / needed, bundle);
@@ -127,13 +143,29 @@ std::string problem(const fs::path& bundle) {
             files.push_back(entry.path());
     // The same bundle always names the same first problem.
     std::sort(files.begin(), files.end());
-    for (const fs::path& file : files) {
-        const std::optional<ElfFile> elf = ElfFile::read(file.string());
-        if (!elf)
+    std::vector<std::pair<fs::path, ElfFile>> elves;
+    for (const fs::path& file : files)
+        if (std::optional<ElfFile> elf = ElfFile::read(file.string()))
+            elves.emplace_back(file, std::move(*elf));
+    // Libraries are loaded by every program of the bundle, so only the folders all programs hand
+    // down are sure to be searched.
+    std::optional<std::vector<fs::path>> inherited;
+    for (const auto& [file, elf] : elves) {
+        if (!elf.program)
             continue;
-        if (std::string found = problemOf(*elf, file, bundle); !found.empty())
-            return found;
+        std::vector<fs::path> folders;
+        if (!elf.inheritedByWhatItLoads || folderProblem(elf, file, bundle, folders))
+            folders.clear();
+        if (!inherited)
+            inherited = folders;
+        else
+            std::erase_if(*inherited, [&](const fs::path& folder) {
+                return std::find(folders.begin(), folders.end(), folder) == folders.end();
+            });
     }
+    for (const auto& [file, elf] : elves)
+        if (std::string found = problemOf(elf, file, bundle, inherited.value_or(std::vector<fs::path>())); !found.empty())
+            return found;
     return {};
 }
 

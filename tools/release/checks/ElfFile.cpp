@@ -35,6 +35,8 @@ void readDynamic(Elf* elf, Elf_Scn* section, const GElf_Shdr& header, ElfFile& f
     Elf_Data* data = elf_getdata(section, nullptr);
     if (!data || header.sh_entsize == 0)
         return;
+    bool rpath = false;
+    bool runpath = false;
     for (std::size_t i = 0; i < header.sh_size / header.sh_entsize; ++i) {
         GElf_Dyn entry;
         if (!gelf_getdyn(data, int(i), &entry))
@@ -42,12 +44,14 @@ void readDynamic(Elf* elf, Elf_Scn* section, const GElf_Shdr& header, ElfFile& f
         if (entry.d_tag == DT_NEEDED) {
             file.needed.push_back(text(elf, header.sh_link, entry.d_un.d_val));
         } else if (entry.d_tag == DT_RUNPATH || entry.d_tag == DT_RPATH) {
+            (entry.d_tag == DT_RPATH ? rpath : runpath) = true;
             std::istringstream paths(text(elf, header.sh_link, entry.d_un.d_val));
             for (std::string path; std::getline(paths, path, ':');)
                 if (!path.empty())
                     file.runpath.push_back(path);
         }
     }
+    file.inheritedByWhatItLoads = rpath && !runpath;
 }
 
 void readVersionNeeds(Elf* elf, Elf_Scn* section, const GElf_Shdr& header, ElfFile& file) {
@@ -92,6 +96,14 @@ std::optional<ElfFile> ElfFile::read(const std::string& path) {
     ElfFile file;
     file.x86_64 = header.e_ident[EI_CLASS] == ELFCLASS64 && header.e_ident[EI_DATA] == ELFDATA2LSB &&
                   header.e_machine == EM_X86_64;
+    std::size_t segments = 0;
+    if (elf_getphdrnum(elf.get(), &segments) != 0)
+        throw unreadable(path);
+    for (std::size_t i = 0; i < segments; ++i) {
+        GElf_Phdr segment;
+        if (gelf_getphdr(elf.get(), int(i), &segment) && segment.p_type == PT_INTERP)
+            file.program = true;
+    }
     for (Elf_Scn* section = elf_nextscn(elf.get(), nullptr); section;
          section = elf_nextscn(elf.get(), section)) {
         GElf_Shdr sectionHeader;
