@@ -5,6 +5,7 @@
 
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QFileInfo>
 #include <QTest>
 
 #include <sys/wait.h>
@@ -52,6 +53,25 @@ bool AdoptedProcesses::waitUntilAllEnded(int timeoutMs) {
 }
 
 void AdoptedProcesses::endAll() {
-    for (const qint64 pid : running())
-        RealLauncher::terminateAndCollect(pid);
+    // A child that ends hands its own children to this process, their subreaper: a launcher
+    // ended here may just have started its game. So look again until none is left (a bound
+    // against a process that forks as fast as it is ended).
+    for (int round = 0; round < 20; ++round) {
+        const QList<qint64> alive = running();
+        if (alive.isEmpty())
+            return;
+        for (const qint64 pid : alive)
+            RealLauncher::terminateAndCollect(pid);
+    }
+}
+
+void AdoptedProcesses::endRunningFrom(const QString& folder) {
+    const QString inside = QDir::cleanPath(folder) + QLatin1Char('/');
+    for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        bool number = false;
+        const qint64 pid = entry.toLongLong(&number);
+        if (number && pid != ::getpid() &&
+            QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget().startsWith(inside))
+            RealLauncher::terminateAndCollect(pid);
+    }
 }

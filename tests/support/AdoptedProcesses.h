@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QList>
+#include <QString>
 #include <QtGlobal>
 
 // What a test's launchers leave behind comes to the test once it is their subreaper: the games
@@ -21,8 +22,12 @@ public:
     // some still run after `timeoutMs`. This is how a test knows that nothing a launcher left
     // can still act: no finish script can still swap a bundle, no launcher still start a game.
     bool waitUntilAllEnded(int timeoutMs = 30000);
-    // Ends every child that came since (SIGTERM, then SIGKILL) and collects it.
+    // Ends every child that came since (SIGTERM, then SIGKILL) and collects it, and the children
+    // those hand over as they end.
     void endAll();
+    // Ends every process, adopted or not, whose program lies in `folder`: what runs from a test's
+    // folder must not outlive it.
+    static void endRunningFrom(const QString& folder);
 
 private:
     QList<qint64> known_;

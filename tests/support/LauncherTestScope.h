@@ -10,6 +10,14 @@
 // the folder they may run from is removed.
 class LauncherTestScope {
 public:
+    LauncherTestScope() = default;
+    LauncherTestScope(const LauncherTestScope&) = delete;
+    LauncherTestScope& operator=(const LauncherTestScope&) = delete;
+    ~LauncherTestScope() {
+        adopted_.endAll();
+        AdoptedProcesses::endRunningFrom(dir_.path());
+    }
+
     QString path(const QString& relative) const { return dir_.filePath(relative); }
     AdoptedProcesses& adopted() { return adopted_; }
 
