@@ -79,6 +79,8 @@ struct Placement {
     QString archive;
     QString manifest;
     QString signature;
+    // What the server names for the platform now, if anything (read once, before any write).
+    std::optional<ReleaseManifest> published;
     bool archiveThere = false;
     // With chunks: the index, the store's folder and the chunks to lay out there.
     QString index;
@@ -149,8 +151,8 @@ std::optional<ReleaseManifest> publishedRelease(PublishTarget& target, const QSt
 // content, and the rest get a build that differs from their friends' under the same name. A
 // lower version is installed by every launcher all the same (the server's version always wins),
 // which rolls every player back: refused unless meant.
-void checkAgainstPublished(PublishTarget& target, const Placement& placement, bool downgradeAllowed) {
-    const std::optional<ReleaseManifest> published = publishedRelease(target, placement.manifest);
+void checkAgainstPublished(const Placement& placement, bool downgradeAllowed) {
+    const std::optional<ReleaseManifest>& published = placement.published;
     if (!published)
         return;
     const ReleaseManifest& manifest = placement.release.manifest;
@@ -167,22 +169,18 @@ void checkAgainstPublished(PublishTarget& target, const Placement& placement, bo
     std::fprintf(stderr, "zentho-release publish: warning: %s\n", what.c_str());
 }
 
-// The seal keys of the launcher players now get from the target, as its bundle states them (in
-// the file the build writes from its verifier's keys); nothing when no launcher is published
-// there or its bundle states none.
-std::optional<TrustedKeys> publishedLauncherKeys(PublishTarget& target, const QString& manifestPlace) {
-    const std::optional<ReleaseManifest> published = publishedRelease(target, manifestPlace);
-    if (!published)
-        return std::nullopt;
+// The seal keys of the launcher `published` on the target, as its bundle states them (in the
+// file the build writes from its verifier's keys); nothing when its bundle states none.
+std::optional<TrustedKeys> publishedLauncherKeys(PublishTarget& target, const ReleaseManifest& published) {
     QTemporaryDir scratch;
     if (!scratch.isValid())
         throw std::runtime_error("cannot make a temporary folder");
-    const std::optional<QString> archive = target.localCopy(destination(published->url, "an archive"), scratch.path());
+    const std::optional<QString> archive = target.localCopy(destination(published.url, "an archive"), scratch.path());
     if (!archive)
         return std::nullopt;
     const CapturedProcessResult stated = ProcessCapture::run(
         "/bin/tar", {"-xzOf", QFile::encodeName(*archive).toStdString(), "--",
-                     QFile::encodeName(published->executable).toStdString() + "/" + kTrustedSealKeys});
+                     QFile::encodeName(published.executable).toStdString() + "/" + kTrustedSealKeys});
     if (stated.status != 0 || stated.output.empty())
         return std::nullopt;
     try {
@@ -196,17 +194,20 @@ Placement place(PublishTarget& target, const QString& manifestPath, ReleaseCheck
                 bool sealKeysGiven, const QString& chunkStore) {
     // The archive sits beside its manifest under the name its url gives it.
     const ReleaseManifest given = readManifest(manifestPath);
-    const QString manifestPlace = QStringLiteral("release/") + given.platform + QStringLiteral("-manifest.json");
+    Placement placement;
+    placement.manifest = QStringLiteral("release/") + given.platform + QStringLiteral("-manifest.json");
+    // Only a known platform names a place on the server; the check below refuses any other.
+    if (ReleaseFiles::isKnownPlatform(given.platform))
+        placement.published = publishedRelease(target, placement.manifest);
     // The launchers in players' hands check the next launcher's seal with the keys they trust,
     // not with this tool's: a bundle they would refuse must not go out.
     std::optional<TrustedKeys> publishedKeys;
-    if (given.platform == QLatin1String(ReleaseFiles::kLauncherPlatform) && !sealKeysGiven)
-        publishedKeys = publishedLauncherKeys(target, manifestPlace);
+    if (given.platform == QLatin1String(ReleaseFiles::kLauncherPlatform) && !sealKeysGiven && placement.published)
+        publishedKeys = publishedLauncherKeys(target, *placement.published);
     if (publishedKeys)
         keys.seal = *publishedKeys;
     if (given.chunks && chunkStore.isEmpty())
         throw UsageError(manifestPath.toStdString() + " names chunks; give --chunks STORE_DIR");
-    Placement placement;
     // Under --chunks a game release is checked as "verify --chunks" checks it, which refuses one
     // that names no chunks (packed without them by mistake). A launcher release never has any.
     const bool checkChunks =
@@ -223,7 +224,6 @@ Placement place(PublishTarget& target, const QString& manifestPath, ReleaseCheck
                                  "refuse it; seal it with one of them, or give --key to check with others)");
     }
     const ReleaseManifest& manifest = placement.release.manifest;
-    placement.manifest = manifestPlace;
     placement.signature = placement.manifest + QStringLiteral(".sig");
     placement.archive = destination(manifest.url, "an archive");
     if (placement.archive == placement.manifest || placement.archive == placement.signature)
@@ -291,7 +291,7 @@ int runPublish(const std::vector<std::string>& arguments) {
     for (const std::string& manifest : options.operands())
         placements.push_back(place(*target, QString::fromStdString(manifest), keys, sealKeysGiven, chunkStore));
     for (const Placement& placement : placements)
-        checkAgainstPublished(*target, placement, options.has("--allow-downgrade"));
+        checkAgainstPublished(placement, options.has("--allow-downgrade"));
     const bool dryRun = options.has("--dry-run");
 
     // What a manifest names must be in place before the manifest: chunks before the index that
