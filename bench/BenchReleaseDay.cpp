@@ -75,10 +75,7 @@ double percentile(std::vector<double> values, double share) {
 }
 
 QString versionStartedIn(const QByteArray& record) {
-    const qsizetype cwd = record.indexOf("cwd=");
-    if (cwd < 0)
-        return {};
-    return QFileInfo(QFile::decodeName(record.mid(cwd + 4, record.indexOf('\n', cwd) - cwd - 4))).fileName();
+    return QFileInfo(RealLauncher::recordedFolder(record)).fileName();
 }
 
 } // namespace

@@ -159,8 +159,7 @@ class TestChunkedUpdates : public QObject {
         if (recorded.isEmpty())
             return {};
         RealLauncher::terminateAndCollect(RealLauncher::recordedPid(recorded));
-        const qsizetype cwd = recorded.indexOf("cwd=");
-        return cwd < 0 ? QString() : QFile::decodeName(recorded.mid(cwd + 4, recorded.indexOf('\n', cwd) - cwd - 4));
+        return RealLauncher::recordedFolder(recorded);
     }
     QList<Get> getsSinceStart() const { return getsIn(server_->accessLog().mid(logMark_)); }
     QSet<QString> keptChunks() const { return setOf(QDir(LauncherStorage(data()).chunks()).entryList(QDir::Files)); }

@@ -5,6 +5,7 @@
 #include "AdoptedProcesses.h"
 #include "LauncherBundles.h"
 #include "LauncherStorage.h"
+#include "Player.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
 #include "TestFiles.h"
@@ -13,7 +14,6 @@
 
 #include <QFile>
 #include <QDir>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
@@ -26,11 +26,7 @@ namespace {
 const QString kVersion = QStringLiteral("0.3.0");
 const QString kNoLauncherUpdate = QStringLiteral("file:///dev/null/no-launcher-manifest.json");
 
-struct Verified {
-    int exitCode = -1;
-    QString output;
-    QString errors;
-};
+using Verified = Player::Run;
 
 } // namespace
 
@@ -48,18 +44,7 @@ class TestVerifyBuilds : public QObject {
     Verified verify(const QStringList& arguments) const { return run(QStringList{QStringLiteral("--verify")} + arguments); }
     Verified repair() const { return run({QStringLiteral("--repair"), kVersion}); }
     Verified run(const QStringList& arguments) const {
-        QProcess process;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert(QStringLiteral("XDG_DATA_HOME"), storage().dataHome());
-        process.setProcessEnvironment(environment);
-        const QStringList command = server_->commandTrustingCa(RealLauncher::executableOf(LauncherBundles::builtBundle()), arguments);
-        process.start(command.first(), command.mid(1));
-        if (!process.waitForFinished(120000)) {
-            RealLauncher::stop(process);
-            return {};
-        }
-        return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-                QString::fromUtf8(process.readAllStandardOutput()), QString::fromUtf8(process.readAllStandardError())};
+        return Player(*server_, storage().dataHome(), server_->url(QStringLiteral("/m.json")).toString()).run(arguments);
     }
 
 private slots:

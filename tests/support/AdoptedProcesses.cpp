@@ -5,7 +5,6 @@
 
 #include <QDeadlineTimer>
 #include <QDir>
-#include <QFileInfo>
 #include <QTest>
 
 #include <sys/wait.h>
@@ -66,12 +65,7 @@ void AdoptedProcesses::endAll() {
 }
 
 void AdoptedProcesses::endRunningFrom(const QString& folder) {
-    const QString inside = QDir::cleanPath(folder) + QLatin1Char('/');
-    for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
-        bool number = false;
-        const qint64 pid = entry.toLongLong(&number);
-        if (number && pid != ::getpid() &&
-            QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget().startsWith(inside))
+    for (const qint64 pid : RealLauncher::processesRunningFrom(folder))
+        if (pid != ::getpid())
             RealLauncher::terminateAndCollect(pid);
-    }
 }

@@ -26,22 +26,28 @@ QString Player::press() const {
         return {};
     }
     RealLauncher::terminateAndCollect(RealLauncher::recordedPid(recorded));
-    const qsizetype cwd = recorded.indexOf("cwd=");
-    return cwd < 0 ? QString() : QFile::decodeName(recorded.mid(cwd + 4, recorded.indexOf('\n', cwd) - cwd - 4));
+    return RealLauncher::recordedFolder(recorded);
 }
 
-int Player::verify(const QString& version) const {
+Player::Run Player::run(const QStringList& arguments) const {
     QProcess process;
     QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("XDG_DATA_HOME"), storage_.dataHome());
     process.setProcessEnvironment(environment);
-    process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-    const QStringList command = server_.commandTrustingCa(
-        RealLauncher::executableOf(LauncherBundles::builtBundle()), {QStringLiteral("--verify"), version});
+    const QStringList command =
+        server_.commandTrustingCa(RealLauncher::executableOf(LauncherBundles::builtBundle()), arguments);
     process.start(command.first(), command.mid(1));
     if (!process.waitForFinished(120000)) {
         RealLauncher::stop(process);
-        return -1;
+        return {};
     }
-    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+            QString::fromUtf8(process.readAllStandardOutput()), QString::fromUtf8(process.readAllStandardError())};
+}
+
+int Player::verify(const QString& version) const {
+    const Run checked = run({QStringLiteral("--verify"), version});
+    if (checked.exitCode != 0)
+        qWarning("--verify %s: %s%s", qPrintable(version), qPrintable(checked.output), qPrintable(checked.errors));
+    return checked.exitCode;
 }

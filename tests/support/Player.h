@@ -3,6 +3,7 @@
 #include "LauncherStorage.h"
 
 #include <QString>
+#include <QStringList>
 
 class TestServer;
 
@@ -16,6 +17,13 @@ public:
     // One press (an invite link opened in the launcher); the folder the game started in, or
     // empty, with what the launcher wrote logged, when none started within a minute.
     QString press() const;
+    // The launcher run with `arguments` and no display (--verify, --repair...), to its end.
+    struct Run {
+        int exitCode = -1; // -1 when it crashed or did not end within two minutes
+        QString output;
+        QString errors;
+    };
+    Run run(const QStringList& arguments) const;
     // The launcher's --verify `version`: its exit status, or -1 when it did not end in time.
     int verify(const QString& version) const;
     LauncherStorage storage() const { return storage_; }

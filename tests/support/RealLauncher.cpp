@@ -116,19 +116,39 @@ qint64 RealLauncher::recordedPid(const QByteArray& record) {
     return 0;
 }
 
-QList<qint64> RealLauncher::processesRunning(const QString& path) {
+QString RealLauncher::recordedFolder(const QByteArray& record) {
+    for (const QByteArray& line : record.split('\n')) {
+        if (line.startsWith("cwd="))
+            return QFile::decodeName(line.mid(4));
+    }
+    return {};
+}
+
+namespace {
+
+// Every process whose program (from /proc/<pid>/exe) `matches`.
+template <typename Matches>
+QList<qint64> processesWhoseProgram(Matches matches) {
     QList<qint64> found;
     const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs);
     for (const QString& entry : entries) {
         bool number = false;
         const qint64 pid = entry.toLongLong(&number);
-        if (!number)
-            continue;
-        const QString exe = QFile::symLinkTarget(QStringLiteral("/proc/%1/exe").arg(pid));
-        if (exe == path)
+        if (number && matches(QFile::symLinkTarget(QStringLiteral("/proc/%1/exe").arg(pid))))
             found << pid;
     }
     return found;
+}
+
+} // namespace
+
+QList<qint64> RealLauncher::processesRunning(const QString& path) {
+    return processesWhoseProgram([&](const QString& exe) { return exe == path; });
+}
+
+QList<qint64> RealLauncher::processesRunningFrom(const QString& folder) {
+    const QString inside = QDir::cleanPath(folder) + QLatin1Char('/');
+    return processesWhoseProgram([&](const QString& exe) { return exe.startsWith(inside); });
 }
 
 void RealLauncher::terminateAndCollect(qint64 pid) {

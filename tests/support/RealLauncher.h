@@ -46,9 +46,13 @@ public:
     // empty when none appeared in time.
     static QByteArray waitForGameRecord(const QString& path, int timeoutMs = 20000);
     static qint64 recordedPid(const QByteArray& record);
+    // The folder the game of `record` started in (its working folder), or empty.
+    static QString recordedFolder(const QByteArray& record);
 
     // Processes whose executable is `path` (from /proc/<pid>/exe).
     static QList<qint64> processesRunning(const QString& path);
+    // Processes whose executable lies in `folder` or below it.
+    static QList<qint64> processesRunningFrom(const QString& folder);
     // Ends a process that has come to this test (as subreaper or parent) and collects it.
     static void terminateAndCollect(qint64 pid);
     // Ends a launcher this test started itself and waits for it: asked to quit, then killed.

@@ -367,18 +367,19 @@ QStringList TestServer::commandTrustingCa(const QString& program,
     return command + arguments;
 }
 
-QString TestServer::originLog() const {
-    QFile file(prefix_.filePath(QStringLiteral("logs/origin.log")));
+QString TestServer::log(const QString& name) const {
+    QFile file(prefix_.filePath(QStringLiteral("logs/") + name));
     if (!file.open(QIODevice::ReadOnly))
         return {};
     return QString::fromLocal8Bit(file.readAll());
 }
 
+QString TestServer::originLog() const {
+    return log(QStringLiteral("origin.log"));
+}
+
 QString TestServer::accessLog() const {
-    QFile file(prefix_.filePath(QStringLiteral("logs/access.log")));
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QString::fromLocal8Bit(file.readAll());
+    return log(QStringLiteral("access.log"));
 }
 
 void TestServer::awaitLogged() const {
@@ -414,10 +415,7 @@ QList<TestServer::Served> TestServer::servedFor(const QString& path) const {
 }
 
 QString TestServer::errorLog() const {
-    QFile file(prefix_.filePath(QStringLiteral("logs/error.log")));
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    return QString::fromLocal8Bit(file.readAll());
+    return log(QStringLiteral("error.log"));
 }
 
 quint16 TestServer::unusedLocalPort() {

@@ -115,6 +115,8 @@ public:
 private:
     bool tryStart(QString& failure);
     QString configuration() const;
+    // The file `name` of nginx's logs folder, so far.
+    QString log(const QString& name) const;
     void primeTruncatedFile();
 
     std::unique_ptr<FaultServer> fault_;

@@ -1,9 +1,10 @@
 #include "WebDavRemote.h"
 
+#include "TestServer.h"
+
 #include <QDeadlineTimer>
 #include <QHostAddress>
 #include <QStandardPaths>
-#include <QTcpServer>
 #include <QTcpSocket>
 
 #include <stdexcept>
@@ -12,13 +13,6 @@
 #include <sys/prctl.h>
 
 namespace {
-
-quint16 freePort() {
-    QTcpServer probe;
-    if (!probe.listen(QHostAddress::LocalHost))
-        throw std::runtime_error("no free loopback port");
-    return probe.serverPort();
-}
 
 bool accepts(quint16 port) {
     QTcpSocket socket;
@@ -32,7 +26,7 @@ WebDavRemote::WebDavRemote(const QString& folder) {
     const QString rclone = QStandardPaths::findExecutable(QStringLiteral("rclone"));
     if (rclone.isEmpty())
         throw std::runtime_error("rclone is not installed");
-    const quint16 port = freePort();
+    const quint16 port = TestServer::unusedLocalPort();
     const QString address = QStringLiteral("127.0.0.1:") + QString::number(port);
     qputenv("RCLONE_CONFIG_ZENTHO_WEBDAV_TYPE", "webdav");
     qputenv("RCLONE_CONFIG_ZENTHO_WEBDAV_URL", ("http://" + address + "/").toUtf8());
