@@ -113,8 +113,8 @@ bool accepts(quint16 port) {
 
 } // namespace
 
-TestServer::TestServer(int originConnections)
-    : fault_(std::make_unique<FaultServer>()), originConnections_(originConnections) {
+TestServer::TestServer(int originConnections, const QString& originRate)
+    : fault_(std::make_unique<FaultServer>()), originConnections_(originConnections), originRate_(originRate) {
     if (!prefix_.isValid())
         fail(QStringLiteral("no temporary folder for nginx"));
     for (const char* sub : {"logs", "tmp", "www", "fixtures"})
@@ -264,6 +264,12 @@ QString TestServer::configuration() const {
            "        add_header Cache-Control $zentho_cache_control always;\n" +
            (originConnections_ > 0 ? "        limit_conn origin " + QString::number(originConnections_) + ";\n"
                                    : QString()) +
+           // The rate holds while the flag file is there, so a test can let the origin be quick
+           // while it sets up and busy when the rush comes.
+           (originRate_.isEmpty() ? QString()
+                                  : "        set $origin_rate 0;\n"
+                                    "        if (-f " + root + "/origin-busy) { set $origin_rate " + originRate_ + "; }\n"
+                                    "        limit_rate $origin_rate;\n") +
            "    }\n" +
            edge(edgePort_, originPort_) + edge(bareEdgePort_, httpPort_) +
            "    server {\n"
@@ -372,6 +378,14 @@ QString TestServer::log(const QString& name) const {
     if (!file.open(QIODevice::ReadOnly))
         return {};
     return QString::fromLocal8Bit(file.readAll());
+}
+
+void TestServer::setOriginBusy(bool busy) const {
+    const QString flag = prefix_.filePath(QStringLiteral("origin-busy"));
+    if (busy)
+        writeText(flag, QByteArray());
+    else
+        QFile::remove(flag);
 }
 
 QString TestServer::originLog() const {

@@ -42,8 +42,10 @@ class FaultServer;
 // edgeUrl(<path>) reaches the same documentRoot() through a CDN's stand-in (nginx proxy_cache,
 // HTTPS) in front of an origin that sends the release server's cache headers
 // (tools/nginx/release-cache.conf) and logs to originLog(), answering 503 beyond
-// `originConnections` connections at once when that is given; bareEdgeUrl(<path>) through the same
-// cache in front of the plain listener, which sends none. The cache keeps what the origin's
+// `originConnections` connections at once when that is given and, while setOriginBusy(true)
+// holds, sending each answer at no more than `originRate` (nginx limit_rate, "256k"): a busy
+// origin on release day, whose connections stay taken long enough for refusals to happen;
+// bareEdgeUrl(<path>) through the same cache in front of the plain listener, which sends none. The cache keeps what the origin's
 // Cache-Control allows and, where it says nothing, every answer for ten minutes, "not found"
 // included, as CDNs do by default; X-Cache-Status says HIT, MISS...
 //
@@ -56,7 +58,7 @@ class FaultServer;
 // it.
 class TestServer {
 public:
-    explicit TestServer(int originConnections = 0);
+    explicit TestServer(int originConnections = 0, const QString& originRate = {});
     ~TestServer();
     TestServer(const TestServer&) = delete;
     TestServer& operator=(const TestServer&) = delete;
@@ -94,6 +96,8 @@ public:
     QString accessLog() const;
     // The access log of the origin behind /edge/, in the same form.
     QString originLog() const;
+    // From the next request on, the origin sends at `originRate` (busy) or as fast as it can.
+    void setOriginBusy(bool busy) const;
     // Returns once the access log holds the line of every request nginx answered before the call.
     // A client has an answer as soon as nginx has sent it, but nginx writes the line only after
     // that, so right after a transfer its line may be missing yet; this sends a request of its own
@@ -125,6 +129,7 @@ private:
     quint16 httpsPort_ = 0;
     quint16 httpPort_ = 0;
     int originConnections_ = 0;
+    QString originRate_;
     quint16 originPort_ = 0;
     quint16 edgePort_ = 0;
     quint16 bareEdgePort_ = 0;
