@@ -151,6 +151,8 @@ private slots:
 
     void examplesRunAsWritten() {
         prepareWorkFolder();
+        if (QTest::currentTestFailed())
+            return;
         const ReadmeExamples::Outcome outcome = runReadme(readme_);
         QVERIFY2(outcome.ok, qPrintable(outcome.describe()));
 
@@ -224,6 +226,8 @@ private slots:
         QCOMPARE(readme.count(wrong), 1);
         readme.replace(wrong, written);
         prepareWorkFolder();
+        if (QTest::currentTestFailed())
+            return;
         const ReadmeExamples::Outcome outcome = runReadme(readme);
         QVERIFY2(!outcome.ok, "the broken README ran to its end");
         qInfo("%s", qPrintable(outcome.describe()));
