@@ -105,7 +105,7 @@ private slots:
         server_ = std::make_unique<TestServer>();
         const QString game = path(QStringLiteral("game"));
         TestFiles::writeScript(game + QStringLiteral("/zentho"),
-                               "printf 'pid=%s\\n' \"$$\" > \"$ZENTHO_STANDIN_RECORD\"\nexec sleep 3\n");
+                               "printf 'cwd=%s\\npid=%s\\n' \"$(pwd -P)\" \"$$\" > \"$ZENTHO_STANDIN_RECORD\"\nexec sleep 3\n");
         TestFiles::writeFile(game + QStringLiteral("/data/pack.bin"), TestFiles::randomBytes(600000, 3));
         TestFiles::writeFile(game + QStringLiteral("/data/levels.txt"), QByteArray("level 1: gate\n").repeated(500));
         TestFiles::writeFile(game + QStringLiteral("/data/intro.txt"), QByteArray("the gate opens\n").repeated(300));
