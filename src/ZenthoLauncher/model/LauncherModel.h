@@ -10,6 +10,7 @@
 #include "update/InstallContext.h"
 
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QUrl>
 
@@ -131,6 +132,11 @@ private:
     // Downloads, verifies and installs a game build, records it as current and returns its
     // folder.
     QCoro::Task<QUrl> install(ReleaseManifest manifest);
+    // Before a saved build starts: when a quick check against the index kept for it finds it
+    // damaged, shows `repairingStatus` and repairs it, once per press or play. True when it showed
+    // the status, which the caller then replaces. Never throws: a build that cannot be repaired
+    // now starts as it is, as every build did before builds were checked.
+    QCoro::Task<bool> repairIfDamaged(QString buildFolder, QString repairingStatus);
     // Starts runtime/executable with the pending invite and returns once it has survived its
     // start-up watch.
     QCoro::Task<void> launch(QUrl runtime, QString executable);
@@ -155,6 +161,9 @@ private:
     HttpClient http_;
     QString seedRuntime_;
     std::optional<QString> pendingInvite_;
+    // The builds whose repair the running press or play has tried: a failed one is not tried
+    // again before the fallback start of the same build.
+    QSet<QString> repairsTried_;
     bool inviteHandedOn_ = false; // see followsInvites()
     // Every game the model starts is watched by this: the launcher's own watch, which the tests
     // replace.

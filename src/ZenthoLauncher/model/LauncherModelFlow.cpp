@@ -17,6 +17,8 @@
 
 namespace {
 const QString kFallbackExecutable = QStringLiteral("zentho");
+// Shown while a damaged build is put right before it starts (LauncherModelRepair.cpp).
+const QString kRepairing = QStringLiteral("Repairing ZENTHO...");
 } // namespace
 
 void LauncherModel::updateAndPlay() {
@@ -31,6 +33,7 @@ QCoro::Task<void> LauncherModel::runUpdateAndPlay() {
     UnreachableHosts unreachable;
     http_.rememberUnreachableIn(&unreachable);
     const auto forget = qScopeGuard([this] { http_.rememberUnreachableIn(nullptr); });
+    repairsTried_.clear();
     setStatus(QStringLiteral("Checking launcher version..."));
     bool relaunching = false;
     try {
@@ -61,6 +64,8 @@ QCoro::Task<void> LauncherModel::runUpdateAndPlay() {
     // Read the record again: an install that got as far as recording its build makes that build
     // the one to fall back to.
     const QString runtime = readInstalledState().path;
+    // Before the executable is looked for: a lost executable is damage a repair puts right.
+    co_await repairIfDamaged(runtime, kRepairing);
     if (!files.isExecutableFile(runtime + QLatin1Char('/') + kFallbackExecutable)) {
         setStatus(QStringLiteral("Update failed: ") + describeError(updateError));
         setBusy(false);
@@ -100,12 +105,14 @@ QCoro::Task<void> LauncherModel::updateGameAndLaunch(InstalledState current) {
     // Any difference in the version text is a release to install, a lower one included: the
     // server's version always wins, once the release is offered to this installation.
     if (manifest.version != current.version && heldBackByRollout(manifest, current)) {
+        co_await repairIfDamaged(current.path, kRepairing);
         setStatus(QStringLiteral("Starting ZENTHO..."));
         co_await launch(QUrl::fromLocalFile(current.path), kFallbackExecutable);
         co_return;
     }
     QUrl runtime;
     if (manifest.version == current.version) {
+        co_await repairIfDamaged(current.path, kRepairing);
         runtime = QUrl::fromLocalFile(current.path);
     } else {
         runtime = co_await install(manifest);

@@ -12,6 +12,13 @@
 namespace {
 // A saved build is always started by this name, whatever manifest it once came from.
 const QString kInstalledExecutable = QStringLiteral("zentho");
+
+QString startingStatus(const QString& version) {
+    return QStringLiteral("Starting ZENTHO ") + version + QStringLiteral("...");
+}
+QString repairingStatus(const QString& version) {
+    return QStringLiteral("Repairing ZENTHO ") + version + QStringLiteral("...");
+}
 } // namespace
 
 QCoro::Task<void> LauncherModel::launch(QUrl runtime, QString executable) {
@@ -37,11 +44,15 @@ void LauncherModel::playSelectedInstalledBuild() {
         return;
     const InstalledBuild build = *chosen;
     setBusy(true);
-    setStatus(QStringLiteral("Starting ZENTHO ") + build.version + QStringLiteral("..."));
+    setStatus(startingStatus(build.version));
     playInstalledBuild(build); // runs on by itself; nothing waits for it
 }
 
 QCoro::Task<void> LauncherModel::playInstalledBuild(InstalledBuild build) {
+    repairsTried_.clear();
+    const QString repairing = repairingStatus(build.version); // named: see LauncherModelRepair.cpp
+    if (co_await repairIfDamaged(build.path, repairing))
+        setStatus(startingStatus(build.version));
     std::exception_ptr failure;
     try {
         co_await launch(QUrl::fromLocalFile(build.path), kInstalledExecutable);
