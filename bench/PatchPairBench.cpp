@@ -35,7 +35,7 @@ const QString kNoLauncherUpdate = QStringLiteral("file:///dev/null/no-launcher-m
 
 struct Packed {
     QString manifest, index;
-    qint64 archiveBytes = -1, newChunks = -1, newChunkBytes = -1, indexBytes = -1;
+    qint64 archiveBytes = -1, newChunks = -1, newChunkBytes = -1, indexBytes = -1, jsonBytes = -1;
 };
 
 // Packs `source` into `store`, served at /rate8m/<storeName>, with its archive and index linked
@@ -64,6 +64,7 @@ Packed pack(const TestServer& server, const QString& source, const QString& vers
     packed.manifest = run.line(QStringLiteral("manifest"));
     packed.index = run.line(QStringLiteral("index"));
     packed.archiveBytes = QFileInfo(run.line(QStringLiteral("archive"))).size();
+    packed.jsonBytes = QFileInfo(packed.index).size();
     packed.indexBytes = QFileInfo(compressed ? run.line(QStringLiteral("compressed index")) : packed.index).size();
     static const QRegularExpression count(QStringLiteral("\\((\\d+) new"));
     packed.newChunks = count.match(run.line(QStringLiteral("chunks"))).captured(1).toLongLong();
@@ -196,9 +197,9 @@ int benchAverage(const QTemporaryDir& work, int average, bool compressed) {
     for (const auto& pair : pairs) {
         const Packed& p = pair.packed;
         const double packShare = 100.0 * double(p.indexBytes + p.newChunkBytes) / double(p.archiveBytes);
-        std::printf("%s: archive %lld bytes; pack says index %lld bytes + %lld new chunks of %lld bytes = %.2f %% "
-                    "of the archive\n",
-                    pair.name, p.archiveBytes, p.indexBytes, p.newChunks, p.newChunkBytes, packShare);
+        std::printf("%s: archive %lld bytes; pack says index %lld bytes (JSON %lld) + %lld new chunks of %lld bytes = "
+                    "%.2f %% of the archive\n",
+                    pair.name, p.archiveBytes, p.indexBytes, p.jsonBytes, p.newChunks, p.newChunkBytes, packShare);
         Traffic traffic[2];
         Press presses[2];
         for (const bool chunks : {false, true}) {
