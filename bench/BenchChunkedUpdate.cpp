@@ -22,8 +22,12 @@
 //
 //   BenchChunkedUpdate          a 1 GiB build, B three times
 //   BenchChunkedUpdate 256 1    another size in MiB, and how often B runs
+//   BenchChunkedUpdate pairs    the hotfix and engine-patch pairs instead (PatchPairBench.cpp);
+//                               `pairs 1024 0 16384z`: a size in MiB, then chunk averages (0: the
+//                               default), "z" for a compressed index
 
 #include "LauncherBundles.h"
+#include "PatchPairBench.h"
 #include "PatchedBuilds.h"
 #include "RealLauncher.h"
 #include "ReleaseTool.h"
@@ -271,6 +275,17 @@ int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
     QElapsedTimer wall;
     wall.start();
+    if (argc > 1 && qstrcmp(argv[1], "pairs") == 0) {
+        if (qEnvironmentVariableIsEmpty("ZENTHO_BUILD_DIR"))
+            qputenv("ZENTHO_BUILD_DIR", QFile::encodeName(QCoreApplication::applicationDirPath() + QStringLiteral("/..")));
+        QStringList runs;
+        for (int i = 3; i < argc; ++i)
+            runs << QString::fromLatin1(argv[i]);
+        const int status = benchPatchPairs((argc > 2 ? std::max(256LL, QByteArray(argv[2]).toLongLong()) : 1024) * kMiB,
+                                           runs.isEmpty() ? QStringList{QStringLiteral("0")} : runs);
+        std::printf("bench wall time: %.0f s\n", double(wall.elapsed()) / 1000);
+        return status;
+    }
     const qint64 total = (argc > 1 ? QByteArray(argv[1]).toLongLong() : 1024) * kMiB;
     const int chunkRounds = argc > 2 ? std::max(1, QByteArray(argv[2]).toInt()) : 3;
     if (total < 64 * kMiB) {

@@ -17,9 +17,12 @@
 #include "TestServer.h"
 #include "TreeSnapshot.h"
 
+#include "formats/ChunkIndex.h"
+#include "formats/CompressedChunkIndex.h"
 #include "formats/ReleaseManifest.h"
 #include "storage/BuildIndexes.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -122,15 +125,19 @@ class TestChunkedUpdates : public QObject {
                              levels.replace("level 9000: ", "level 9000: boss "));
         TestFiles::writeFile(folder + QStringLiteral("/data/maps/arena.map"), TestFiles::randomBytes(500000, 12));
     }
-    Run packAndPublish(const QString& version) {
+    // Packs and publishes `version` into the store `store`, served at /<store>, its archive and
+    // index at /<builds>.
+    Run packAndPublish(const QString& version, const QString& builds = QStringLiteral("builds"),
+                       const QString& store = QStringLiteral("store"), const QStringList& extra = {}) {
+        const QString storeUrl = store == QLatin1String("store") ? QStringLiteral("/chunks") : QLatin1Char('/') + store;
         const Run packed = ReleaseTool::packGameWithChunks(
-            path(QStringLiteral("game-") + version), version, server_->url(QStringLiteral("/builds")).toString(),
-            path(QStringLiteral("out-") + version), path(QStringLiteral("store")),
-            server_->url(QStringLiteral("/chunks")).toString());
+            path(QStringLiteral("game-") + version), version, server_->url(QLatin1Char('/') + builds).toString(),
+            path(QStringLiteral("out-") + builds + QLatin1Char('-') + version), path(store),
+            server_->url(storeUrl).toString(), extra);
         if (!packed.ok())
             return packed;
         const Run published =
-            ReleaseTool::publishWithChunks(www(), path(QStringLiteral("store")), packed.line(QStringLiteral("manifest")));
+            ReleaseTool::publishWithChunks(www(), path(store), packed.line(QStringLiteral("manifest")));
         return published.ok() ? packed : published;
     }
     // Serves `manifest` and returns its address.
@@ -250,6 +257,79 @@ private slots:
         QVERIFY(fetched(gets, manifest031_.chunks->index.path()));
         verifyInstalled031();
         QCOMPARE(keptIndexOf031(), std::optional<QByteArray>(index031_));
+    }
+
+    // A release cut into smaller chunks than the build on disk was: the launcher cuts 0.3.0 the
+    // new way to find what it has, and fetches only the small chunks it lacks.
+    void smallerChunksThanTheKeptIndexComeTheSameWay() {
+        const QStringList small{QStringLiteral("--chunk-average"), QStringLiteral("16384")};
+        // 0.3.0 only into the store (a lower version is not published after 0.3.1): its index
+        // tells which chunks the launcher finds in the build on disk.
+        const Run first = ReleaseTool::packGameWithChunks(
+            path(QStringLiteral("game-0.3.0")), k030, server_->url(QStringLiteral("/builds16")).toString(),
+            path(QStringLiteral("out-builds16-0.3.0")), path(QStringLiteral("store16")),
+            server_->url(QStringLiteral("/store16")).toString(), small);
+        QVERIFY2(first.ok(), first.errors.constData());
+        const Run second = packAndPublish(k031, QStringLiteral("builds16"), QStringLiteral("store16"), small);
+        QVERIFY2(second.ok(), second.errors.constData());
+        const QByteArray index031 = TestFiles::readFile(second.line(QStringLiteral("index")));
+        QCOMPARE(ChunkIndex::decode(index031).chunking, (ChunkSizes{4096, 16384, 65536}));
+        const QSet<QString> missing = chunksOf(index031) - chunksOf(TestFiles::readFile(first.line(QStringLiteral("index"))));
+        QVERIFY(chunksOf(index031).size() > chunks031_ * 2);
+        const ReleaseManifest manifest = ReleaseManifest::decode(TestFiles::readFile(second.line(QStringLiteral("manifest"))));
+
+        QCOMPARE(press(serve(QStringLiteral("small-0.3.1"), manifest)), build(k031));
+        const QList<Get> gets = getsSinceStart();
+        QCOMPARE(printed(setOf(chunkGets(gets, QStringLiteral("/store16")))), printed(missing));
+        QVERIFY(!fetched(gets, manifest.url.path()));
+        verifyInstalled031();
+        QCOMPARE(keptIndexOf031(), std::optional<QByteArray>(index031));
+    }
+
+    // 0.3.1 packed with its index compressed too: the launcher fetches that file instead of the
+    // JSON, and keeps the very JSON it holds.
+    void aCompressedIndexIsFetchedInsteadOfTheJson() {
+        const Run packed = packAndPublish(k031, QStringLiteral("buildsz"), QStringLiteral("store"),
+                                          {QStringLiteral("--compressed-index")});
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        const ReleaseManifest manifest = ReleaseManifest::decode(TestFiles::readFile(packed.line(QStringLiteral("manifest"))));
+        QVERIFY(manifest.chunks && manifest.chunks->compressedIndex.isValid());
+        QCOMPARE(manifest.chunks->sha256, manifest031_.chunks->sha256);
+        const qint64 compressedBytes = QFileInfo(www() + manifest.chunks->compressedIndex.path()).size();
+        QVERIFY2(compressedBytes > 0 && compressedBytes * 2 < index031_.size(), qPrintable(QString::number(compressedBytes)));
+
+        QCOMPARE(press(serve(QStringLiteral("compressed-0.3.1"), manifest)), build(k031));
+        const QList<Get> gets = getsSinceStart();
+        QVERIFY(fetched(gets, manifest.chunks->compressedIndex.path()));
+        QVERIFY(!fetched(gets, manifest.chunks->index.path()));
+        QVERIFY(!fetched(gets, manifest.url.path()));
+        QCOMPARE(printed(setOf(chunkGets(gets, QStringLiteral("/chunks")))), printed(missing_));
+        verifyInstalled031();
+        QCOMPARE(keptIndexOf031(), std::optional<QByteArray>(index031_));
+    }
+    // Its twins: a compressed index whose file is not the one named, or which holds another
+    // index than the one named (0.3.0's, under its own right digest), is never used: the archive.
+    void aCompressedIndexThatIsNotTheNamedOneIsNeverUsed_data() {
+        QTest::addColumn<bool>("otherFileDigest");
+        QTest::newRow("file of another digest") << true;
+        QTest::newRow("holds another index") << false;
+    }
+    void aCompressedIndexThatIsNotTheNamedOneIsNeverUsed() {
+        QFETCH(bool, otherFileDigest);
+        const QByteArray frame = CompressedChunkIndex::compress(otherFileDigest ? index031_ : index030_);
+        server_->writeFile(QStringLiteral("other/index.chunks.json.zst"), frame);
+        ReleaseManifest manifest = manifest031_;
+        manifest.chunks->compressedIndex = server_->url(QStringLiteral("/other/index.chunks.json.zst"));
+        manifest.chunks->compressedSha256 =
+            otherFileDigest ? QString::fromLatin1(QByteArray(64, 'e'))
+                            : QString::fromLatin1(QCryptographicHash::hash(frame, QCryptographicHash::Sha256).toHex());
+
+        QCOMPARE(press(serve(QStringLiteral("other-compressed-0.3.1"), manifest)), build(k031));
+        const QList<Get> gets = getsSinceStart();
+        QVERIFY(fetched(gets, QStringLiteral("/other/index.chunks.json.zst")));
+        QCOMPARE(chunkGets(gets, QStringLiteral("/chunks")), QStringList());
+        QVERIFY(fetched(gets, archivePath()));
+        verifyInstalled031();
     }
 
     // The same release without chunks comes as its archive and gives the same build.

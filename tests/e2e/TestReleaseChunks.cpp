@@ -17,6 +17,7 @@
 
 #include "formats/ChunkIndex.h"
 #include "formats/ChunkStore.h"
+#include "formats/CompressedChunkIndex.h"
 #include "formats/ReleaseManifest.h"
 
 #include <QDir>
@@ -348,6 +349,119 @@ private slots:
         ::chmod(QFile::encodeName(source + QStringLiteral("/zentho")).constData(), 0755);
         const Run packed = packWithChunks(source, QStringLiteral("0.3.0"), path(QStringLiteral("out")), {QStringLiteral("--force")});
         QVERIFY2(packed.ok(), packed.errors.constData());
+    }
+
+    // --chunk-average cuts the same build into smaller chunks, which a launcher reads from the
+    // index's sizes: more chunks, and fewer new bytes for the same small edits.
+    void aSmallerChunkAverageMakesSmallerPatches() {
+        const QString source030 = makeRelease030();
+        const QString source031 = makeRelease031(source030);
+        QVERIFY(!source031.isEmpty());
+        const QString store16 = path(QStringLiteral("store16"));
+        const QStringList small{QStringLiteral("--chunk-average"), QStringLiteral("16384")};
+        QList<Run> runs;
+        for (const QString& version : {QStringLiteral("0.3.0"), QStringLiteral("0.3.1")}) {
+            const QString source = version == QLatin1String("0.3.0") ? source030 : source031;
+            runs << packWithChunks(source, version, path(QStringLiteral("out-") + version));
+            runs << ReleaseTool::packGameWithChunks(source, version, kBase, path(QStringLiteral("out16-") + version),
+                                                    store16, kStoreUrl, small);
+        }
+        for (const Run& run : runs)
+            QVERIFY2(run.ok(), run.errors.constData());
+        const ChunkIndex small031 = ChunkIndex::decode(TestFiles::readFile(runs[3].line(QStringLiteral("index"))));
+        QCOMPARE(small031.chunking, (ChunkSizes{4096, 16384, 65536}));
+        QVERIFY2(chunkCounts(runs[3])[0] > 3 * chunkCounts(runs[2])[0], runs[3].output.constData());
+        QVERIFY2(newChunkBytes(runs[3]) < newChunkBytes(runs[2]),
+                 (runs[2].output + runs[3].output).constData());
+        const Run checked = ReleaseTool::verify(runs[3], {QStringLiteral("--chunks"), store16});
+        QVERIFY2(checked.ok(), checked.errors.constData());
+    }
+
+    // --compressed-index writes the index once more as one zstd frame, which the manifest names
+    // beside the JSON; verify checks it holds the very index named, and publish lays it out
+    // before the JSON.
+    void aCompressedIndexIsPackedCheckedAndPublished() {
+        const Run packed = packWithChunks(makeRelease030(), QStringLiteral("0.3.0"), path(QStringLiteral("out")),
+                                          {QStringLiteral("--compressed-index")});
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        const QString compressed = packed.line(QStringLiteral("compressed index"));
+        QCOMPARE(compressed, path(QStringLiteral("out/zentho-0.3.0-macos-arm64.chunks.json.zst")));
+        const QByteArray json = TestFiles::readFile(packed.line(QStringLiteral("index")));
+        const QByteArray frame = TestFiles::readFile(compressed);
+        QCOMPARE(CompressedChunkIndex::decompress(frame), json);
+        QCOMPARE(packed.line(QStringLiteral("compressed index bytes")),
+                 QStringLiteral("%1 (of %2)").arg(frame.size()).arg(json.size()));
+        const QString manifestPath = packed.line(QStringLiteral("manifest"));
+        const ReleaseManifest manifest = ReleaseManifest::decode(TestFiles::readFile(manifestPath));
+        QCOMPARE(manifest.chunks->compressedIndex.toString(), kBase + QStringLiteral("/zentho-0.3.0-macos-arm64.chunks.json.zst"));
+        QCOMPARE(manifest.chunks->compressedSha256, TestArchives::sha256sum(compressed));
+        QCOMPARE(manifest.chunks->sha256, TestArchives::sha256sum(packed.line(QStringLiteral("index"))));
+
+        const Run checked = ReleaseTool::verify(packed, {QStringLiteral("--chunks"), store()});
+        QVERIFY2(checked.ok() && checked.output.endsWith(", chunk index, compressed index, " +
+                                                         QByteArray::number(chunkCounts(packed)[0]) + " chunks checked\n"),
+                 (checked.output + checked.errors).constData());
+        const QString www = path(QStringLiteral("www"));
+        const Run published = ReleaseTool::publishWithChunks(www, store(), manifestPath);
+        QVERIFY2(published.ok(), published.errors.constData());
+        QVERIFY2(published.output.contains("\ncompressed index: " + QFile::encodeName(www) +
+                                           "/builds/zentho-0.3.0-macos-arm64.chunks.json.zst\nindex: "),
+                 published.output.constData());
+        QCOMPARE(TestFiles::readFile(www + QStringLiteral("/builds/zentho-0.3.0-macos-arm64.chunks.json.zst")), frame);
+    }
+
+    // Its twins: a compressed index that is missing, has another digest, or holds another index
+    // under its own right digest fails verify; and the option needs a store.
+    void verifyFailsOnACompressedIndexThatIsNotTheNamedOne() {
+        const QString source = makeRelease030();
+        const Run packed = packWithChunks(source, QStringLiteral("0.3.0"), path(QStringLiteral("out")),
+                                          {QStringLiteral("--compressed-index")});
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        const QString compressed = packed.line(QStringLiteral("compressed index"));
+        const QByteArray frame = TestFiles::readFile(compressed);
+        const QString manifestPath = packed.line(QStringLiteral("manifest"));
+        const QByteArray manifest = TestFiles::readFile(manifestPath);
+
+        QVERIFY(QFile::remove(compressed));
+        Run checked = ReleaseTool::verify(packed);
+        QVERIFY2(checked.failedWithOneLine() && checked.errors.contains("index: " + QFile::encodeName(compressed) + " is missing"),
+                 checked.errors.constData());
+
+        const QByteArray other = CompressedChunkIndex::compress(TestFiles::readFile(packed.line(QStringLiteral("index"))) + " ");
+        TestFiles::writeFile(compressed, other);
+        checked = ReleaseTool::verify(packed);
+        QVERIFY2(checked.failedWithOneLine() && checked.errors.contains("index: the compressed index's digest is"),
+                 checked.errors.constData());
+
+        QByteArray relinked = manifest;
+        relinked.replace(ReleaseManifest::decode(manifest).chunks->compressedSha256.toUtf8(),
+                         TestArchives::sha256sum(compressed).toUtf8());
+        TestFiles::writeFile(manifestPath, relinked);
+        checked = ReleaseTool::verify(packed);
+        QVERIFY2(checked.failedWithOneLine() && checked.errors.contains("does not hold the index the manifest names"),
+                 checked.errors.constData());
+
+        TestFiles::writeFile(compressed, frame);
+        TestFiles::writeFile(manifestPath, manifest);
+        QVERIFY(ReleaseTool::verify(packed).ok());
+        const Run alone = ReleaseTool::packGame(source, QStringLiteral("0.3.0"), kBase, path(QStringLiteral("out2")),
+                                                {QStringLiteral("--compressed-index")});
+        QVERIFY2(alone.exitCode == 2 && alone.errors.contains("--compressed-index needs --chunks"), alone.errors.constData());
+    }
+
+    // Chunk sizes the chunker or a launcher would refuse, and a size without a store.
+    void packRefusesAChunkAverageItCannotUse() {
+        const QString source = makeRelease030();
+        for (const char* average : {"3000", "2048", "4097", "2097152", "16k", "+16384"}) {
+            const Run refused = packWithChunks(source, QStringLiteral("0.3.0"), path(QStringLiteral("out")),
+                                               {QStringLiteral("--chunk-average"), QString::fromLatin1(average)});
+            QVERIFY2(refused.exitCode == 2 && refused.errors.contains("--chunk-average"), average);
+        }
+        const Run alone = ReleaseTool::packGame(source, QStringLiteral("0.3.0"), kBase, path(QStringLiteral("out")),
+                                                {QStringLiteral("--chunk-average"), QStringLiteral("16384")});
+        QVERIFY2(alone.exitCode == 2 && alone.errors.contains("--chunk-average needs --chunks"), alone.errors.constData());
+        QVERIFY(!QFileInfo::exists(path(QStringLiteral("out"))));
+        QVERIFY(!QFileInfo::exists(store()));
     }
 
     void aDryRunCountsTheChunksAndWritesNone() {

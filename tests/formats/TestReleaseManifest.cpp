@@ -78,6 +78,64 @@ private slots:
         QVERIFY(!withoutChunks.encode().contains("chunks"));
     }
 
+    // A release with a compressed index names it beside the JSON one; launchers that know no
+    // compressed index see the same three keys as before.
+    void aCompressedIndexIsReadWhenWellFormed() {
+        QJsonObject chunks{{"index", "https://release.invalid/builds/i.chunks.json"},
+                           {"sha256", "5d41a9c07b3e8f2a6c1d94e7b8a0f3c2d6e9b1a47c8f05e3d2b6a9c1f7e4d083"},
+                           {"store", "https://release.invalid/chunks"}};
+        QJsonObject object = completeManifest();
+        object.insert("chunks", chunks);
+        const ReleaseManifest plain = ReleaseManifest::decode(json(object));
+        QVERIFY(plain.chunks && !plain.chunks->compressedIndex.isValid() && plain.chunks->compressedSha256.isEmpty());
+        QVERIFY(!plain.encode().contains("index_zst"));
+
+        chunks.insert("index_zst", "https://release.invalid/builds/i.chunks.json.zst");
+        chunks.insert("index_zst_sha256", "9e41a9c07b3e8f2a6c1d94e7b8a0f3c2d6e9b1a47c8f05e3d2b6a9c1f7e4d0ff");
+        object.insert("chunks", chunks);
+        const ReleaseManifest manifest = ReleaseManifest::decode(json(object));
+        QVERIFY(manifest.chunks.has_value());
+        QCOMPARE(manifest.chunks->compressedIndex.toString(), QStringLiteral("https://release.invalid/builds/i.chunks.json.zst"));
+        QCOMPARE(manifest.chunks->compressedSha256,
+                 QStringLiteral("9e41a9c07b3e8f2a6c1d94e7b8a0f3c2d6e9b1a47c8f05e3d2b6a9c1f7e4d0ff"));
+        QCOMPARE(manifest.chunks->index, plain.chunks->index);
+        QCOMPARE(manifest.chunks->sha256, plain.chunks->sha256);
+        QCOMPARE(ReleaseManifest::decode(manifest.encode()), manifest);
+    }
+    // Its twin: a compressed index without a digest, with a short one or without an address is
+    // left out alone, and the release's chunks are read from the JSON index.
+    void aMalformedCompressedIndexLeavesTheJsonIndex_data() {
+        QTest::addColumn<QJsonValue>("url");
+        QTest::addColumn<QJsonValue>("sha256");
+        const QJsonValue url("https://release.invalid/builds/i.chunks.json.zst");
+        const QJsonValue digest("9e41a9c07b3e8f2a6c1d94e7b8a0f3c2d6e9b1a47c8f05e3d2b6a9c1f7e4d0ff");
+        QTest::newRow("no digest") << url << QJsonValue(QJsonValue::Undefined);
+        QTest::newRow("short digest") << url << QJsonValue("9e41a9");
+        QTest::newRow("digest a number") << url << QJsonValue(7);
+        QTest::newRow("no address") << QJsonValue(QJsonValue::Undefined) << digest;
+        QTest::newRow("empty address") << QJsonValue("") << digest;
+        QTest::newRow("not a URL") << QJsonValue("http://[::1") << digest;
+    }
+    void aMalformedCompressedIndexLeavesTheJsonIndex() {
+        QFETCH(QJsonValue, url);
+        QFETCH(QJsonValue, sha256);
+        QJsonObject chunks{{"index", "https://release.invalid/builds/i.chunks.json"},
+                           {"sha256", "5d41a9c07b3e8f2a6c1d94e7b8a0f3c2d6e9b1a47c8f05e3d2b6a9c1f7e4d083"},
+                           {"store", "https://release.invalid/chunks"}};
+        QJsonObject object = completeManifest();
+        object.insert("chunks", chunks);
+        const ReleaseManifest plain = ReleaseManifest::decode(json(object));
+        if (!url.isUndefined())
+            chunks.insert("index_zst", url);
+        if (!sha256.isUndefined())
+            chunks.insert("index_zst_sha256", sha256);
+        object.insert("chunks", chunks);
+        const ReleaseManifest manifest = ReleaseManifest::decode(json(object));
+        QVERIFY(manifest.chunks.has_value());
+        QVERIFY(!manifest.chunks->compressedIndex.isValid());
+        QCOMPARE(manifest, plain);
+    }
+
     void aMalformedChunksMemberIsIgnoredLikeAnyUnknownKey_data() {
         QTest::addColumn<QJsonValue>("chunks");
         const QJsonObject good{{"index", "https://release.invalid/i.json"},

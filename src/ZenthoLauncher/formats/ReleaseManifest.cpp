@@ -73,6 +73,12 @@ std::optional<ReleaseChunks> optionalChunks(const QJsonObject& object) {
                          url(QStringLiteral("store"))};
     if (!result.index.isValid() || !result.store.isValid() || !isHexDigest(result.sha256))
         return std::nullopt;
+    const QUrl compressed = url(QStringLiteral("index_zst"));
+    const QString compressedSha256 = chunks.value(QStringLiteral("index_zst_sha256")).toString();
+    if (compressed.isValid() && isHexDigest(compressedSha256)) {
+        result.compressedIndex = compressed;
+        result.compressedSha256 = compressedSha256;
+    }
     return result;
 }
 
@@ -110,7 +116,12 @@ QByteArray ReleaseManifest::encode() const {
            ",\"sha256\":" + jsonString(sha256) + ",\"executable\":" + jsonString(executable) +
            (chunks ? ",\"chunks\":{\"index\":" + jsonString(chunks->index.toString(QUrl::FullyEncoded)) +
                          ",\"sha256\":" + jsonString(chunks->sha256) +
-                         ",\"store\":" + jsonString(chunks->store.toString(QUrl::FullyEncoded)) + "}"
+                         ",\"store\":" + jsonString(chunks->store.toString(QUrl::FullyEncoded)) +
+                         (chunks->compressedIndex.isValid()
+                              ? ",\"index_zst\":" + jsonString(chunks->compressedIndex.toString(QUrl::FullyEncoded)) +
+                                    ",\"index_zst_sha256\":" + jsonString(chunks->compressedSha256)
+                              : QByteArray()) +
+                         "}"
                    : QByteArray()) +
            (rollout ? ",\"rollout\":" + rollout->encode() : QByteArray()) + "}";
 }

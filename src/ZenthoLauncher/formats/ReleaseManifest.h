@@ -10,11 +10,14 @@
 #include <optional>
 
 // Where a release's build can also be fetched as chunks: the chunk index, its SHA-256 (64 hex
-// digits, either case) and the base address of the chunk store.
+// digits, either case) and the base address of the chunk store; and, when the release has one,
+// the same index zstd-compressed (CompressedChunkIndex) and the SHA-256 of that file.
 struct ReleaseChunks {
     QUrl index;
     QString sha256;
     QUrl store;
+    QUrl compressedIndex = QUrl();          // invalid when there is none
+    QString compressedSha256 = QString();
 
     bool operator==(const ReleaseChunks&) const = default;
 };
@@ -26,9 +29,11 @@ struct ReleaseManifest {
     QUrl url;         // the gzip tar archive
     QString sha256;   // 64 hex digits, either case
     QString executable;
-    // The optional member "chunks": {"index": URL, "sha256": HEX, "store": URL}. It never makes a
-    // manifest fail to decode: one that is malformed is left out, like any key not known here, and
-    // the release is then what the five keys say.
+    // The optional member "chunks": {"index": URL, "sha256": HEX, "store": URL}, which may add
+    // "index_zst": URL and "index_zst_sha256": HEX (launchers that know no compressed index read
+    // the JSON one). It never makes a manifest fail to decode: one that is malformed is left out,
+    // like any key not known here, and the release is then what the five keys say; a malformed
+    // compressed index is left out alone.
     std::optional<ReleaseChunks> chunks = std::nullopt; // defaulted, so five-field initialisers stay complete
     // The optional member "rollout" (see Rollout): the share of installations the release is
     // offered to. Malformed, it is left out like "chunks", and the release is offered to all.

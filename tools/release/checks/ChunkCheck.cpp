@@ -3,7 +3,9 @@
 #include "ReleaseCheck.h"
 #include "ReleaseFiles.h"
 
+#include "archive/Archive.h"
 #include "formats/ChunkStore.h"
+#include "formats/CompressedChunkIndex.h"
 #include "formats/TreeChunker.h"
 
 #include <QFile>
@@ -67,6 +69,23 @@ ChunkIndex readIndex(const QString& path, const ReleaseChunks& chunks) {
     } catch (const ChunkIndexError& error) {
         throw CheckFailed("index", QString::fromUtf8(error.what()));
     }
+}
+
+void checkCompressedIndex(const QString& path, const ReleaseChunks& chunks) {
+    if (!QFile::exists(path))
+        throw CheckFailed("index", path + QStringLiteral(" is missing"));
+    const QString digest = ReleaseFiles::sha256OfFile(path);
+    if (digest != chunks.compressedSha256.toLower())
+        throw CheckFailed("index", QStringLiteral("the compressed index's digest is %1, the manifest says \"%2\"")
+                                       .arg(digest, chunks.compressedSha256));
+    QByteArray json;
+    try {
+        json = CompressedChunkIndex::decompress(ReleaseFiles::readFile(path));
+    } catch (const ChunkIndexError& error) {
+        throw CheckFailed("index", QString::fromUtf8(error.what()));
+    }
+    if (sha256Hex(json) != chunks.sha256.toLower())
+        throw CheckFailed("index", path + QStringLiteral(" does not hold the index the manifest names"));
 }
 
 void compareWithTree(const ChunkIndex& index, const QString& folder) {

@@ -14,6 +14,10 @@ namespace ChunkCheck {
 // launcher's own strict reading.
 ChunkIndex readIndex(const QString& path, const ReleaseChunks& chunks);
 
+// The compressed index at `path`, whose SHA-256 must be the one `chunks` gives for it and which
+// must decompress, as a launcher does, to exactly the index the manifest names.
+void checkCompressedIndex(const QString& path, const ReleaseChunks& chunks);
+
 // The index must describe the unpacked build at `folder` exactly: the same entries in the same
 // order, kinds, symlink targets, sizes, digests and chunk cuts, and the same modes as far as the
 // unpacking process's umask lets them show.

@@ -87,8 +87,8 @@ void checkFields(const ReleaseManifest& manifest, const QString& archive) {
         !problem.isEmpty())
         throw CheckFailed("executable", problem);
     if (manifest.chunks) {
-        for (const QUrl& url : {manifest.chunks->index, manifest.chunks->store}) {
-            if (url.scheme() != QLatin1String("https") && url.scheme() != QLatin1String("http"))
+        for (const QUrl& url : {manifest.chunks->index, manifest.chunks->store, manifest.chunks->compressedIndex}) {
+            if (url.isValid() && url.scheme() != QLatin1String("https") && url.scheme() != QLatin1String("http"))
                 throw CheckFailed("chunks", url.toString() + QStringLiteral(" is not an http or https address"));
         }
     }
@@ -174,6 +174,11 @@ CheckedRelease check(const QString& manifestPath, const QString& archivePath,
                                                              manifest.chunks->index.fileName()
                                                        : chunkFiles.index;
         release.index = ChunkCheck::readIndex(*release.indexPath, *manifest.chunks);
+        if (manifest.chunks->compressedIndex.isValid()) {
+            release.compressedIndexPath = QFileInfo(*release.indexPath).absolutePath() + QLatin1Char('/') +
+                                          manifest.chunks->compressedIndex.fileName();
+            ChunkCheck::checkCompressedIndex(*release.compressedIndexPath, *manifest.chunks);
+        }
     }
     checkContents(manifest, archivePath, keys.seal, release.index);
     qint64 chunkCount = -1;
@@ -190,6 +195,8 @@ CheckedRelease check(const QString& manifestPath, const QString& archivePath,
         checks << QStringLiteral("seal") << QStringLiteral("libraries") << QStringLiteral("version");
     if (release.index)
         checks << QStringLiteral("chunk index");
+    if (release.compressedIndexPath)
+        checks << QStringLiteral("compressed index");
     if (chunkCount >= 0)
         checks << QStringLiteral("%1 chunks").arg(chunkCount);
     release.checks = checks.join(QStringLiteral(", "));

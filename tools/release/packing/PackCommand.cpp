@@ -12,6 +12,7 @@
 #include "ReleaseTree.h"
 
 #include "archive/Archive.h"
+#include "formats/CompressedChunkIndex.h"
 #include "formats/ManifestExpiry.h"
 #include "formats/ReleaseManifest.h"
 #include "trust/ManifestSignature.h"
@@ -34,7 +35,8 @@ const char kUsage[] =
     "usage: zentho-release pack --platform P --version V --executable E --url-base URL\n"
     "                           [--out DIR] [--force] [--dry-run] [--key PUBLIC_KEY]...\n"
     "                           [--sign-key KEY [--expires-in DAYS]]\n"
-    "                           [--chunks STORE_DIR --chunks-url URL] SRC\n"
+    "                           [--chunks STORE_DIR --chunks-url URL [--chunk-average BYTES]\n"
+    "                            [--compressed-index]] SRC\n"
     "\n"
     "Packs a release and writes its manifest. Two kinds of release:\n"
     "  game      --platform macos-arm64: SRC is the build folder; its content becomes the top\n"
@@ -61,9 +63,19 @@ const char kUsage[] =
     "                         gains \"chunks\": {index: URL/zentho-V-P.chunks.json, sha256: the\n"
     "                         index's digest, store: the --chunks-url}. Keep STORE_DIR between\n"
     "                         releases: a later release adds only the chunks that changed\n"
+    "  --chunk-average BYTES  chunks of about BYTES (a power of two from 4096 to 1048576; at\n"
+    "                         least a quarter, at most four times as long) instead of 65536:\n"
+    "                         smaller chunks make patches of scattered edits smaller and the\n"
+    "                         index longer. Keep it from release to release: chunks cut to\n"
+    "                         another size do not match the earlier release's\n"
+    "  zentho-V-P.chunks.json.zst with --compressed-index: the same index as one zstd frame,\n"
+    "                         about half its size; the manifest's \"chunks\" gains index_zst:\n"
+    "                         its URL and index_zst_sha256: its digest. Launchers that know it\n"
+    "                         fetch it instead of the JSON, the others the JSON\n"
     "and prints one line each: archive:, size: (bytes), sha256:, manifest:, and signature: and\n"
     "expires: when signed; with --chunks also index:, index sha256:, chunks: (in the build, new,\n"
-    "already in the store) and new chunk bytes: (compressed, added to the store). Existing\n"
+    "already in the store) and new chunk bytes: (compressed, added to the store), and with\n"
+    "--compressed-index compressed index: and its size: compressed index bytes:. Existing\n"
     "files are kept unless --force is given (a stale signature is then removed). --dry-run makes\n"
     "every check and prints the same lines, the manifest's text after \"content: \", and writes\n"
     "nothing. Publish the result with \"zentho-release publish\".\n"
@@ -91,6 +103,8 @@ struct PackOptions {
     std::optional<int> expiresInDays;
     QString chunkStore; // empty without --chunks
     QString chunkStoreUrl;
+    ChunkSizes chunkSizes = kDefaultChunkSizes;
+    bool compressedIndex = false;
 };
 
 QString text(const std::string& value) {
@@ -111,6 +125,23 @@ int parseDays(const std::string& value) {
     return days;
 }
 
+// --chunk-average: a power of two that keeps chunks between a page and what a launcher holds in
+// memory at once; the bounds around it are the default's proportions.
+ChunkSizes parseChunkAverage(const std::string& value) {
+    std::size_t used = 0;
+    long long average = 0;
+    try {
+        average = std::stoll(value, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
+    if (used != value.size() || value.empty() || value[0] == '+' || average < 4096 || average > 1048576 ||
+        (average & (average - 1)) != 0)
+        throw UsageError("--chunk-average must be a power of two from 4096 to 1048576, not \"" + value + "\"");
+    const auto bytes = static_cast<std::size_t>(average);
+    return ChunkSizes{bytes / 4, bytes, bytes * 4};
+}
+
 // An http or https address without query or fragment, without trailing "/".
 QString baseAddress(const char* option, QString value) {
     while (value.endsWith(QLatin1Char('/')))
@@ -127,8 +158,8 @@ QString baseAddress(const char* option, QString value) {
 PackOptions parse(const std::vector<std::string>& arguments) {
     const ReleaseOptions given(arguments,
                                {"--platform", "--version", "--executable", "--url-base", "--out",
-                                "--key", "--sign-key", "--expires-in", "--chunks", "--chunks-url"},
-                               {"--force", "--dry-run"});
+                                "--key", "--sign-key", "--expires-in", "--chunks", "--chunks-url", "--chunk-average"},
+                               {"--force", "--dry-run", "--compressed-index"});
     PackOptions options;
     options.platform = text(given.required("--platform", "P"));
     options.version = text(given.required("--version", "V"));
@@ -148,6 +179,14 @@ PackOptions parse(const std::vector<std::string>& arguments) {
     options.chunkStoreUrl = text(given.one("--chunks-url").value_or(std::string()));
     if (options.chunkStore.isEmpty() != options.chunkStoreUrl.isEmpty())
         throw UsageError("--chunks STORE_DIR and --chunks-url URL go together");
+    if (const std::optional<std::string> average = given.one("--chunk-average")) {
+        if (options.chunkStore.isEmpty())
+            throw UsageError("--chunk-average needs --chunks STORE_DIR");
+        options.chunkSizes = parseChunkAverage(*average);
+    }
+    options.compressedIndex = given.has("--compressed-index");
+    if (options.compressedIndex && options.chunkStore.isEmpty())
+        throw UsageError("--compressed-index needs --chunks STORE_DIR");
     if (given.operands().size() > 1)
         throw UsageError("more than one SRC given");
     if (given.operands().empty() || given.operands().front().empty())
@@ -280,10 +319,12 @@ int runPack(const std::vector<std::string>& arguments) {
     const QString archive = out + QLatin1Char('/') + archiveName;
     const QString indexName = QStringLiteral("zentho-%1-%2.chunks.json").arg(options.version, options.platform);
     const QString indexPath = out + QLatin1Char('/') + indexName;
+    const QString compressedName = indexName + QStringLiteral(".zst");
+    const QString compressedPath = out + QLatin1Char('/') + compressedName;
     const QString manifestPath = out + QLatin1Char('/') + options.platform + QStringLiteral("-manifest.json");
     const QString signaturePath = manifestPath + QStringLiteral(".sig");
-    for (const QString& path : {archive, indexPath, manifestPath, signaturePath}) {
-        if (path == indexPath && store.isEmpty())
+    for (const QString& path : {archive, indexPath, compressedPath, manifestPath, signaturePath}) {
+        if ((path == indexPath && store.isEmpty()) || (path == compressedPath && !options.compressedIndex))
             continue;
         if (!options.force && QFileInfo(path).exists())
             throw failure(path + QStringLiteral(" already exists; use --force to replace it"));
@@ -306,11 +347,19 @@ int runPack(const std::vector<std::string>& arguments) {
     // Chunks and index go down after the archive and before the manifest that names them.
     std::optional<ChunkedRelease> chunked;
     if (!store.isEmpty()) {
-        chunked = ChunkedRelease::make(source, store, kDefaultChunkSizes, options.dryRun);
+        chunked = ChunkedRelease::make(source, store, options.chunkSizes, options.dryRun);
         if (!options.dryRun)
             ReleaseFiles::writeFileAtomically(indexPath, chunked->json);
         manifest.chunks = ReleaseChunks{QUrl(options.urlBase + QLatin1Char('/') + indexName, QUrl::StrictMode),
                                         chunked->sha256, QUrl(options.chunkStoreUrl, QUrl::StrictMode)};
+    }
+    QByteArray compressed;
+    if (chunked && options.compressedIndex) {
+        compressed = CompressedChunkIndex::compress(chunked->json);
+        if (!options.dryRun)
+            ReleaseFiles::writeFileAtomically(compressedPath, compressed);
+        manifest.chunks->compressedIndex = QUrl(options.urlBase + QLatin1Char('/') + compressedName, QUrl::StrictMode);
+        manifest.chunks->compressedSha256 = sha256Hex(compressed);
     }
     QByteArray json = manifest.encode();
     std::optional<QString> expires;
@@ -343,6 +392,9 @@ int runPack(const std::vector<std::string>& arguments) {
                     static_cast<long long>(chunked->added), static_cast<long long>(chunked->chunks - chunked->added),
                     static_cast<long long>(chunked->addedBytes), static_cast<long long>(chunked->buildBytes));
     }
+    if (!compressed.isEmpty())
+        std::printf("compressed index: %s\ncompressed index bytes: %lld (of %lld)\n", qPrintable(compressedPath),
+                    static_cast<long long>(compressed.size()), static_cast<long long>(chunked->json.size()));
     if (signingKey)
         std::printf("signature: %s\n", qPrintable(signaturePath));
     if (expires)

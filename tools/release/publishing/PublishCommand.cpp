@@ -39,7 +39,8 @@ const char kUsage[] =
     "serves them from its document root:\n"
     "  DIR/release/P-manifest.json[.sig]   each release's manifest and signature\n"
     "  DIR/<path of the url>               each archive, e.g. DIR/release/zentho-V-P.tar.gz\n"
-    "  DIR/<path of the chunks' index url> a release's chunk index, when it names chunks\n"
+    "  DIR/<path of the chunks' index url> a release's chunk index, when it names chunks, and\n"
+    "                                      its compressed index (index_zst) when it names one\n"
     "  DIR/<path of the store url>/ab/...  each chunk of its index, copied from STORE_DIR\n"
     "Every release is first checked as \"zentho-release verify\" does (same keys); nothing is\n"
     "written unless all pass (with --chunks, every chunk of every index too, and a game release\n"
@@ -69,7 +70,8 @@ const char kUsage[] =
     "bundle states them in Contents/Resources/trusted-seal-keys.pem), since those are what\n"
     "players' launchers check it with; with no launcher published there, or one that states none,\n"
     "with this build's keys; --key checks with the keys given instead.\n"
-    "Prints one line per file: chunks: (how many copied and kept), index:, archive:,\n"
+    "Prints one line per file: chunks: (how many copied and kept), compressed index:, index:,\n"
+    "archive:,\n"
     "signature:, manifest: (\"kept\" for a file that is already in place). --dry-run checks and\n"
     "prints, and writes nothing.\n";
 
@@ -85,6 +87,8 @@ struct Placement {
     // With chunks: the index, the store's folder and the chunks to lay out there.
     QString index;
     bool indexThere = false;
+    QString compressedIndex; // empty when the release has none
+    bool compressedIndexThere = false;
     QString store;
     std::vector<QString> chunks; // names of the chunks to copy, each once
     qint64 chunksKept = 0;       // sound chunks already there
@@ -239,6 +243,17 @@ Placement place(PublishTarget& target, const QString& manifestPath, ReleaseCheck
                                      " names the place of another file of the release");
         placement.indexThere = alreadyPublished(target, placement.index, manifest.chunks->sha256, "chunk index",
                                                  manifest.platform);
+        if (manifest.chunks->compressedIndex.isValid()) {
+            placement.compressedIndex = destination(manifest.chunks->compressedIndex, "a chunk index");
+            if (placement.compressedIndex == placement.manifest || placement.compressedIndex == placement.signature ||
+                placement.compressedIndex == placement.archive || placement.compressedIndex == placement.index)
+                throw std::runtime_error("the compressed index's url " +
+                                         manifest.chunks->compressedIndex.toString().toStdString() +
+                                         " names the place of another file of the release");
+            placement.compressedIndexThere = alreadyPublished(target, placement.compressedIndex,
+                                                              manifest.chunks->compressedSha256,
+                                                              "chunk index", manifest.platform);
+        }
         std::set<QString> names;
         for (const ChunkIndexEntry& entry : placement.release.index->entries) {
             for (const ChunkRef& chunk : entry.chunks) {
@@ -303,6 +318,12 @@ int runPublish(const std::vector<std::string>& arguments) {
             target->putAll(chunkStore, placement.chunks, placement.store);
         std::printf("chunks: %s (%lld copied, %lld kept)\n", qPrintable(target->name(placement.store)),
                     static_cast<long long>(placement.chunks.size()), static_cast<long long>(placement.chunksKept));
+        if (placement.release.compressedIndexPath) {
+            if (!dryRun && !placement.compressedIndexThere)
+                target->put(*placement.release.compressedIndexPath, placement.compressedIndex);
+            std::printf("compressed index: %s%s\n", qPrintable(target->name(placement.compressedIndex)),
+                        placement.compressedIndexThere ? " (kept)" : "");
+        }
         if (!dryRun && !placement.indexThere)
             target->put(*placement.release.indexPath, placement.index);
         std::printf("index: %s%s\n", qPrintable(target->name(placement.index)), placement.indexThere ? " (kept)" : "");
