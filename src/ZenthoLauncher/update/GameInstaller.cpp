@@ -111,12 +111,16 @@ QCoro::Task<bool> GameInstaller::placeFromChunks(const FetchedChunkIndex& releas
             co_return false;
 
         // The build and what passes through the cache at most; never an archive beside them.
-        FreeSpace::require({{context_.launcherRoot, buildBytes(index) + std::min(cacheCap, plan.keptBytes + plan.missingBytes)}},
-                           client.limits().freeSpaceReserve);
+        const qint64 cached = std::min(cacheCap, plan.keptBytes + plan.missingBytes);
+        FreeSpace::require({{context_.launcherRoot, buildBytes(index) + cached}}, client.limits().freeSpaceReserve);
         const PartialBuilds partials(context_.files, context_.launcherRoot);
         const QString folder = partials.folderFor(sha256Hex(release.bytes));
         partials.removeAllBut(folder);
-        const bool resuming = QFileInfo(folder).isDir();
+        // Only a folder of our own is taken up again; a link or file under its name goes.
+        const QFileInfo left(folder);
+        const bool resuming = left.isDir() && !left.isSymLink();
+        if (!resuming && (left.exists() || left.isSymLink()))
+            context_.files.removeItem(folder);
         StagingFolder staging(context_.files, folder);
         ChunkedBuild build{std::move(plan), store, folder,
                            resuming ? BuildWriter::Start::resume : BuildWriter::Start::empty, cacheCap,
