@@ -7,8 +7,7 @@
 // half text-like; 0.3.1 changes 1 % of the bytes in 20 files and adds a 5 MiB file), plus empty
 // folders, a private file and a symlink 0.3.1 points elsewhere, so that comparing the installed
 // trees covers every kind of entry. Both are packed with the real zentho-release into one store.
-// The launcher installs 0.3.0 itself (nothing to take chunks from, so from its archive, keeping
-// its index); each run starts from a copy of that storage at the same path, since a kept index
+// The launcher installs 0.3.0 itself (a first install, from its chunks, keeping its index); each run starts from a copy of that storage at the same path, since a kept index
 // names the folder of its build.
 //
 //   A  the 0.3.1 manifest without "chunks": the archive at 50 MiB/s (nginx limit_rate 50m)
@@ -16,6 +15,10 @@
 //      runs 6 at a time, so together they stay under 50 MiB/s
 //   C  as B without the kept indexes: the launcher reads 0.3.0 to find its chunks
 //   D  a press with 0.3.1 already in place: what every press costs besides the install
+//   FA a first install of 0.3.1 on an empty storage from its archive at 50 MiB/s
+//   FC the same from its chunks: the index at 50 MiB/s, the chunks six requests at a time at a
+//      sixth of that each; beside time and bytes, the most the storage took on the disk during
+//      each (sampled every few milliseconds) against the build's own size
 //
 // Exit status 0 when both goals are met, 2 when one is not, 1 when a run failed, B fell back to
 // the archive or the installed trees differ.
@@ -37,6 +40,7 @@
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QDirIterator>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
@@ -52,6 +56,8 @@
 #include <cstring>
 #include <functional>
 #include <random>
+
+#include <sys/stat.h>
 
 namespace {
 
@@ -115,13 +121,20 @@ Release pack(const TestServer& server, const QString& source, const QString& ver
     return release;
 }
 
-// Serves the manifest of `release`, without its "chunks" member unless `withChunks`; returns its URL.
-QString serveManifest(const TestServer& server, const Release& release, const QString& name, bool withChunks) {
+// Serves the manifest of `release`, without its "chunks" member unless `withChunks`, its chunk
+// store at `store` when given; returns its URL.
+QString serveManifest(const TestServer& server, const Release& release, const QString& name, bool withChunks,
+                      const QString& store = QString()) {
     QFile file(release.manifest);
     file.open(QIODevice::ReadOnly);
     QJsonObject manifest = QJsonDocument::fromJson(file.readAll()).object();
     if (!withChunks)
         manifest.remove(QStringLiteral("chunks"));
+    if (withChunks && !store.isEmpty()) {
+        QJsonObject chunks = manifest.value(QStringLiteral("chunks")).toObject();
+        chunks.insert(QStringLiteral("store"), store);
+        manifest.insert(QStringLiteral("chunks"), chunks);
+    }
     server.writeFile(QStringLiteral("manifests/") + name, QJsonDocument(manifest).toJson());
     return server.url(QStringLiteral("/manifests/") + name).toString();
 }
@@ -132,8 +145,22 @@ bool restore(const QString& pristine, const QString& data) {
            QProcess::execute(QStringLiteral("/bin/cp"), {QStringLiteral("-a"), pristine, data}) == 0;
 }
 
+// Bytes the files under `folder` take on the disk (allocated blocks), links not followed.
+qint64 diskUse(const QString& folder) {
+    qint64 total = 0;
+    QDirIterator it(folder, QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot,
+                    QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        struct stat info {};
+        if (::lstat(QFile::encodeName(it.next()).constData(), &info) == 0)
+            total += qint64(info.st_blocks) * 512;
+    }
+    return total;
+}
+
 struct Press {
     double seconds = -1; // from the launcher's start to the game's record
+    qint64 peakDisk = 0; // the most the data folder took on the disk at once, less what it took before
     QString cwd;         // where the game ran
     QList<QPair<QString, double>> signs; // when each sign of progress first showed
     std::optional<int> exit;
@@ -152,13 +179,15 @@ Press press(const TestServer& server, const QString& data, const QString& manife
     const QList<QPair<QString, std::function<bool()>>> watched{
         {QStringLiteral("archive bytes arriving"), [&] { return holds(root + QStringLiteral("/downloads")); }},
         {QStringLiteral("first chunk kept"), [&] { return holds(root + QStringLiteral("/chunks")); }},
-        {QStringLiteral("staging made"), [&] { return holds(root, {QStringLiteral("staging-*")}); }},
+        {QStringLiteral("staging made"),
+         [&] { return holds(root, {QStringLiteral("staging-*"), QStringLiteral("chunk-build-*")}); }},
         {QStringLiteral("build in place"), [&] { return QFileInfo::exists(root + QStringLiteral("/versions/") + version); }},
     };
     QList<bool> pending; // a sign there from the start tells nothing
     for (const auto& sign : watched)
         pending << !sign.second();
 
+    const qint64 diskBefore = diskUse(data);
     RealLauncher launcher(LauncherBundles::builtBundle(), data);
     launcher.useManifests(manifestUrl, kNoLauncherUpdate);
     launcher.recordGameStartIn(record);
@@ -175,6 +204,7 @@ Press press(const TestServer& server, const QString& data, const QString& manife
                 result.signs.append({watched[i].first, now});
             }
         }
+        result.peakDisk = std::max(result.peakDisk, diskUse(data) - diskBefore);
         QFile file(record);
         if (file.open(QIODevice::ReadOnly))
             recorded = file.readAll();
@@ -325,7 +355,7 @@ int main(int argc, char** argv) {
                 first.seconds, qPrintable(first.chunks), second.seconds, qPrintable(second.chunks), second.newChunkBytes);
     std::printf("archive 0.3.1: %lld bytes; index 0.3.1: %lld bytes\n", second.archiveBytes, QFileInfo(second.index).size());
 
-    // 0.3.0 through the launcher, as a player gets it: from its archive, its index kept.
+    // 0.3.0 through the launcher, as a player gets it: a first install, from its chunks, its index kept.
     const Press installed = press(server, data, serveManifest(server, first, QStringLiteral("0.3.0.json"), true), record,
                                   QStringLiteral("0.3.0"));
     const qsizetype kept = QDir(root + QStringLiteral("/indexes")).entryList({QStringLiteral("*.json")}, QDir::Files).size();
@@ -334,16 +364,19 @@ int main(int argc, char** argv) {
                      qPrintable(installed.cwd), qlonglong(kept), installed.errors.constData());
         return 1;
     }
-    std::printf("first install of 0.3.0 (archive, unthrottled): press->game %.2f s, index kept\n\n", installed.seconds);
+    std::printf("first install of 0.3.0 (chunks, 6 requests at 8 MiB/s each): press->game %.2f s, index kept\n\n",
+                installed.seconds);
 
     const QString archiveManifest = serveManifest(server, second, QStringLiteral("0.3.1-archive.json"), false);
     const QString chunksManifest = serveManifest(server, second, QStringLiteral("0.3.1-chunks.json"), true);
     const QString expected = root + QStringLiteral("/versions/") + kNew;
     bool allRan = true;
-    const auto runOnce = [&](const QString& manifest, bool fromPristine, bool withoutIndexes, bool snapshot) {
+    const auto runOnce = [&](const QString& manifest, bool fromPristine, bool withoutIndexes, bool snapshot,
+                             bool fromNothing = false) {
         Run run;
         if ((fromPristine && !restore(pristine, data)) ||
-            (withoutIndexes && !QDir(root + QStringLiteral("/indexes")).removeRecursively()))
+            (withoutIndexes && !QDir(root + QStringLiteral("/indexes")).removeRecursively()) ||
+            (fromNothing && !QDir(data).removeRecursively()))
             allRan = false;
         const int from = logLines(server);
         run.press = press(server, data, manifest, record, kNew);
@@ -357,6 +390,12 @@ int main(int argc, char** argv) {
             run.tree = TreeSnapshot::of(expected);
         return run;
     };
+    // First installs of 0.3.1 on an empty storage, both at 50 MiB/s: the archive in one request,
+    // the chunks six requests at a time, each at a sixth of that.
+    const QString firstChunksManifest = serveManifest(server, second, QStringLiteral("0.3.1-first-chunks.json"), true,
+                                                      server.url(QStringLiteral("/rate50m-by6/chunks")).toString());
+    const Run firstArchive = runOnce(archiveManifest, false, false, true, true);
+    const Run firstChunks = runOnce(firstChunksManifest, false, false, true, true);
     const Run a = runOnce(archiveManifest, true, false, true);
     QList<Run> bs;
     for (int i = 0; i < chunkRounds; ++i)
@@ -393,6 +432,40 @@ int main(int argc, char** argv) {
     }
     std::printf("\n");
 
+    // The first installs side by side, against the archive alone at 50 MiB/s.
+    const double archiveAlone = double(second.archiveBytes) / double(50 * kMiB);
+    std::printf("first install of 0.3.1 at 50 MiB/s on an empty storage; the archive alone takes %.2f s at that rate\n",
+                archiveAlone);
+    std::printf("%-14s %12s %8s %14s %8s %9s %14s %10s\n", "", "press->game", "/alone", "bytes fetched", "/archive",
+                "requests", "peak disk", "/build");
+    const qint64 buildSize = diskUse(expected);
+    bool firstAsked = false;
+    for (const auto& [name, run] : {std::pair<const char*, const Run*>{"FA archive", &firstArchive},
+                                    std::pair<const char*, const Run*>{"FC chunks", &firstChunks}}) {
+        const Traffic& t = run->traffic;
+        const qint64 bytes = t.archive.bytes + t.index.bytes + t.chunks.bytes;
+        std::printf("%-14s %10.2f s %8.3f %14lld %8.3f %9d %12lld B %10.3f\n", name, run->press.seconds,
+                    run->press.seconds / archiveAlone, bytes, double(bytes) / double(second.archiveBytes),
+                    t.archive.requests + t.index.requests + t.chunks.requests, run->press.peakDisk,
+                    double(run->press.peakDisk) / double(buildSize));
+        if (run == &firstChunks)
+            firstAsked = t.archive.requests > 0;
+        QString steps;
+        for (const auto& [sign, at] : run->press.signs)
+            steps += QStringLiteral("%1 %2 s, ").arg(sign).arg(at, 0, 'f', 2);
+        std::printf("    steps: %sgame running %.2f s\n", qPrintable(steps), run->press.seconds);
+    }
+    const qint64 fcBytes = firstChunks.traffic.index.bytes + firstChunks.traffic.chunks.bytes;
+    const double fcRatio = firstChunks.press.seconds / archiveAlone;
+    const bool firstSame = firstArchive.tree == a.tree && firstChunks.tree == a.tree;
+    std::printf("FC press->game / archive alone: %.3f (goal <= 1.05: %s); FC bytes / archive: %.3f (goal <= 1: %s); "
+                "FC peak disk / build on disk (%lld B): %.3f; FC asked for the archive: %s\n",
+                fcRatio, fcRatio <= 1.05 ? "met" : "NOT MET", double(fcBytes) / double(second.archiveBytes),
+                fcBytes <= second.archiveBytes ? "met" : "NOT MET", buildSize,
+                double(firstChunks.press.peakDisk) / double(buildSize), firstAsked ? "YES (fell back)" : "no");
+    std::printf("installed 0.3.1 of FA, FC and A (contents, kinds, modes, symlinks, folders, times): %s\n\n",
+                firstSame ? "identical" : "DIFFERENT");
+
     const qint64 bBytes = b.traffic.index.bytes + b.traffic.chunks.bytes;
     const double byteShare = double(bBytes) / double(second.archiveBytes);
     const double timeRatio = bSeconds / a.press.seconds;
@@ -422,7 +495,7 @@ int main(int argc, char** argv) {
         }
     }
     std::printf("bench wall time: %.0f s\n", double(wall.elapsed()) / 1000);
-    if (!noArchive || !sameTree)
+    if (!noArchive || !sameTree || firstAsked || !firstSame)
         return 1;
-    return byteShare <= 0.03 && timeRatio <= 0.15 ? 0 : 2;
+    return byteShare <= 0.03 && timeRatio <= 0.15 && fcRatio <= 1.05 && fcBytes <= second.archiveBytes ? 0 : 2;
 }

@@ -1,8 +1,9 @@
-// The real launcher updating 0.3.0 to 0.3.1, both published by zentho-release into one chunk
-// store: it fetches only the chunks 0.3.0 lacks and puts together exactly the archive's build.
-// A damaged chunk, an index that is not the one the manifest names, an index that reaches out of
-// the build and a launcher killed halfway all end in that same build too, from the archive or
-// from the chunks the killed try kept. Observed through nginx's access log, the game that starts
+// The real launcher installing 0.3.0 from its chunks alone and updating it to 0.3.1, both published
+// by zentho-release into one chunk store: it fetches only the chunks it lacks and puts together
+// exactly the archive's build. A damaged chunk, an index that is not the one the manifest names,
+// an index that reaches out of the build and a launcher killed halfway (updating, or installing
+// for the first time) all end in that same build too, from the archive or from what the killed
+// try kept. Observed through nginx's access log, the game that starts
 // and what is on disk afterwards.
 
 #include "ChunkTraffic.h"
@@ -20,7 +21,9 @@
 #include "formats/ChunkIndex.h"
 #include "formats/CompressedChunkIndex.h"
 #include "formats/ReleaseManifest.h"
+#include "formats/ChunkIndex.h"
 #include "storage/BuildIndexes.h"
+#include "storage/InstalledState.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -79,6 +82,8 @@ class TestChunkedUpdates : public QObject {
     qint64 chunks031_ = 0;
     QSet<QString> missing_; // the chunks of 0.3.1 that 0.3.0 lacks
     QStringList expected_;  // a fresh extraction of the 0.3.1 archive
+    QStringList expected030_;
+    ReleaseManifest manifest030_;
     qsizetype logMark_ = 0; // where the access log stood when the last launcher started
     std::optional<AdoptedProcesses> adopted_;
 
@@ -173,8 +178,29 @@ class TestChunkedUpdates : public QObject {
     // 0.3.1 is exactly the archive's build, and nothing of the way there is left in the storage.
     void verifyInstalled031() {
         QCOMPARE(TreeSnapshot::of(build(k031)), expected_);
+        verifyNothingOfTheWayLeft();
+    }
+    void verifyNothingOfTheWayLeft() {
         QVERIFY(!QFileInfo::exists(root() + QStringLiteral("/chunks")));
-        QCOMPARE(QDir(root()).entryList({QStringLiteral("staging-*")}, QDir::AllEntries | QDir::Hidden), QStringList());
+        QCOMPARE(QDir(root()).entryList({QStringLiteral("staging-*"), QStringLiteral("chunk-build-*")},
+                                        QDir::AllEntries | QDir::Hidden),
+                 QStringList());
+    }
+    // The chunks of the files a killed install had written whole into its folder.
+    QSet<QString> chunksOfFilesWritten(const QByteArray& indexBytes) const {
+        const QStringList partial = QDir(root()).entryList({QStringLiteral("chunk-build-*")}, QDir::Dirs);
+        if (partial.size() != 1)
+            return {};
+        QSet<QString> chunks;
+        for (const ChunkIndexEntry& entry : ChunkIndex::decode(indexBytes).entries) {
+            const QString file = root() + QLatin1Char('/') + partial.first() + QLatin1Char('/') + entry.path;
+            if (entry.kind == ChunkIndexEntry::Kind::file && QFileInfo(file).isFile() && !QFileInfo(file).isSymLink() &&
+                TestArchives::sha256sum(file) == entry.sha256) {
+                for (const ChunkRef& chunk : entry.chunks)
+                    chunks.insert(chunk.sha256);
+            }
+        }
+        return chunks;
     }
     // Everything in the test's folder but the launcher's storage and scratch folders.
     QStringList outside() const {
@@ -182,6 +208,58 @@ class TestChunkedUpdates : public QObject {
         static const QRegularExpression ours(QStringLiteral("^(data|tmp|runtime|record)\\b"));
         lines.removeIf([](const QString& line) { return ours.match(line).hasMatch(); });
         return lines;
+    }
+
+    // Presses with `slow` (chunks trickling in), kills the launcher once the storage holds a few
+    // of the missing chunks, and presses again with `manifest`: only the chunks the first try did not have
+    // come again, each once, never the archive, and the build is `expected`.
+    void verifyKilledInstallGoesOn(const ReleaseManifest& slow, const ReleaseManifest& manifest, const QByteArray& index,
+                                   const QSet<QString>& missing, const QString& version, const QStringList& expected) {
+        const qsizetype logBefore = server_->accessLog().size();
+        std::unique_ptr<RealLauncher> first = launcher(serve(QStringLiteral("slow-") + version, slow));
+        first->start(*server_, kInvite);
+        const qint64 pid = first->launcherPid();
+        QVERIFY(pid > 0);
+        const auto sentSoFar = [&] {
+            QSet<QString> whole;
+            for (const Get& get : getsIn(server_->accessLog().mid(logBefore))) {
+                if (get.path.startsWith(QLatin1String("/trickle/chunks/")) && get.status == 200 &&
+                    get.bytes == QFileInfo(www() + get.path.mid(8)).size())
+                    whole.insert(chunkOf(get.path));
+            }
+            return whole;
+        };
+        // What the storage holds of the missing chunks: kept in the cache, or in files written whole.
+        const auto hadSoFar = [&] { return keptChunks() + (chunksOfFilesWritten(index) & missing); };
+        // Killed once it holds some: whichever were still on their way then, whole or cut, count
+        // as not had, which is what the storage shows after the kill.
+        QVERIFY2(QTest::qWaitFor([&] { return hadSoFar().size() >= 2; }, 120000), qPrintable(printed(hadSoFar())));
+        ::kill(pid_t(pid), SIGKILL);
+        first->waitForExit(10000);
+        const QSet<QString> had = hadSoFar();
+        qInfo("killed with %lld of %lld missing chunks had (%lld kept, the rest written)", qint64(had.size()),
+              qint64(missing.size()), qint64(keptChunks().size()));
+        QVERIFY2(!had.isEmpty() && had.size() < missing.size(), qPrintable(printed(had)));
+        QVERIFY2(missing.contains(had), qPrintable(printed(had - missing)));
+        // Only a chunk the server sent whole was had. nginx logs a request once its body is sent,
+        // which may be just after the launcher has the last bytes.
+        QVERIFY2(QTest::qWaitFor([&] { return sentSoFar().contains(had); }, 30000),
+                 qPrintable(printed(had - sentSoFar())));
+
+        QCOMPARE(press(serve(version, manifest)), build(version));
+        const QList<Get> gets = getsSinceStart();
+        QVERIFY(!fetched(gets, manifest.url.path()));
+        const QStringList again = chunkGets(gets, QStringLiteral("/chunks"));
+        const QSet<QString> second = setOf(again);
+        QCOMPARE(qint64(again.size()), qint64(second.size()));
+        QCOMPARE(printed(second), printed(missing - had));
+        const QSet<QString> inFlight = sentSoFar() - had;
+        qInfo("first try: %lld chunks sent whole, %lld of them still on their way at the kill; second try: %lld "
+              "chunk GETs",
+              qint64(sentSoFar().size()), qint64(inFlight.size()), qint64(second.size()));
+        QVERIFY(second.contains(inFlight));
+        QCOMPARE(TreeSnapshot::of(build(version)), expected);
+        verifyNothingOfTheWayLeft();
     }
 
 private slots:
@@ -221,14 +299,23 @@ private slots:
         QVERIFY(expected_.contains(QStringLiteral("data/empty folder 0755")));
         QVERIFY(expected_.contains(QStringLiteral("data/current link 0777 -> levels.txt")));
 
-        // A first install has nothing to take chunks from: the archive, and 0.3.0's index is kept.
-        const ReleaseManifest manifest030 =
-            ReleaseManifest::decode(TestFiles::readFile(first.line(QStringLiteral("manifest"))));
-        QCOMPARE(press(serve(k030, manifest030)), build(k030));
+        TestFiles::makeFolder(path(QStringLiteral("expected-0.3.0")));
+        TestArchives::tar({QStringLiteral("-xzf"), first.line(QStringLiteral("archive")), QStringLiteral("-C"),
+                           path(QStringLiteral("expected-0.3.0"))});
+        expected030_ = TreeSnapshot::of(path(QStringLiteral("expected-0.3.0")));
+
+        // A first install has nothing on this disk to take chunks from: every chunk of 0.3.0
+        // once, never the archive, the archive's tree, and 0.3.0's index kept.
+        manifest030_ = ReleaseManifest::decode(TestFiles::readFile(first.line(QStringLiteral("manifest"))));
+        QCOMPARE(press(serve(k030, manifest030_)), build(k030));
         const QList<Get> gets = getsSinceStart();
-        QVERIFY(fetched(gets, manifest030.chunks->index.path()));
-        QVERIFY(fetched(gets, manifest030.url.path()));
-        QCOMPARE(chunkGets(gets, QStringLiteral("/chunks")), QStringList());
+        QVERIFY(fetched(gets, manifest030_.chunks->index.path()));
+        QVERIFY(!fetched(gets, manifest030_.url.path()));
+        const QStringList chunks = chunkGets(gets, QStringLiteral("/chunks"));
+        QCOMPARE(qint64(chunks.size()), qint64(chunksOf(index030_).size()));
+        QCOMPARE(printed(setOf(chunks)), printed(chunksOf(index030_)));
+        QCOMPARE(TreeSnapshot::of(build(k030)), expected030_);
+        verifyNothingOfTheWayLeft();
         QCOMPARE(BuildIndexes(root()).read(build(k030)), std::optional<QByteArray>(index030_));
         ReleaseTool::copyTree(data(), path(QStringLiteral("installed-0.3.0")));
     }
@@ -362,57 +449,26 @@ private slots:
         verifyInstalled031();
     }
 
-    // Killed while chunks trickle in, started again: what the first try kept is not fetched
-    // again, and the second try fetches exactly the rest.
+    // Killed while chunks trickle in, started again: what the first try kept (chunks in the cache,
+    // files written whole) is not fetched again, and the second try fetches exactly the rest.
     void killedUpdateFetchesOnlyWhatItHadNot() {
         ReleaseManifest slow = manifest031_;
         slow.chunks->store = server_->url(QStringLiteral("/trickle/chunks"));
-        std::unique_ptr<RealLauncher> first = launcher(serve(QStringLiteral("slow-0.3.1"), slow));
-        first->start(*server_, kInvite);
-        const qint64 pid = first->launcherPid();
-        QVERIFY(pid > 0);
-        // Killed once it has kept some chunks: whichever were still on their way then, whole or
-        // cut, count as not kept, which is what the storage shows after the kill.
-        QVERIFY2(QTest::qWaitFor([&] { return keptChunks().size() >= 2; }, 120000), qPrintable(printed(keptChunks())));
-        ::kill(pid_t(pid), SIGKILL);
-        first->waitForExit(10000);
-        const QSet<QString> kept = keptChunks();
-        qInfo("killed with %lld of %lld missing chunks kept", qint64(kept.size()), qint64(missing_.size()));
-        QVERIFY2(kept.size() >= 2 && kept.size() < missing_.size(), qPrintable(printed(kept)));
-        QVERIFY2(missing_.contains(kept), qPrintable(printed(kept)));
-        // Only a chunk the server sent whole was kept. nginx logs a request once its body is
-        // sent, which may be just after the launcher has the last bytes.
-        const auto sentWhole = [&] {
-            QSet<QString> whole;
-            for (const Get& get : getsIn(server_->accessLog())) {
-                if (get.path.startsWith(QLatin1String("/trickle/chunks/")) && get.status == 200 &&
-                    get.bytes == QFileInfo(www() + get.path.mid(8)).size())
-                    whole.insert(chunkOf(get.path));
-            }
-            return whole;
-        };
-        QVERIFY2(QTest::qWaitFor([&] { return sentWhole().contains(kept); }, 30000),
-                 qPrintable(printed(kept - sentWhole())));
-
-        QCOMPARE(press(serve(k031, manifest031_)), build(k031));
-        const QList<Get> gets = getsSinceStart();
-        QVERIFY(!fetched(gets, archivePath()));
-        const QStringList again = chunkGets(gets, QStringLiteral("/chunks"));
-        const QSet<QString> second = setOf(again);
-        // Every chunk once, and exactly those the first try did not keep: none it kept, and
-        // every one it had on its way or had not asked for yet.
-        QCOMPARE(qint64(again.size()), qint64(second.size()));
-        QCOMPARE(printed(second), printed(missing_ - kept));
-        QVERIFY(!second.intersects(kept));
-        const QSet<QString> inFlight = sentWhole() - kept;
-        qInfo("first try: %lld chunks sent whole, %lld of them still on their way at the kill; second try: %lld "
-              "chunk GETs",
-              qint64(sentWhole().size()), qint64(inFlight.size()), qint64(second.size()));
-        QVERIFY(second.contains(inFlight));
-        verifyInstalled031();
+        verifyKilledInstallGoesOn(slow, manifest031_, index031_, missing_, k031, expected_);
     }
 
-    // An index that is not the one the manifest names is never used, even a good one of another
+    // A first install killed while chunks trickle in, started again: the same, and the build is
+    // the archive's tree with the state file naming it.
+    void killedFirstInstallFetchesOnlyWhatItHadNot() {
+        QVERIFY(QDir(data()).removeRecursively());
+        ReleaseManifest slow = manifest030_;
+        slow.chunks->store = server_->url(QStringLiteral("/trickle/chunks"));
+        verifyKilledInstallGoesOn(slow, manifest030_, index030_, chunksOf(index030_), k030, expected030_);
+        QCOMPARE(TestFiles::readFile(LauncherStorage(data()).state()),
+                 (InstalledState{k030, build(k030)}).encode());
+    }
+
+    // An index that is not the one the manifest names is never used    // An index that is not the one the manifest names is never used, even a good one of another
     // release.
     void indexWithAnotherDigestIsNeverUsed_data() {
         QTest::addColumn<bool>("otherRelease");

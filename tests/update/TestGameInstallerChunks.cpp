@@ -123,6 +123,30 @@ class TestGameInstallerChunks : public InstallSandbox {
         verifyTreeOf(update, folder);
     }
 
+    // The distinct chunks of `release` that the build in `folder` does not hold: what installing it
+    // fetches when that build is the only one here.
+    static int chunksNotIn(const Release& release, const QString& folder) {
+        QSet<QString> wanted, there;
+        for (const ChunkIndexEntry& entry : TreeChunker::index(release.tree, kDefaultChunkSizes).entries)
+            for (const ChunkRef& chunk : entry.chunks)
+                wanted.insert(chunk.sha256);
+        for (const ChunkIndexEntry& entry : TreeChunker::index(folder, kDefaultChunkSizes).entries)
+            for (const ChunkRef& chunk : entry.chunks)
+                there.insert(chunk.sha256);
+        return int((wanted - there).size());
+    }
+
+    // The store paths asked for in `log`, of the lines that hold `answer` (every line when empty).
+    static QSet<QString> storeGets(const QString& log, const QString& answer) {
+        QSet<QString> paths;
+        for (const QString& line : log.split(QLatin1Char('\n'))) {
+            const qsizetype at = line.indexOf(QStringLiteral("\"GET /store/"));
+            if (at >= 0 && (answer.isEmpty() || line.contains(answer)))
+                paths.insert(line.mid(at + 5, line.indexOf(QLatin1Char(' '), at + 5) - at - 5));
+        }
+        return paths;
+    }
+
     int requestsUnder(const QString& prefix) const {
         int count = 0;
         for (const QString& line : server_->accessLog().split(QLatin1Char('\n')))
@@ -138,6 +162,7 @@ class TestGameInstallerChunks : public InstallSandbox {
         QCOMPARE(TreeSnapshot::of(folder.toLocalFile()),
                  TreeSnapshot::of(installedByTar(release)));
         QVERIFY(!QFileInfo::exists(home_->launcherRoot() + QStringLiteral("/chunks")));
+        QCOMPARE(QDir(home_->launcherRoot()).entryList({QStringLiteral("chunk-build-*")}, QDir::AllEntries), QStringList());
     }
     // The archive unpacked as the archive path unpacks it, executable made runnable.
     QString installedByTar(const Release& release) {
@@ -285,11 +310,96 @@ private slots:
         verifyTreeOf(update, folder);
     }
 
-    // Nothing here to build from: the archive is quicker, and the index is kept for the next update.
-    void firstInstallComesFromTheArchiveAndKeepsItsIndex() {
+    // A first install has nothing on this disk to build from: every chunk is fetched once, each
+    // file written as its chunks arrive, and the archive is never asked for. The index is kept
+    // for the next update.
+    void firstInstallComesFromChunksAndKeepsItsIndex() {
         const Release update = publish(QStringLiteral("0.3.1"), true);
-        verifyInstalledFromTheArchive(update);
+        const int before = requestsUnder(QStringLiteral("/store/"));
+        QUrl folder;
+        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
+        QCOMPARE(statuses_, (QStringList{kDownloading, kInstalling}));
+        QCOMPARE(archiveRequests(update), 0);
+        QCOMPARE(requestsUnder(QStringLiteral("/store/")) - before, chunksNotIn(update, previousBuild()));
+        verifyTreeOf(update, folder);
+        const QList<double> shown = platform_->taskbarProgress;
+        QVERIFY2(shown.size() >= 2, qPrintable(QString::number(shown.size())));
+        QCOMPARE(shown.at(shown.size() - 2), 1.0);
         QVERIFY(BuildIndexes(home_->launcherRoot()).read(home_->versionsRoot() + QStringLiteral("/0.3.1")).has_value());
+    }
+
+    // The twin: a first install whose chunk is spoilt on the server comes from the archive, to
+    // the same tree, with the statuses of any install.
+    void firstInstallWithACorruptedChunkComesFromTheArchive() {
+        const Release update = publish(QStringLiteral("0.3.1"), true);
+        const ChunkIndex index = TreeChunker::index(update.tree, kDefaultChunkSizes);
+        const auto big = std::find_if(index.entries.cbegin(), index.entries.cend(),
+                                      [](const ChunkIndexEntry& entry) { return entry.path == QStringLiteral("data/big.pak"); });
+        QVERIFY(big != index.entries.cend() && big->chunks.size() > 2);
+        const QByteArray other = QByteArray("not the chunk ").repeated(100);
+        server_->writeFile(QStringLiteral("store/") + ChunkStore::relativePath(big->chunks[1].sha256),
+                           ChunkStore::compress(other.constData(), std::size_t(other.size())));
+        QUrl folder;
+        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
+        QCOMPARE(statuses_, (QStringList{kDownloading, kInstalling}));
+        QCOMPARE(archiveRequests(update), 1);
+        verifyTreeOf(update, folder);
+        QVERIFY(BuildIndexes(home_->launcherRoot()).read(home_->versionsRoot() + QStringLiteral("/0.3.1")).has_value());
+    }
+
+    // What a first install cut short (here: a chunk not in the store yet, and the archive not on
+    // the server) fetched and wrote stays for the next try of the same release, which fetches
+    // only what the first did not get and keeps the files already written.
+    void firstInstallCutShortGoesOnWhereItStopped() {
+        const Release update = publish(QStringLiteral("0.3.1"), true);
+        const ChunkIndex index = TreeChunker::index(update.tree, kDefaultChunkSizes);
+        const auto added = std::find_if(index.entries.cbegin(), index.entries.cend(),
+                                        [](const ChunkIndexEntry& entry) { return entry.path == QStringLiteral("data/new.pak"); });
+        QVERIFY(added != index.entries.cend() && added->chunks.size() > 1);
+        const QString heldChunk = QStringLiteral("/store/") + ChunkStore::relativePath(added->chunks.back().sha256);
+        const QString held = server_->documentRoot() + heldChunk;
+        const QString archive = server_->documentRoot() + update.manifest.url.path();
+        QVERIFY(QFile::rename(held, held + QStringLiteral(".held")));
+        QVERIFY(QFile::rename(archive, archive + QStringLiteral(".held")));
+        qsizetype mark = server_->accessLog().size();
+        QVERIFY(outcomeOf(install(update.manifest)) != QStringLiteral("ok"));
+        server_->awaitLogged();
+        const QSet<QString> firstGot = storeGets(server_->accessLog().mid(mark), QStringLiteral(" 200 "));
+        QVERIFY(!firstGot.isEmpty());
+        const QStringList partial =
+            QDir(home_->launcherRoot()).entryList({QStringLiteral("chunk-build-*")}, QDir::Dirs | QDir::NoDotAndDotDot);
+        QCOMPARE(partial.size(), 1);
+        const QString written = home_->launcherRoot() + QLatin1Char('/') + partial.first() + QStringLiteral("/data/big.pak");
+        QCOMPARE(TestFiles::readFile(written), TestFiles::readFile(update.tree + QStringLiteral("/data/big.pak")));
+        const QDateTime writtenAt = QFileInfo(written).birthTime();
+
+        QVERIFY(QFile::rename(held + QStringLiteral(".held"), held));
+        QVERIFY(QFile::rename(archive + QStringLiteral(".held"), archive));
+        mark = server_->accessLog().size();
+        QUrl folder;
+        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
+        server_->awaitLogged();
+        const QString again = server_->accessLog().mid(mark);
+        const QSet<QString> secondGot = storeGets(again, QString());
+        QVERIFY(secondGot.contains(heldChunk));
+        QVERIFY2(!secondGot.intersects(firstGot), qPrintable(QStringList((secondGot & firstGot).values()).join(' ')));
+        QCOMPARE(int(again.count(QStringLiteral("\"GET /store/"))), int(secondGot.size()));
+        QVERIFY(!again.contains(update.manifest.url.path()));
+        verifyTreeOf(update, folder);
+        if (writtenAt.isValid())
+            QCOMPARE(QFileInfo(folder.toLocalFile() + QStringLiteral("/data/big.pak")).birthTime(), writtenAt);
+    }
+
+    // The twin: a partial build of another release is no use to this one and goes.
+    void partialBuildOfAnotherReleaseGoes() {
+        const Release update = publish(QStringLiteral("0.3.1"), true);
+        const QString stale = home_->launcherRoot() + QStringLiteral("/chunk-build-") + QString(64, QLatin1Char('a'));
+        TestFiles::writeFile(stale + QStringLiteral("/data/big.pak"), "left by another release");
+        const int before = requestsUnder(QStringLiteral("/store/"));
+        QUrl folder;
+        QCOMPARE(outcomeOf(install(update.manifest, &folder)), QStringLiteral("ok"));
+        QCOMPARE(requestsUnder(QStringLiteral("/store/")) - before, chunksNotIn(update, previousBuild()));
+        verifyTreeOf(update, folder);
     }
 };
 

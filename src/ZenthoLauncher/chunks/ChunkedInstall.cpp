@@ -62,8 +62,8 @@ std::vector<SeedBuild> seedBuilds(const FileManager& files, const QString& launc
     return seeds;
 }
 
-bool chunksArePaying(const ChunkPlan& plan, qint64 cacheBytes) {
-    return plan.missingBytes + plan.keptBytes <= cacheBytes && plan.missingBytes * 2 <= plan.wantedBytes;
+bool chunksArePaying(qint64 peakCachedBytes, qint64 cacheBytes) {
+    return peakCachedBytes <= cacheBytes;
 }
 
 qint64 buildBytes(const ChunkIndex& index) {

@@ -32,9 +32,14 @@ QCoro::Task<FetchedChunkIndex> fetchChunkIndex(HttpClient& client, ReleaseChunks
 std::vector<SeedBuild> seedBuilds(const FileManager& files, const QString& launcherRoot,
                                   const QString& versionsRoot, const QString& currentBuild, int maximumOthers = 4);
 
-// True when putting the release together from chunks beats downloading its archive: the chunks
-// still missing fit in the chunk cache and are at most half of the release.
-bool chunksArePaying(const ChunkPlan& plan, qint64 cacheBytes);
+// The rule that picks chunks or the archive once the release's index is at hand and usable: the
+// build is written from chunks, a first install as well as an update, whenever the chunk cache's
+// cap holds what writing it file by file keeps there at most (peakCachedBytes); only a release
+// with a file whose chunks alone exceed the cap comes as its archive. Fetched whole, a release's
+// chunks come to about its archive's bytes (each is compressed, as the archive is; those on this
+// disk are not fetched at all), need no archive beside the build on the disk, and are written as
+// they arrive instead of after the last byte.
+bool chunksArePaying(qint64 peakCachedBytes, qint64 cacheBytes);
 
 // The bytes of every file of the release: what its build takes on the disk.
 qint64 buildBytes(const ChunkIndex& index);

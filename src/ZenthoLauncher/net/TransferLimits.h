@@ -20,9 +20,10 @@ struct TransferLimits {
     // on writing their logs and caches while the launcher fails cleanly, small next to any disk
     // a game is installed on.
     static constexpr qint64 defaultFreeSpaceReserve = qint64(64) * 1024 * 1024;
-    // Chunks of an update kept between attempts take at most this; an update that would need more
-    // comes as its archive instead, which streams and installs at once.
-    static constexpr qint64 defaultChunkCacheBytes = qint64(1) << 30;
+    // Chunks fetched and not yet written into the build take at most this, between attempts too:
+    // what an install from chunks needs on the disk besides the build. A file is written once all
+    // its chunks are in, so a release with a file larger than this comes as its archive instead.
+    static constexpr qint64 defaultChunkCacheBytes = qint64(256) << 20;
     // Chunks are small: a few requests in flight keep a link busy where one would wait on each
     // round trip, and a server sees no more connections than a browser opens.
     static constexpr int defaultParallelChunks = 6;

@@ -1,15 +1,30 @@
 #pragma once
 
+#include <QObject>
 #include <QThread>
 
 #include <QCoroTask>
-#include <QCoroThread>
+#include <QCoroSignal>
 
 #include <exception>
 #include <memory>
 #include <optional>
 #include <type_traits>
 #include <utility>
+
+// Tells the main thread that a worker is done. The news arrives through the main thread's event
+// loop, so the wait for it, set up before that loop runs again, cannot miss it; a wait for
+// QThread::finished, emitted on the worker's own thread, can, when the thread ends between the
+// look at whether it has and the wait.
+class WorkerDone : public QObject {
+    Q_OBJECT
+public:
+    void post() {
+        QMetaObject::invokeMethod(this, [this] { emit ended(); }, Qt::QueuedConnection);
+    }
+signals:
+    void ended();
+};
 
 // Runs `work` on a thread of its own and suspends the calling coroutine until it is done, so that
 // reading or writing a whole build keeps the window drawing. Whatever `work` throws is thrown
@@ -20,6 +35,7 @@ QCoro::Task<std::invoke_result_t<Work>> onWorkerThread(Work work) {
     using Result = std::invoke_result_t<Work>;
     std::conditional_t<std::is_void_v<Result>, bool, std::optional<Result>> result{};
     std::exception_ptr failure;
+    WorkerDone done;
     const auto body = [&] {
         try {
             if constexpr (std::is_void_v<Result>) {
@@ -31,6 +47,7 @@ QCoro::Task<std::invoke_result_t<Work>> onWorkerThread(Work work) {
         } catch (...) {
             failure = std::current_exception();
         }
+        done.post();
     };
     const auto joined = [](QThread* running) {
         running->wait();
@@ -38,7 +55,8 @@ QCoro::Task<std::invoke_result_t<Work>> onWorkerThread(Work work) {
     };
     const std::unique_ptr<QThread, decltype(joined)> owner(QThread::create(body), joined);
     owner->start();
-    co_await qCoro(owner.get()).waitForFinished();
+    co_await qCoro(&done, &WorkerDone::ended);
+    owner->wait();
     if (failure)
         std::rethrow_exception(failure);
     if constexpr (!std::is_void_v<Result>)

@@ -1,7 +1,7 @@
 #include "update/BuildRepair.h"
 
-#include "chunks/ChunkAssembly.h"
-#include "chunks/ChunkDownload.h"
+#include "chunks/ChunkSchedule.h"
+#include "chunks/ChunkedBuild.h"
 #include "chunks/ChunkedInstall.h"
 #include "errors/Failure.h"
 #include "net/FreeSpace.h"
@@ -61,22 +61,23 @@ QCoro::Task<RepairOutcome> BuildRepair::repair(QString versionsRoot, QString bui
     ChunkPlan plan = co_await onWorkerThread([&] { return planChunks(index, cache, seeds); });
     FreeSpace::require({{context.launcherRoot, plan.missingBytes + buildBytes(index)}},
                        context.http.limits().freeSpaceReserve);
+    std::optional<QUrl> store;
     if (!plan.missing.empty()) {
-        const std::optional<QUrl> store = kept.readStore(buildFolder);
+        store = kept.readStore(buildFolder);
         if (!store)
             throw Failure(QStringLiteral("%1 of its chunks are nowhere on this disk and no chunk store is known for it")
                               .arg(plan.missing.size()));
         outcome.fetchedChunks = int(plan.missing.size());
         outcome.fetchedBytes = plan.missingBytes;
-        // Named, not a braced temporary in the co_await: g++ 12 destroys such a temporary twice.
-        ChunkDownload download{*store, plan.missing, plan.keptBytes, context.downloadObserver};
-        co_await downloadChunks(context.http, std::move(download), cache);
-        for (const ChunkRef& chunk : plan.missing)
-            plan.found.insert(chunk.sha256, ChunkLocation{cache.pathOf(chunk.sha256), 0});
     }
 
+    DownloadObserver* observer = plan.missing.empty() ? nullptr : context.downloadObserver;
     StagingFolder staging = staging_.newStagingFolder(QStringLiteral("staging-"));
-    co_await onWorkerThread([&] { assembleBuild(index, plan.found, staging.path()); });
+    // A repair is never refused for the cache's cap: it may hold all that the repair fetches.
+    const qint64 cacheBytes = std::max(context.http.limits().chunkCacheBytes, peakCachedBytes(filesOf(index), plan, cache));
+    ChunkedBuild build{std::move(plan), store.value_or(QUrl()), staging.path(), BuildWriter::Start::empty, cacheBytes,
+                       observer, {}};
+    co_await writeBuildFromChunks(context.http, index, std::move(build), cache);
     if (const std::optional<QString> executable = staging.executable(kExecutable))
         context.files.setPosixPermissions(*executable, 0755);
     staging.exchangeWith(buildFolder);

@@ -1,7 +1,7 @@
 #include "update/GameInstaller.h"
 
-#include "chunks/ChunkAssembly.h"
-#include "chunks/ChunkDownload.h"
+#include "chunks/ChunkSchedule.h"
+#include "chunks/ChunkedBuild.h"
 #include "chunks/ChunkedInstall.h"
 #include "errors/LauncherError.h"
 #include "net/FreeSpace.h"
@@ -11,9 +11,14 @@
 #include "storage/BuildIndexes.h"
 #include "storage/ChunkCache.h"
 #include "storage/InstalledState.h"
+#include "storage/PartialBuilds.h"
+#include "archive/Archive.h"
 #include "update/ManifestFetch.h"
 
 #include <QDebug>
+#include <QFileInfo>
+
+#include <algorithm>
 
 GameInstaller::GameInstaller(InstallContext context, Locations locations)
     : staging_(std::move(context)), context_(staging_.context()), locations_(std::move(locations)) {}
@@ -69,6 +74,7 @@ QCoro::Task<void> GameInstaller::downloadAndPlace(ReleaseManifest manifest, QStr
     // Chunks kept by earlier tries are in the build now, or belong to a release no longer wanted;
     // the index tells the next update what the build holds without reading it.
     ChunkCache(context_.launcherRoot).clear();
+    PartialBuilds(context_.files, context_.launcherRoot).removeAllBut(QString());
     if (chunkIndex) {
         const BuildIndexes kept(context_.launcherRoot);
         kept.write(installFolder, chunkIndex->bytes);
@@ -91,8 +97,9 @@ QCoro::Task<bool> GameInstaller::placeFromChunks(const FetchedChunkIndex& releas
     HttpClient& client = context_.http;
     const ChunkIndex& index = release.index;
     const ChunkCache cache(context_.launcherRoot);
+    const qint64 cacheCap = client.limits().chunkCacheBytes;
     try {
-        cache.trimTo(client.limits().chunkCacheBytes);
+        cache.trimTo(cacheCap);
         const QString current = InstalledState::read(context_.files, locations_.statePath, {}).path;
         const std::vector<SeedBuild> seeds =
             seedBuilds(context_.files, context_.launcherRoot, locations_.versionsRoot, current);
@@ -100,19 +107,31 @@ QCoro::Task<bool> GameInstaller::placeFromChunks(const FetchedChunkIndex& releas
         const BuildIndexes keptIndexes(context_.launcherRoot);
         for (const auto& [folder, made] : plan.madeIndexes)
             keptIndexes.write(folder, made.encode());
-        if (!chunksArePaying(plan, client.limits().chunkCacheBytes))
+        if (!chunksArePaying(peakCachedBytes(filesOf(index), plan, cache), cacheCap))
             co_return false;
 
-        FreeSpace::require({{context_.launcherRoot, plan.missingBytes + buildBytes(index)}},
-                           client.limits().freeSpaceReserve);
-        ChunkDownload download{store, plan.missing, plan.keptBytes, context_.downloadObserver};
-        co_await downloadChunks(client, std::move(download), cache);
-        for (const ChunkRef& chunk : plan.missing)
-            plan.found.insert(chunk.sha256, ChunkLocation{cache.pathOf(chunk.sha256), 0});
-
-        context_.reportStatus(installingStatus());
-        StagingFolder staging = staging_.newStagingFolder(QStringLiteral("staging-"));
-        co_await onWorkerThread([&] { assembleBuild(index, plan.found, staging.path()); });
+        // The build and what passes through the cache at most; never an archive beside them.
+        const qint64 cached = std::min(cacheCap, plan.keptBytes + plan.missingBytes);
+        FreeSpace::require({{context_.launcherRoot, buildBytes(index) + cached}}, client.limits().freeSpaceReserve);
+        const PartialBuilds partials(context_.files, context_.launcherRoot);
+        const QString folder = partials.folderFor(sha256Hex(release.bytes));
+        partials.removeAllBut(folder);
+        // Only a folder of our own is taken up again; a link or file under its name goes.
+        const QFileInfo left(folder);
+        const bool resuming = left.isDir() && !left.isSymLink();
+        if (!resuming && (left.exists() || left.isSymLink()))
+            context_.files.removeItem(folder);
+        StagingFolder staging(context_.files, folder);
+        ChunkedBuild build{std::move(plan), store, folder,
+                           resuming ? BuildWriter::Start::resume : BuildWriter::Start::empty, cacheCap,
+                           context_.downloadObserver, [this] { context_.reportStatus(installingStatus()); }};
+        try {
+            co_await writeBuildFromChunks(client, index, std::move(build), cache);
+        } catch (...) {
+            // What was written is kept for the next try of the same release, as the fetched chunks are.
+            staging.handOver();
+            throw;
+        }
         placeStaged(staging, executable, installFolder);
         co_return true;
     } catch (const std::exception& error) {

@@ -16,11 +16,12 @@ class StagingFolder;
 // Turns one game release into an installed, recorded build: download, verify the digest, list
 // and vet the archive, unpack it into a private staging folder, make the executable runnable,
 // rename the staging folder into the versions folder and record the build as current. A release
-// that also comes as chunks is first tried that way: its checked index, the chunks the saved
-// builds and earlier tries already hold, the missing ones fetched and checked, the build written
-// and checked file by file into the staging folder; any failure there leaves the archive to do
-// the install. A failure anywhere before the rename leaves the versions folder and the state file
-// as they were.
+// that also comes as chunks is first tried that way, a first install too: its checked index, the
+// chunks the saved builds and earlier tries already hold, the missing ones fetched and checked,
+// each file written and checked as soon as its chunks are in, into a folder that a killed try
+// leaves for the next one (PartialBuilds); any failure there leaves the archive to do the
+// install. A failure anywhere before the rename leaves the versions folder and the state file as
+// they were.
 class GameInstaller {
 public:
     struct Locations {
