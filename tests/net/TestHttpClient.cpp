@@ -366,6 +366,43 @@ private slots:
         QCOMPARE(file.body, manifest);
     }
 
+    // Release servers offer HTTP/2 and end a connection after so many requests; a first install
+    // from chunks sends thousands, many waiting at once, and every one must come back whole.
+    void manyGetsAllArriveFromAServerThatEndsItsConnections_data() {
+        QTest::addColumn<bool>("http2");
+        QTest::newRow("HTTP/2 offered") << true;
+        QTest::newRow("HTTP/1.1 only") << false;
+    }
+    void manyGetsAllArriveFromAServerThatEndsItsConnections() {
+        QFETCH(bool, http2);
+        const TestServer offering(0, {}, http2 ? TestServer::Http2::Offered : TestServer::Http2::Off);
+        const int files = 350; // more than three of the server's connections can take
+        for (int i = 0; i < files; ++i)
+            offering.writeFile(QStringLiteral("c/%1").arg(i), TestFiles::randomBytes(2048, quint32(i)));
+        int whole = 0;
+        QStringList failures;
+        const auto fetchOne = [&](QUrl url, QByteArray expected) -> QCoro::Task<void> {
+            try {
+                const HttpResponse response = co_await productClient().capped(url, 4096);
+                if (response.statusCode == std::optional<int>(200) && response.body == expected)
+                    ++whole;
+                else
+                    failures << url.path() + QStringLiteral(" answered ") +
+                                    QString::number(response.statusCode.value_or(0));
+            } catch (const std::exception& error) {
+                failures << url.path() + QStringLiteral(": ") + QString::fromUtf8(error.what());
+            }
+        };
+        std::vector<QCoro::Task<void>> running;
+        for (int i = 0; i < files; ++i)
+            running.push_back(fetchOne(offering.url(QStringLiteral("/c/%1").arg(i)),
+                                       TestFiles::randomBytes(2048, quint32(i))));
+        // Bounds the wait only: every request ends by itself within the client's limits.
+        QVERIFY(QTest::qWaitFor([&] { return whole + failures.size() == files; }, 600'000));
+        QVERIFY2(failures.isEmpty(), qPrintable(failures.mid(0, 5).join(QLatin1Char('\n'))));
+        QCOMPARE(whole, files);
+    }
+
     void cleanupTestCase() {
         server.reset();
     }

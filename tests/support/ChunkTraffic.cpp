@@ -9,14 +9,15 @@
 namespace ChunkTraffic {
 
 QList<Get> getsIn(const QString& log) {
-    // 127.0.0.1 [time] "GET /path HTTP/1.1" 200 1234 ...
-    static const QRegularExpression line(QStringLiteral("\"GET (\\S+) [^\"]*\" (\\d+) (\\d+)"));
+    // 127.0.0.1 [time] "GET /path HTTP/1.1" 200 1234 "range" "if-range" 17
+    static const QRegularExpression line(
+        QStringLiteral("\"GET (\\S+) ([^\"]*)\" (\\d+) (\\d+) .* (\\d+)$"));
     QList<Get> gets;
     for (const QString& entry : log.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
         const QRegularExpressionMatch match = line.match(entry);
         if (match.hasMatch())
-            gets.append(
-                {match.captured(1), match.captured(2).toInt(), match.captured(3).toLongLong()});
+            gets.append({match.captured(1), match.captured(3).toInt(), match.captured(4).toLongLong(),
+                         match.captured(2), match.captured(5).toLongLong()});
     }
     return gets;
 }

@@ -14,6 +14,8 @@ struct Get {
     QString path;
     int status = 0;
     qint64 bytes = 0; // of the body, as nginx sent it: fewer than the file's when it was cut
+    QString protocol; // "HTTP/1.1", "HTTP/2.0"
+    qint64 connection = -1; // nginx's serial number of the connection it came on
 };
 
 // The GETs of an access log excerpt, in order.

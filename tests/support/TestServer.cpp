@@ -113,8 +113,9 @@ bool accepts(quint16 port) {
 
 } // namespace
 
-TestServer::TestServer(int originConnections, const QString& originRate)
-    : fault_(std::make_unique<FaultServer>()), originConnections_(originConnections), originRate_(originRate) {
+TestServer::TestServer(int originConnections, const QString& originRate, Http2 http2)
+    : http2_(http2), fault_(std::make_unique<FaultServer>()), originConnections_(originConnections),
+      originRate_(originRate) {
     if (!prefix_.isValid())
         fail(QStringLiteral("no temporary folder for nginx"));
     for (const char* sub : {"logs", "tmp", "www", "fixtures"})
@@ -248,7 +249,7 @@ QString TestServer::configuration() const {
            "events { worker_connections 256; }\n"
            "http {\n"
            "    log_format served '$remote_addr [$time_local] \"$request\" $status $body_bytes_sent '\n"
-           "                      '\"$http_range\" \"$http_if_range\"';\n"
+           "                      '\"$http_range\" \"$http_if_range\" $connection';\n"
            "    access_log " + root + "/logs/access.log served;\n"
            "    client_body_temp_path " + root + "/tmp/body;\n"
            "    proxy_temp_path " + root + "/tmp/proxy;\n"
@@ -275,7 +276,12 @@ QString TestServer::configuration() const {
            "    }\n" +
            edge(edgePort_, originPort_) + edge(bareEdgePort_, httpPort_) +
            "    server {\n"
-           "        listen " + loopback + ":" + QString::number(httpsPort_) + " ssl;\n" + tls +
+           "        listen " + loopback + ":" + QString::number(httpsPort_) +
+           (http2_ == Http2::Offered ? " ssl http2;\n"
+                                       // As nginx does after 1000, but soon enough for a test to cross.
+                                       "        keepalive_requests 100;\n"
+                                     : " ssl;\n") +
+           tls +
            // The size nginx announces comes from its file cache, primed while the file is
            // whole; the file is then cut, so the body ends early on a live connection.
            "        location = /truncated {\n"

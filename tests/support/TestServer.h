@@ -54,11 +54,17 @@ class FaultServer;
 // prepared folder bind-mounted over /etc/ssl/certs (the CA, its `openssl rehash` link and a
 // copy named ca-certificates.crt). The CA is made once per process and shared by all servers.
 //
+// The HTTPS listener speaks HTTP/1.1 only unless the server is made with Http2::Offered: then it
+// also offers HTTP/2 through ALPN, as release servers commonly do, and ends a connection after 100
+// requests (GOAWAY in HTTP/2), as servers do after so many.
+//
 // The constructor throws std::runtime_error when nginx cannot be started; the destructor stops
 // it.
 class TestServer {
 public:
-    explicit TestServer(int originConnections = 0, const QString& originRate = {});
+    enum class Http2 { Off, Offered };
+
+    explicit TestServer(int originConnections = 0, const QString& originRate = {}, Http2 http2 = Http2::Off);
     ~TestServer();
     TestServer(const TestServer&) = delete;
     TestServer& operator=(const TestServer&) = delete;
@@ -91,8 +97,9 @@ public:
 
     // nginx's error log so far, for failure messages.
     QString errorLog() const;
-    // nginx's access log so far: one line per request, with its request line, status, body
-    // bytes sent, Range and If-Range.
+    // nginx's access log so far: one line per request, with its request line (which names the
+    // protocol, "HTTP/2.0" for HTTP/2), status, body bytes sent, Range, If-Range and the serial
+    // number of the connection it came on.
     QString accessLog() const;
     // The access log of the origin behind /edge/, in the same form.
     QString originLog() const;
@@ -123,6 +130,7 @@ private:
     QString log(const QString& name) const;
     void primeTruncatedFile();
 
+    Http2 http2_;
     std::unique_ptr<FaultServer> fault_;
     QTemporaryDir prefix_;
     QProcess nginx_;
