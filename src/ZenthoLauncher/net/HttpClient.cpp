@@ -35,6 +35,11 @@ QNetworkRequest requestFor(const QUrl& url) {
     request.setMaximumRedirectsAllowed(maximumRedirects);
     request.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
                          QNetworkRequest::AlwaysNetwork);
+    // HTTP/1.1 even where the server offers HTTP/2: servers end an HTTP/2 connection after so many
+    // requests (GOAWAY), and Qt 6.4 then fails the requests it had queued on it instead of sending
+    // them on a new one, so an install of thousands of chunks would break off. Over HTTP/1.1 a
+    // closed connection's queued requests simply go out on the next.
+    request.setAttribute(QNetworkRequest::Http2AllowedAttribute, false);
     return request;
 }
 
