@@ -128,15 +128,12 @@ int main(int argc, char** argv) {
     const QString manifest = server.edgeUrl(QStringLiteral("/release/macos-arm64-manifest.json")).toString();
     const auto release = [&](const QString& version, bool patched) {
         makeGame(path(QStringLiteral("game-") + version), patched);
-        const ReleaseTool::Run packed = ReleaseTool::packGameWithChunks(
-            path(QStringLiteral("game-") + version), version, server.edgeUrl(QStringLiteral("/release")).toString(),
-            path(QStringLiteral("out-") + version), path(QStringLiteral("store")),
-            server.edgeUrl(QStringLiteral("/chunks")).toString());
-        const ReleaseTool::Run published = ReleaseTool::publishWithChunks(
-            server.documentRoot(), path(QStringLiteral("store")), packed.line(QStringLiteral("manifest")));
-        if (!packed.ok() || !published.ok()) {
-            std::fprintf(stderr, "publishing %s failed: %s%s\n", qPrintable(version), packed.errors.constData(),
-                         published.errors.constData());
+        const ReleaseTool::Run packed = ReleaseTool::packChunkedAndPublish(
+            path(QStringLiteral("game-") + version), version,
+            {server.edgeUrl(QStringLiteral("/release")).toString(), path(QStringLiteral("out-") + version),
+             path(QStringLiteral("store")), server.edgeUrl(QStringLiteral("/chunks")).toString(), server.documentRoot()});
+        if (!packed.ok()) {
+            std::fprintf(stderr, "publishing %s failed: %s\n", qPrintable(version), packed.errors.constData());
             std::exit(1);
         }
     };

@@ -135,15 +135,11 @@ class TestChunkedUpdates : public QObject {
     Run packAndPublish(const QString& version, const QString& builds = QStringLiteral("builds"),
                        const QString& store = QStringLiteral("store"), const QStringList& extra = {}) {
         const QString storeUrl = store == QLatin1String("store") ? QStringLiteral("/chunks") : QLatin1Char('/') + store;
-        const Run packed = ReleaseTool::packGameWithChunks(
-            path(QStringLiteral("game-") + version), version, server_->url(QLatin1Char('/') + builds).toString(),
-            path(QStringLiteral("out-") + builds + QLatin1Char('-') + version), path(store),
-            server_->url(storeUrl).toString(), extra);
-        if (!packed.ok())
-            return packed;
-        const Run published =
-            ReleaseTool::publishWithChunks(www(), path(store), packed.line(QStringLiteral("manifest")));
-        return published.ok() ? packed : published;
+        return ReleaseTool::packChunkedAndPublish(
+            path(QStringLiteral("game-") + version), version,
+            {server_->url(QLatin1Char('/') + builds).toString(), path(QStringLiteral("out-") + builds + QLatin1Char('-') + version),
+             path(store), server_->url(storeUrl).toString(), www()},
+            extra);
     }
     // Serves `manifest` and returns its address.
     QString serve(const QString& name, const ReleaseManifest& manifest) const {

@@ -109,13 +109,11 @@ private slots:
         TestFiles::writeFile(game + QStringLiteral("/data/pack.bin"), TestFiles::randomBytes(600000, 3));
         TestFiles::writeFile(game + QStringLiteral("/data/levels.txt"), QByteArray("level 1: gate\n").repeated(500));
         TestFiles::writeFile(game + QStringLiteral("/data/intro.txt"), QByteArray("the gate opens\n").repeated(300));
-        const ReleaseTool::Run packed = ReleaseTool::packGameWithChunks(
-            game, kVersion, server_->url(QStringLiteral("/builds")).toString(), path(QStringLiteral("out")),
-            path(QStringLiteral("store")), server_->url(QStringLiteral("/chunks")).toString());
+        const ReleaseTool::Run packed = ReleaseTool::packChunkedAndPublish(
+            game, kVersion,
+            {server_->url(QStringLiteral("/builds")).toString(), path(QStringLiteral("out")), path(QStringLiteral("store")),
+             server_->url(QStringLiteral("/chunks")).toString(), server_->documentRoot()});
         QVERIFY2(packed.ok(), packed.errors.constData());
-        const ReleaseTool::Run published = ReleaseTool::publishWithChunks(
-            server_->documentRoot(), path(QStringLiteral("store")), packed.line(QStringLiteral("manifest")));
-        QVERIFY2(published.ok(), published.errors.constData());
         server_->writeFile(QStringLiteral("m.json"), TestFiles::readFile(packed.line(QStringLiteral("manifest"))));
         QCOMPARE(player().press(), storage().build(kVersion));
         QCOMPARE(verified(), QStringLiteral("0.3.0: whole\n"));

@@ -48,8 +48,8 @@ class TestVerifyBuilds : public QObject {
     }
 
 private slots:
-    // 0.3.0, packed with chunks and published, installed by one press of the real launcher: the
-    // first install comes from the archive and keeps the release's index beside the build.
+    // 0.3.0, packed with chunks and published, installed by one press of the real launcher, which
+    // keeps the release's index beside the build.
     void initTestCase() {
         ZENTHO_REQUIRE(root);
         ZENTHO_REQUIRE(nginx);
@@ -62,13 +62,11 @@ private slots:
         TestFiles::writeFile(game + QStringLiteral("/data/pack.bin"), TestFiles::randomBytes(600000, 3));
         TestFiles::writeFile(game + QStringLiteral("/data/levels.txt"), QByteArray("level 1: gate\n").repeated(500));
         QVERIFY(QFile::link(QStringLiteral("levels.txt"), game + QStringLiteral("/data/current")));
-        const ReleaseTool::Run packed = ReleaseTool::packGameWithChunks(
-            game, kVersion, server_->url(QStringLiteral("/builds")).toString(), path(QStringLiteral("out")),
-            path(QStringLiteral("store")), server_->url(QStringLiteral("/chunks")).toString());
+        const ReleaseTool::Run packed = ReleaseTool::packChunkedAndPublish(
+            game, kVersion,
+            {server_->url(QStringLiteral("/builds")).toString(), path(QStringLiteral("out")), path(QStringLiteral("store")),
+             server_->url(QStringLiteral("/chunks")).toString(), server_->documentRoot()});
         QVERIFY2(packed.ok(), packed.errors.constData());
-        const ReleaseTool::Run published = ReleaseTool::publishWithChunks(
-            server_->documentRoot(), path(QStringLiteral("store")), packed.line(QStringLiteral("manifest")));
-        QVERIFY2(published.ok(), published.errors.constData());
         server_->writeFile(QStringLiteral("m.json"), TestFiles::readFile(packed.line(QStringLiteral("manifest"))));
 
         RealLauncher launcher(LauncherBundles::builtBundle(), storage().dataHome());

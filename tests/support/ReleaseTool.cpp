@@ -84,6 +84,16 @@ Run publishWithChunks(const QString& documentRoot, const QString& store, const Q
                 manifest});
 }
 
+Run packChunkedAndPublish(const QString& source, const QString& version, const ChunkedRelease& release,
+                          const QStringList& extra) {
+    const Run packed = packGameWithChunks(source, version, release.urlBase, release.out, release.store,
+                                          release.storeUrl, extra);
+    if (!packed.ok())
+        return packed;
+    const Run published = publishWithChunks(release.documentRoot, release.store, packed.line(QStringLiteral("manifest")));
+    return published.ok() ? packed : published;
+}
+
 void makeSmallGame(const QString& folder, const QString& version) {
     TestFiles::makeFolder(folder);
     QFile::copy(standinGame020(), folder + QStringLiteral("/zentho"));

@@ -38,6 +38,21 @@ Run verify(const Run& packed, const QStringList& extra = {});
 // publish --to `documentRoot` --chunks `store` of the release whose manifest is `manifest`.
 Run publishWithChunks(const QString& documentRoot, const QString& store, const QString& manifest);
 
+// Where packChunkedAndPublish puts a release: its archive and index named at `urlBase`, its
+// chunks in `store` named at `storeUrl`, the tool's output in `out`, all published into
+// `documentRoot`.
+struct ChunkedRelease {
+    QString urlBase;
+    QString out;
+    QString store;
+    QString storeUrl;
+    QString documentRoot;
+};
+// packGameWithChunks and then publishWithChunks: the pack's run when both went well (its lines
+// name the manifest and the index), else the one that failed.
+Run packChunkedAndPublish(const QString& source, const QString& version, const ChunkedRelease& release,
+                          const QStringList& extra = {});
+
 // Why the release tests cannot run with this build (the tool or the 0.2.0 stand-in is not
 // built), or empty when they can.
 QString missingFromTheBuild();
