@@ -1,0 +1,39 @@
+#pragma once
+
+#include <QtGlobal>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+// A TCP relay on 127.0.0.1 that makes loopback look like a long link: every byte reaches the other
+// side `oneWay` after it arrived, in both directions, so a request and its answer take at least
+// two of them. A connection costs one round trip before its first byte, as a TCP handshake does on
+// a real link (the kernel completes the local one at once): what the client sends first is held
+// back one more round trip. Bandwidth is not limited. The kernel here has no traffic shaping, so
+// the delay is made in user space, on one thread of its own that the destructor stops and joins,
+// closing every connection.
+//
+// The constructor throws std::runtime_error when it cannot listen.
+class DelayProxy {
+public:
+    DelayProxy(quint16 targetPort, std::chrono::milliseconds oneWay);
+    ~DelayProxy();
+    DelayProxy(const DelayProxy&) = delete;
+    DelayProxy& operator=(const DelayProxy&) = delete;
+
+    quint16 port() const { return port_; }
+    // The connections accepted so far.
+    int connections() const { return connections_.load(); }
+
+private:
+    void run();
+
+    quint16 targetPort_;
+    std::chrono::milliseconds oneWay_;
+    int listener_ = -1;
+    int wake_[2] = {-1, -1}; // a pipe whose write end tells the thread to stop
+    quint16 port_ = 0;
+    std::atomic<int> connections_{0};
+    std::thread thread_;
+};
