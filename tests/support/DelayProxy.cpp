@@ -41,6 +41,32 @@ struct Flow {
     bool blocked = false;  // `to` would not take more
 };
 
+// One direction's share of the link: bytes may leave while tokens last; they come back at the
+// rate, up to the burst.
+struct Bucket {
+    double rate = 0; // bytes a second; 0 is no limit
+    double burst = 0;
+    double tokens = 0;
+    Clock::time_point filled;
+    bool waited = false; // bytes were due and had to wait, this round
+
+    bool limited() const { return rate > 0; }
+    void refill(Clock::time_point now) {
+        if (!limited())
+            return;
+        tokens = std::min(burst, tokens + std::chrono::duration<double>(now - filled).count() * rate);
+        filled = now;
+    }
+    // When it is worth waking for more: enough tokens for a good send, or a full bucket.
+    Clock::time_point readyAt() const {
+        const double wanted = std::min(burst, 16.0 * 1024);
+        if (tokens >= wanted)
+            return filled;
+        return filled + std::chrono::duration_cast<Clock::duration>(
+                            std::chrono::duration<double>((wanted - tokens) / rate));
+    }
+};
+
 struct Relay {
     int client = -1;
     int server = -1;
@@ -87,17 +113,27 @@ bool take(Flow& flow, Clock::duration delay) {
     return true;
 }
 
-// Hands on what is due; passes an end on once nothing is held before it. False when `to` failed.
-bool give(Flow& flow, Clock::time_point now) {
+// Hands on what is due, as far as the link's tokens go; passes an end on once nothing is held
+// before it. False when `to` failed.
+bool give(Flow& flow, Bucket& link, Clock::time_point now) {
     flow.blocked = false;
     while (!flow.held.empty() && flow.held.front().due <= now) {
         Held& front = flow.held.front();
-        const ssize_t sent = ::send(flow.to, front.bytes.data() + flow.sentOfFront,
-                                    front.bytes.size() - flow.sentOfFront, MSG_NOSIGNAL);
+        std::size_t size = front.bytes.size() - flow.sentOfFront;
+        if (link.limited()) {
+            size = std::min(size, std::size_t(link.tokens));
+            if (size == 0) {
+                link.waited = true;
+                return true;
+            }
+        }
+        const ssize_t sent = ::send(flow.to, front.bytes.data() + flow.sentOfFront, size, MSG_NOSIGNAL);
         if (sent < 0) {
             flow.blocked = errno == EAGAIN || errno == EWOULDBLOCK;
             return flow.blocked || errno == EINTR;
         }
+        if (link.limited())
+            link.tokens -= double(sent);
         flow.sentOfFront += std::size_t(sent);
         if (flow.sentOfFront == front.bytes.size()) {
             flow.heldBytes -= front.bytes.size();
@@ -123,8 +159,11 @@ short eventsFor(const Flow& reading, const Flow& writing) {
 
 } // namespace
 
-DelayProxy::DelayProxy(quint16 targetPort, std::chrono::milliseconds oneWay)
-    : targetPort_(targetPort), oneWay_(oneWay) {
+// A pause of 10 ms may be made up at once: less makes the relay wake more often than a poll's
+// milliseconds allow, more lets short transfers pass faster than the link.
+DelayProxy::DelayProxy(quint16 targetPort, std::chrono::milliseconds oneWay, std::uint64_t bytesPerSecond)
+    : targetPort_(targetPort), oneWay_(oneWay), rate_(bytesPerSecond),
+      burst_(bytesPerSecond == 0 ? 0 : std::max<std::uint64_t>(64 * 1024, bytesPerSecond / 100)) {
     listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -155,6 +194,8 @@ DelayProxy::~DelayProxy() {
 void DelayProxy::run() {
     const Clock::duration delay = oneWay_;
     std::list<Relay> relays;
+    Bucket up{double(rate_), double(burst_), double(burst_), Clock::now()};
+    Bucket down = up;
     for (;;) {
         // Sleep until a side has something, can take more, or the next held bytes are due.
         std::vector<pollfd> fds{{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
@@ -163,8 +204,11 @@ void DelayProxy::run() {
             fds.push_back({relay.client, eventsFor(relay.up, relay.down), 0});
             fds.push_back({relay.server, eventsFor(relay.down, relay.up), 0});
             for (const Flow* flow : {&relay.up, &relay.down}) {
-                if (!flow->held.empty() && !flow->blocked)
-                    next = std::min(next, flow->held.front().due);
+                if (!flow->held.empty() && !flow->blocked) {
+                    const Bucket& link = flow == &relay.up ? up : down;
+                    next = std::min(next, link.limited() ? std::max(flow->held.front().due, link.readyAt())
+                                                         : flow->held.front().due);
+                }
             }
         }
         int timeout = -1;
@@ -196,10 +240,13 @@ void DelayProxy::run() {
         }
 
         const Clock::time_point now = Clock::now();
+        up.refill(now);
+        down.refill(now);
+        up.waited = down.waited = false;
         for (Relay& relay : relays) {
             const std::size_t heldBefore = relay.up.held.size();
-            relay.broken = !take(relay.up, relay.firstUp ? 3 * delay : delay) ||
-                           !take(relay.down, delay) || !give(relay.up, now) || !give(relay.down, now);
+            relay.broken = !take(relay.up, relay.firstUp ? 3 * delay : delay) || !take(relay.down, delay) ||
+                           !give(relay.up, up, now) || !give(relay.down, down, now);
             // The connection's handshake: a round trip before the first byte can leave the client.
             if (relay.up.held.size() > heldBefore)
                 relay.firstUp = false;
@@ -212,6 +259,10 @@ void DelayProxy::run() {
             }
             return over;
         });
+        throttled_ += std::uint64_t(up.waited) + std::uint64_t(down.waited);
+        // The first connection takes the tokens first: take turns, so they share the link.
+        if (relays.size() > 1)
+            relays.splice(relays.end(), relays, relays.begin());
     }
     for (const Relay& relay : relays) {
         ::close(relay.client);

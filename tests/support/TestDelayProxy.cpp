@@ -11,6 +11,7 @@
 #include <chrono>
 #include <limits>
 #include <utility>
+#include <vector>
 #include <stdexcept>
 #include <thread>
 
@@ -158,6 +159,80 @@ private:
     std::thread thread_;
 };
 
+// A server that sends `answer` to each of `count` connections at once, then ends its side.
+class Fountain {
+public:
+    Fountain(int count, QByteArray answer) : listener_(listening(port_)), answer_(std::move(answer)) {
+        for (int i = 0; i < count; ++i) {
+            threads_.emplace_back([this] {
+                Socket client(::accept4(listener_.fd, nullptr, nullptr, SOCK_CLOEXEC));
+                sendAll(client.fd, answer_);
+                ::shutdown(client.fd, SHUT_WR);
+                readToEnd(client.fd); // until the client closes
+            });
+        }
+    }
+    ~Fountain() {
+        for (std::thread& thread : threads_)
+            thread.join();
+    }
+    quint16 port() const { return port_; }
+
+private:
+    quint16 port_ = 0;
+    Socket listener_;
+    QByteArray answer_;
+    std::vector<std::thread> threads_;
+};
+
+// What `count` parallel downloads through `proxy` brought, and whether every byte came no sooner
+// than a link of `bytesPerSecond` (after a full bucket of `burst`) could have brought it, by the
+// clock of this side, which starts before the first connection.
+struct Downloads {
+    std::vector<QByteArray> bodies;
+    bool withinRate = true;
+    qint64 elapsedMs = 0;
+};
+
+Downloads downloadAtOnce(quint16 port, int count, double bytesPerSecond, double burst) {
+    QElapsedTimer clock;
+    clock.start();
+    std::vector<Socket> sockets;
+    for (int i = 0; i < count; ++i) {
+        sockets.push_back(connected(port));
+        ::shutdown(sockets.back().fd, SHUT_WR);
+    }
+    Downloads result;
+    result.bodies.resize(std::size_t(count));
+    std::vector<bool> ended(std::size_t(count), false);
+    double total = 0;
+    char buffer[64 * 1024];
+    for (int open = count; open > 0;) {
+        std::vector<pollfd> fds;
+        for (int i = 0; i < count; ++i)
+            fds.push_back({ended[std::size_t(i)] ? -1 : sockets[std::size_t(i)].fd, POLLIN, 0});
+        if (::poll(fds.data(), fds.size(), 60000) <= 0)
+            break; // a minute without a byte: what came is what the test sees
+        for (int i = 0; i < count; ++i) {
+            if (!(fds[std::size_t(i)].revents & (POLLIN | POLLHUP)))
+                continue;
+            const ssize_t got = ::recv(fds[std::size_t(i)].fd, buffer, sizeof buffer, 0);
+            if (got <= 0) {
+                ended[std::size_t(i)] = true;
+                --open;
+                continue;
+            }
+            result.bodies[std::size_t(i)].append(buffer, got);
+            total += double(got);
+            const double seconds = double(clock.nsecsElapsed()) / 1e9;
+            if (bytesPerSecond > 0 && total > burst + bytesPerSecond * seconds)
+                result.withinRate = false;
+        }
+    }
+    result.elapsedMs = clock.elapsed();
+    return result;
+}
+
 // How long one two-byte request and its echo took on `socket`, in milliseconds.
 qint64 exchangeMs(int socket) {
     QElapsedTimer clock;
@@ -223,6 +298,52 @@ private slots:
         char byte;
         QCOMPARE(::recv(held.fd, &byte, 1, MSG_DONTWAIT), ssize_t(-1));
         QVERIFY(errno == EAGAIN || errno == EWOULDBLOCK);
+    }
+
+    // Lower bounds only, as above: with a rate, all connections together get that rate and no
+    // more, at every moment of the transfer.
+    void sharesItsRateAmongAllConnections() {
+        const int count = 4;
+        const std::uint64_t rate = 4 * 1024 * 1024;
+        const QByteArray answer = randomBytes(1024 * 1024);
+        Fountain server(count, answer);
+        DelayProxy proxy(server.port(), 0ms, rate);
+        QVERIFY(proxy.burstBytes() > 0);
+        const Downloads got = downloadAtOnce(proxy.port(), count, double(rate), double(proxy.burstBytes()));
+        for (const QByteArray& body : got.bodies)
+            QVERIFY(body == answer);
+        QVERIFY2(got.withinRate, "more bytes arrived than the link's rate allows");
+        const double leastMs = double(count * answer.size() - qsizetype(proxy.burstBytes())) / double(rate) * 1000;
+        QVERIFY2(double(got.elapsedMs) >= leastMs,
+                 qPrintable(QStringLiteral("%1 ms, at least %2").arg(got.elapsedMs).arg(leastMs)));
+        QVERIFY(proxy.throttled() > 0);
+        QCOMPARE(proxy.connections(), count);
+    }
+
+    // Its twin: without a rate the same transfer never waits for the link. (That it then comes
+    // sooner than the rate would allow depends on the machine's load, so it is not asserted.)
+    void passesAtOnceWithoutARate() {
+        const int count = 4;
+        const QByteArray answer = randomBytes(1024 * 1024);
+        Fountain server(count, answer);
+        DelayProxy proxy(server.port(), 0ms);
+        QCOMPARE(proxy.burstBytes(), std::uint64_t(0));
+        const Downloads got = downloadAtOnce(proxy.port(), count, 0, 0);
+        for (const QByteArray& body : got.bodies)
+            QVERIFY(body == answer);
+        QCOMPARE(proxy.throttled(), std::uint64_t(0));
+    }
+
+    // And with a rate, what fits in the bucket passes without waiting.
+    void passesABurstWithoutWaiting() {
+        const std::uint64_t rate = 4 * 1024 * 1024;
+        const QByteArray answer = randomBytes(32 * 1024);
+        Fountain server(1, answer);
+        DelayProxy proxy(server.port(), 0ms, rate);
+        QVERIFY(std::uint64_t(answer.size()) < proxy.burstBytes());
+        const Downloads got = downloadAtOnce(proxy.port(), 1, double(rate), double(proxy.burstBytes()));
+        QVERIFY(got.bodies.front() == answer);
+        QCOMPARE(proxy.throttled(), std::uint64_t(0));
     }
 
     void closesTheClientWhenTheTargetIsNotListening() {
