@@ -15,10 +15,13 @@
 //      runs 6 at a time, so together they stay under 50 MiB/s
 //   C  as B without the kept indexes: the launcher reads 0.3.0 to find its chunks
 //   D  a press with 0.3.1 already in place: what every press costs besides the install
-//   FA a first install of 0.3.1 on an empty storage from its archive at 50 MiB/s
-//   FC the same from its chunks: the index at 50 MiB/s, the chunks six requests at a time at a
-//      sixth of that each; beside time and bytes, the most the storage took on the disk during
-//      each (sampled every few milliseconds) against the build's own size
+//   FA a first install of 0.3.1 on an empty storage from its archive through one 50 MiB/s link
+//   FC the same from its chunks, through the same link: a DelayProxy whose rate all connections
+//      share, as on a real link (nginx's limit_rate is per request, so six requests at a sixth
+//      each never fill each other's gaps); beside time and bytes, the most the storage took on the
+//      disk during each (sampled every few milliseconds) against the build's own size
+//   L  FC and B again through a relay without a rate that adds no delay, then 50 ms each way (a
+//      round trip of 100 ms): the round trips each waited for, (time at 100 ms - time at 0) / 0.1 s
 //
 // Exit status 0 when both goals are met, 2 when one is not, 1 when a run failed, B fell back to
 // the archive or the installed trees differ.
@@ -29,6 +32,7 @@
 //                               `pairs 1024 0 16384z`: a size in MiB, then chunk averages (0: the
 //                               default), "z" for a compressed index
 
+#include "DelayProxy.h"
 #include "LauncherBundles.h"
 #include "PatchPairBench.h"
 #include "PatchedBuilds.h"
@@ -122,9 +126,10 @@ Release pack(const TestServer& server, const QString& source, const QString& ver
 }
 
 // Serves the manifest of `release`, without its "chunks" member unless `withChunks`, its chunk
-// store at `store` when given; returns its URL.
+// store at `store` when given, and everything it names on the server through the relay on
+// `relayPort` when given, without nginx's rates; returns its URL.
 QString serveManifest(const TestServer& server, const Release& release, const QString& name, bool withChunks,
-                      const QString& store = QString()) {
+                      const QString& store = QString(), quint16 relayPort = 0) {
     QFile file(release.manifest);
     file.open(QIODevice::ReadOnly);
     QJsonObject manifest = QJsonDocument::fromJson(file.readAll()).object();
@@ -135,7 +140,14 @@ QString serveManifest(const TestServer& server, const Release& release, const QS
         chunks.insert(QStringLiteral("store"), store);
         manifest.insert(QStringLiteral("chunks"), chunks);
     }
-    server.writeFile(QStringLiteral("manifests/") + name, QJsonDocument(manifest).toJson());
+    QString text = QString::fromUtf8(QJsonDocument(manifest).toJson());
+    if (relayPort != 0) {
+        // The certificate names 127.0.0.1, so only the port changes.
+        const QRegularExpression origin(QRegularExpression::escape(server.url(QStringLiteral("/")).toString()) +
+                                        QStringLiteral("(rate50m/|rate8m/)?"));
+        text.replace(origin, QStringLiteral("https://127.0.0.1:%1/").arg(relayPort));
+    }
+    server.writeFile(QStringLiteral("manifests/") + name, text.toUtf8());
     return server.url(QStringLiteral("/manifests/") + name).toString();
 }
 
@@ -390,12 +402,38 @@ int main(int argc, char** argv) {
             run.tree = TreeSnapshot::of(expected);
         return run;
     };
-    // First installs of 0.3.1 on an empty storage, both at 50 MiB/s: the archive in one request,
-    // the chunks six requests at a time, each at a sixth of that.
-    const QString firstChunksManifest = serveManifest(server, second, QStringLiteral("0.3.1-first-chunks.json"), true,
-                                                      server.url(QStringLiteral("/rate50m-by6/chunks")).toString());
-    const Run firstArchive = runOnce(archiveManifest, false, false, true, true);
-    const Run firstChunks = runOnce(firstChunksManifest, false, false, true, true);
+    // First installs of 0.3.1 on an empty storage, both through one link of 50 MiB/s that all
+    // their connections share.
+    const quint16 nginxPort = quint16(server.url(QStringLiteral("/")).port());
+    Run firstArchive, firstChunks;
+    {
+        DelayProxy link(nginxPort, std::chrono::milliseconds(0), std::uint64_t(50 * kMiB));
+        firstArchive = runOnce(serveManifest(server, second, QStringLiteral("0.3.1-first-archive.json"), false,
+                                             QString(), link.port()),
+                               false, false, true, true);
+        firstChunks = runOnce(serveManifest(server, second, QStringLiteral("0.3.1-first-chunks.json"), true,
+                                            QString(), link.port()),
+                              false, false, true, true);
+    }
+    // The cost of latency: the same first install from chunks and the patch B through a relay
+    // without a rate, adding nothing and then 50 ms each way, a round trip of 100 ms.
+    struct Latency {
+        int oneWayMs;
+        Run first, patch;
+        int connections;
+    };
+    QList<Latency> latencies{{0, {}, {}, 0}, {50, {}, {}, 0}};
+    for (Latency& latency : latencies) {
+        DelayProxy link(nginxPort, std::chrono::milliseconds(latency.oneWayMs));
+        const QString suffix = QStringLiteral("-%1ms.json").arg(latency.oneWayMs);
+        latency.first = runOnce(serveManifest(server, second, QStringLiteral("0.3.1-first") + suffix, true, QString(),
+                                              link.port()),
+                                false, false, false, true);
+        latency.patch = runOnce(serveManifest(server, second, QStringLiteral("0.3.1-patch") + suffix, true, QString(),
+                                              link.port()),
+                                true, false, false);
+        latency.connections = link.connections();
+    }
     const Run a = runOnce(archiveManifest, true, false, true);
     QList<Run> bs;
     for (int i = 0; i < chunkRounds; ++i)
@@ -432,9 +470,24 @@ int main(int argc, char** argv) {
     }
     std::printf("\n");
 
+    std::printf("L   round trips: the first install from chunks (FC) and the patch (B) through a relay without a "
+                "rate, at round trips of 0 and 100 ms\n");
+    for (const Latency& latency : latencies) {
+        const QString rtt = QString::number(2 * latency.oneWayMs);
+        printRun(QStringLiteral("FC") + rtt, latency.first);
+        printRun(QStringLiteral("B") + rtt, latency.patch);
+        std::printf("    round trip %s ms: %d connections through the relay for both\n", qPrintable(rtt),
+                    latency.connections);
+    }
+    std::printf("round trips waited for, (time at 100 ms - time at 0) / 0.1 s: first install from chunks %.1f, "
+                "patch %.1f\n\n",
+                (latencies[1].first.press.seconds - latencies[0].first.press.seconds) / 0.1,
+                (latencies[1].patch.press.seconds - latencies[0].patch.press.seconds) / 0.1);
+
     // The first installs side by side, against the archive alone at 50 MiB/s.
     const double archiveAlone = double(second.archiveBytes) / double(50 * kMiB);
-    std::printf("first install of 0.3.1 at 50 MiB/s on an empty storage; the archive alone takes %.2f s at that rate\n",
+    std::printf("first install of 0.3.1 through one 50 MiB/s link (a DelayProxy with that rate shared by all its "
+                "connections, no delay) on an empty storage; the archive alone takes %.2f s at that rate\n",
                 archiveAlone);
     std::printf("%-14s %12s %8s %14s %8s %9s %14s %10s\n", "", "press->game", "/alone", "bytes fetched", "/archive",
                 "requests", "peak disk", "/build");

@@ -197,8 +197,6 @@ QString TestServer::configuration() const {
         "        location ^~ /trickle/ { alias " + root + "/www/; limit_rate 4k; }\n"
         "        location ^~ /rate50m/ { alias " + root + "/www/; limit_rate 50m; }\n"
         "        location ^~ /rate8m/ { alias " + root + "/www/; limit_rate 8m; }\n"
-        // 50 MiB/s shared by the six requests a launcher keeps in flight for chunks.
-        "        location ^~ /rate50m-by6/ { alias " + root + "/www/; limit_rate 8738133; }\n"
         "        location ^~ /throttle/ { alias " + root + "/www/; limit_rate 1m; }\n"
         "        location ^~ /norange/ { alias " + root + "/www/; limit_rate 1m; max_ranges 0; }\n"
         "        location ^~ /fault/ {\n"
