@@ -29,6 +29,7 @@
 #include <QFileInfo>
 #include <QMap>
 #include <QRegularExpression>
+#include <QScopeGuard>
 #include <QSet>
 #include <QTemporaryDir>
 #include <QTest>
@@ -123,6 +124,12 @@ int main(int argc, char** argv) {
         return 1;
     }
     QTemporaryDir dir;
+    // A launcher may start its game after the bench has stopped watching it (it gave up on one
+    // that took too long); no game outlives the bench, whatever way it ends.
+    const auto endGames = qScopeGuard([&] {
+        for (const qint64 pid : RealLauncher::processesRunningFrom(dir.path()))
+            RealLauncher::terminateAndCollect(pid);
+    });
     const auto path = [&](const QString& name) { return dir.filePath(name); };
     TestServer server(originConnections, originRate);
     const QString manifest = server.edgeUrl(QStringLiteral("/release/macos-arm64-manifest.json")).toString();
