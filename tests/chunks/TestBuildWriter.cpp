@@ -2,7 +2,8 @@
 #include "TestFiles.h"
 #include "TreeSnapshot.h"
 
-#include "chunks/ChunkAssembly.h"
+#include "chunks/BuildWriter.h"
+#include "errors/Failure.h"
 #include "formats/TreeChunker.h"
 
 #include <QDir>
@@ -40,7 +41,7 @@ QByteArray pattern(int size, int seed) {
 
 // A build written from its chunks: the same tree as the one it was cut from, and nothing accepted
 // that differs from the index.
-class TestChunkAssembly : public QObject {
+class TestBuildWriter : public QObject {
     Q_OBJECT
 
     QTemporaryDir dir_;
@@ -62,7 +63,9 @@ class TestChunkAssembly : public QObject {
         if (staging)
             *staging = folder;
         try {
-            assembleBuild(index, locations, folder);
+            BuildWriter writer(folder, BuildWriter::Start::empty);
+            writer.writeFiles(writer.makeTree(index), locations);
+            writer.finishFolders();
             return QStringLiteral("ok");
         } catch (const ChunkAssemblyError& error) {
             return QString::fromUtf8(error.what());
@@ -171,5 +174,5 @@ private slots:
 
 };
 
-QTEST_GUILESS_MAIN(TestChunkAssembly)
-#include "TestChunkAssembly.moc"
+QTEST_GUILESS_MAIN(TestBuildWriter)
+#include "TestBuildWriter.moc"
