@@ -18,6 +18,15 @@ QString PartialBuilds::folderFor(const QString& indexSha256) const {
     return launcherRoot_ + QLatin1Char('/') + kPrefix + indexSha256;
 }
 
+bool PartialBuilds::takeUp(const QString& folder) const {
+    const QFileInfo left(folder);
+    if (left.isDir() && !left.isSymLink())
+        return true;
+    if (left.exists() || left.isSymLink())
+        files_.removeItem(folder);
+    return false;
+}
+
 void PartialBuilds::removeAllBut(const QString& keep) const {
     const QFileInfoList entries =
         QDir(launcherRoot_).entryInfoList({kPrefix + QLatin1Char('*')}, QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot);

@@ -20,6 +20,9 @@ public:
     // Removes every such folder but `keep` (none when empty). Failures are ignored: the next
     // install tries again.
     void removeAllBut(const QString& keep) const;
+    // Readies `folder` (one of folderFor's) for a try: true when a folder of our own is there to
+    // be taken up again; a link or file under its name is removed, never followed.
+    bool takeUp(const QString& folder) const;
 
 private:
     const FileManager& files_;

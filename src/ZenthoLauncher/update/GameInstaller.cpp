@@ -16,7 +16,6 @@
 #include "update/ManifestFetch.h"
 
 #include <QDebug>
-#include <QFileInfo>
 
 #include <algorithm>
 
@@ -116,11 +115,7 @@ QCoro::Task<bool> GameInstaller::placeFromChunks(const FetchedChunkIndex& releas
         const PartialBuilds partials(context_.files, context_.launcherRoot);
         const QString folder = partials.folderFor(sha256Hex(release.bytes));
         partials.removeAllBut(folder);
-        // Only a folder of our own is taken up again; a link or file under its name goes.
-        const QFileInfo left(folder);
-        const bool resuming = left.isDir() && !left.isSymLink();
-        if (!resuming && (left.exists() || left.isSymLink()))
-            context_.files.removeItem(folder);
+        const bool resuming = partials.takeUp(folder);
         StagingFolder staging(context_.files, folder);
         ChunkedBuild build{std::move(plan), store, folder,
                            resuming ? BuildWriter::Start::resume : BuildWriter::Start::empty, cacheCap,
