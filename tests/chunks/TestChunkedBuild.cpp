@@ -84,7 +84,7 @@ class TestChunkedBuild : public QObject {
     QString write(qint64 cap, CacheWatch* watch, BuildWriter::Start start = BuildWriter::Start::empty) {
         const ChunkCache cache(root());
         HttpClient client;
-        ChunkedBuild build{planChunks(index_, cache, {}), server_->url(storePath()), folder(), start, cap, watch, {}};
+        ChunkedBuild build{planChunks(index_, cache, {}), ChunkSource{server_->url(storePath())}, folder(), start, cap, watch, {}};
         const std::exception_ptr error = waitForOutcome(writeBuildFromChunks(client, index_, std::move(build), cache));
         try {
             if (error)

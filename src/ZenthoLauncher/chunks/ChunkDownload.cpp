@@ -5,15 +5,6 @@
 #include "net/HttpClient.h"
 #include "storage/ChunkCache.h"
 
-namespace {
-
-// zstd's own bound for a frame that holds `size` bytes, with room for the frame's header.
-qint64 storedBound(qint64 size) {
-    return size + size / 128 + 4096;
-}
-
-} // namespace
-
 QUrl chunkUrl(const QUrl& store, const QString& sha256) {
     QString base = store.toString();
     while (base.endsWith(QLatin1Char('/')))
@@ -23,7 +14,7 @@ QUrl chunkUrl(const QUrl& store, const QString& sha256) {
 
 QCoro::Task<void> fetchChunk(HttpClient& client, QUrl store, ChunkRef chunk, const ChunkCache& cache) {
     const QUrl url = chunkUrl(store, chunk.sha256);
-    const HttpResponse response = co_await client.capped(url, storedBound(chunk.size));
+    const HttpResponse response = co_await client.capped(url, ChunkStore::frameBound(chunk.size));
     if (response.statusCode != 200)
         throw ChunkStoreError(url.toString().toStdString() + " answered " + std::to_string(response.statusCode.value_or(0)));
     cache.keep(chunk.sha256, ChunkStore::decode(response.body, chunk.size, chunk.sha256));

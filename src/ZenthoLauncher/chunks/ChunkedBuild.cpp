@@ -1,6 +1,6 @@
 #include "chunks/ChunkedBuild.h"
 
-#include "chunks/ChunkDownload.h"
+#include "chunks/ChunkSource.h"
 #include "chunks/ChunkSchedule.h"
 #include "errors/Failure.h"
 #include "net/HttpClient.h"
@@ -102,19 +102,24 @@ struct Stream {
     }
 };
 
-// One of the parallel fetchers: takes the next chunk while there is room for it in the cache.
+// One of the parallel fetchers: takes the next chunks, as many as one request brings, while there
+// is room for them in the cache.
 QCoro::Task<void> fetchInTurn(Stream& stream) {
     while (stream.mayFetchNext()) {
-        const ChunkRef chunk = stream.queue[stream.next++];
-        stream.held += chunk.size;
+        std::vector<ChunkRef> batch;
+        while (stream.mayFetchNext() && stream.build.source.joins(batch, stream.queue[stream.next])) {
+            batch.push_back(stream.queue[stream.next++]);
+            stream.held += batch.back().size;
+        }
         try {
-            co_await fetchChunk(stream.client, stream.build.store, chunk, stream.cache);
+            co_await fetchChunks(stream.client, stream.build.source, batch, stream.cache);
         } catch (...) {
             if (!stream.failure)
                 stream.failure = std::current_exception();
             break;
         }
-        stream.arrived(chunk);
+        for (const ChunkRef& chunk : batch)
+            stream.arrived(chunk);
         stream.ring();
     }
     --stream.running;

@@ -2,10 +2,10 @@
 
 #include "chunks/BuildWriter.h"
 #include "chunks/ChunkPlan.h"
+#include "chunks/ChunkSource.h"
 #include "formats/ChunkIndex.h"
 
 #include <QString>
-#include <QUrl>
 
 #include <QCoroTask>
 
@@ -18,7 +18,7 @@ class HttpClient;
 // One build to write from chunks, and where they come from.
 struct ChunkedBuild {
     ChunkPlan plan;  // where the chunks on this disk are, and which ones are missing
-    QUrl store;      // where the missing ones are fetched from
+    ChunkSource source; // where the missing ones are fetched from
     QString folder;  // what the build is written into
     BuildWriter::Start start = BuildWriter::Start::empty;
     // Chunks passing through the cache (fetched, or kept by an earlier try) and not yet written
@@ -32,8 +32,8 @@ struct ChunkedBuild {
 };
 
 // Writes the build of `index` into `build.folder` while its missing chunks arrive: each is checked
-// before the cache keeps it (fetchChunk), the client's `parallelChunks` at a time in the order the
-// files first need them, and each file is written and checked as soon as all its chunks are on
+// before the cache keeps it (fetchChunks), the client's `parallelChunks` requests at a time in the
+// order the files first need them, and each file is written and checked as soon as all its chunks are on
 // this disk (BuildWriter), several at a time on worker threads; a chunk leaves the cache once the
 // last file that needs it is written. A process killed at any point loses only the chunks in
 // flight and the files half written: whatever else was fetched is in the cache, whatever was

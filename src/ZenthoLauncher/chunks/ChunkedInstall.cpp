@@ -66,6 +66,10 @@ bool chunksArePaying(qint64 peakCachedBytes, qint64 cacheBytes) {
     return peakCachedBytes <= cacheBytes;
 }
 
+bool requestsArePaying(qint64 missingBytes, qint64 buildBytes, bool packed) {
+    return packed || missingBytes <= buildBytes / 2;
+}
+
 qint64 buildBytes(const ChunkIndex& index) {
     qint64 total = 0;
     for (const ChunkIndexEntry& entry : index.entries)

@@ -41,5 +41,11 @@ std::vector<SeedBuild> seedBuilds(const FileManager& files, const QString& launc
 // they arrive instead of after the last byte.
 bool chunksArePaying(qint64 peakCachedBytes, qint64 cacheBytes);
 
+// The other half of the rule: chunks from a store cost a request each, which a far player waits
+// a round trip for, a few at a time; so from a store only a release of which at most half the
+// bytes are missing (a patch, a repair) comes as chunks, and a first install as its archive. A
+// pack brings many chunks a request and so any release at the line's speed.
+bool requestsArePaying(qint64 missingBytes, qint64 buildBytes, bool packed);
+
 // The bytes of every file of the release: what its build takes on the disk.
 qint64 buildBytes(const ChunkIndex& index);

@@ -7,6 +7,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSet>
 #include <QStringList>
 
 #include <cmath>
@@ -105,7 +106,8 @@ ChunkSizes readChunking(const QJsonObject& top) {
     return sizes;
 }
 
-void readFile(const QJsonObject& object, const QString& where, const ChunkSizes& sizes, ChunkIndexEntry& entry) {
+void readFile(const QJsonObject& object, const QString& where, const ChunkSizes& sizes, ChunkIndexEntry& entry,
+              QHash<QString, qint64>& stored) {
     entry.size = whole(object, QStringLiteral("size"), where, qint64(1) << 53);
     entry.sha256 = digest(object, where);
     const QJsonValue chunks = member(object, QStringLiteral("chunks"), where);
@@ -120,6 +122,12 @@ void readFile(const QJsonObject& object, const QString& where, const ChunkSizes&
         ChunkRef ref{digest(chunk, chunkWhere), whole(chunk, QStringLiteral("size"), chunkWhere, qint64(sizes.max))};
         if (ref.size == 0)
             refuse(where + QStringLiteral(" has an empty chunk"));
+        if (chunk.contains(QStringLiteral("stored"))) {
+            const qint64 size = whole(chunk, QStringLiteral("stored"), chunkWhere, ChunkStore::frameBound(ref.size));
+            if (stored.value(ref.sha256, size) != size)
+                refuse(where + QStringLiteral(" gives a chunk another stored size than before"));
+            stored.insert(ref.sha256, size);
+        }
         total += ref.size;
         if (total > entry.size)
             break;
@@ -129,7 +137,8 @@ void readFile(const QJsonObject& object, const QString& where, const ChunkSizes&
         refuse(where + QStringLiteral("'s chunks do not add up to its size"));
 }
 
-ChunkIndexEntry readEntry(const QJsonValue& value, const ChunkSizes& sizes, const QHash<QString, Kind>& earlier) {
+ChunkIndexEntry readEntry(const QJsonValue& value, const ChunkSizes& sizes, const QHash<QString, Kind>& earlier,
+                          QHash<QString, qint64>& stored) {
     if (!value.isObject())
         refuse(QStringLiteral("an entry is not an object"));
     const QJsonObject object = value.toObject();
@@ -167,7 +176,7 @@ ChunkIndexEntry readEntry(const QJsonValue& value, const ChunkSizes& sizes, cons
     if (object.contains(QStringLiteral("mtime")))
         entry.mtime = whole(object, QStringLiteral("mtime"), where, kLatestTime);
     if (entry.kind == Kind::file)
-        readFile(object, where, sizes, entry);
+        readFile(object, where, sizes, entry, stored);
     return entry;
 }
 
@@ -224,8 +233,16 @@ ChunkIndex ChunkIndex::decode(const QByteArray& json) {
         refuse(QStringLiteral("its \"entries\" is not an array"));
     QHash<QString, Kind> earlier;
     for (const QJsonValue& value : entries.toArray()) {
-        index.entries.push_back(readEntry(value, index.chunking, earlier));
+        index.entries.push_back(readEntry(value, index.chunking, earlier, index.stored));
         earlier.insert(index.entries.back().path, index.entries.back().kind);
+    }
+    if (!index.stored.isEmpty()) {
+        for (const ChunkIndexEntry& entry : index.entries) {
+            for (const ChunkRef& chunk : entry.chunks) {
+                if (!index.stored.contains(chunk.sha256))
+                    refuse(QStringLiteral("\"%1\" has a chunk without the stored size the others have").arg(entry.path));
+            }
+        }
     }
     QHash<QString, const ChunkIndexEntry*> byPath;
     for (const ChunkIndexEntry& entry : index.entries)
@@ -242,6 +259,7 @@ QByteArray ChunkIndex::encode() const {
                       ",\"min\":" + QByteArray::number(qulonglong(chunking.min)) +
                       ",\"average\":" + QByteArray::number(qulonglong(chunking.average)) +
                       ",\"max\":" + QByteArray::number(qulonglong(chunking.max)) + ",\"entries\":[";
+    QSet<QString> storedWritten; // a chunk's stored size is given where the index first names it
     for (std::size_t i = 0; i < entries.size(); ++i) {
         const ChunkIndexEntry& entry = entries[i];
         json += i == 0 ? "\n" : ",\n";
@@ -256,8 +274,14 @@ QByteArray ChunkIndex::encode() const {
                     ",\"size\":" + QByteArray::number(entry.size) + ",\"sha256\":" + jsonString(entry.sha256) +
                     ",\"chunks\":[";
             for (std::size_t c = 0; c < entry.chunks.size(); ++c) {
-                json += (c == 0 ? "{\"sha256\":" : ",{\"sha256\":") + jsonString(entry.chunks[c].sha256) +
-                        ",\"size\":" + QByteArray::number(entry.chunks[c].size) + '}';
+                const ChunkRef& chunk = entry.chunks[c];
+                json += (c == 0 ? "{\"sha256\":" : ",{\"sha256\":") + jsonString(chunk.sha256) +
+                        ",\"size\":" + QByteArray::number(chunk.size);
+                if (stored.contains(chunk.sha256) && !storedWritten.contains(chunk.sha256)) {
+                    json += ",\"stored\":" + QByteArray::number(stored.value(chunk.sha256));
+                    storedWritten.insert(chunk.sha256);
+                }
+                json += '}';
             }
             json += ']';
             break;

@@ -5,6 +5,7 @@
 #include <ContentChunker.h>
 
 #include <QByteArray>
+#include <QHash>
 #include <QString>
 
 #include <optional>
@@ -57,6 +58,10 @@ struct ChunkIndex {
 
     ChunkSizes chunking = kDefaultChunkSizes;
     std::vector<ChunkIndexEntry> entries;
+    // For a release that also has its chunks packed into one file (ChunkPack), the length of each
+    // chunk's zstd frame there, keyed by its name; written as "stored" where the index first
+    // names the chunk. Empty otherwise; launchers that know no packs never read it.
+    QHash<QString, qint64> stored;
 
     // Reads an index strictly and refuses anything a launcher must not act on: more than
     // kMaxBytes, malformed JSON, an unknown format or chunker, chunk sizes a ContentChunker
@@ -66,7 +71,8 @@ struct ChunkIndex {
     // than file, folder and symlink (devices, FIFOs, sockets), symlinks whose target is absolute
     // or leads out of the build (other symlinks of the index followed), files whose chunks do
     // not add up to their size or are empty or longer than the maximum, and digests that are not
-    // 64 lower-case hex digits. Throws ChunkIndexError.
+    // 64 lower-case hex digits; stored sizes past what a chunk's frame can take, given for some
+    // chunks only, or twice with two values. Throws ChunkIndexError.
     static ChunkIndex decode(const QByteArray& json);
 
     // The index as JSON, one entry a line, in the order of `entries`.

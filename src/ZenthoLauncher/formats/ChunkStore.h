@@ -25,6 +25,12 @@ bool isChunkName(const QString& sha256);
 // "ab/abcdef....zst" for the chunk named `sha256`, relative to the store's root.
 QString relativePath(const QString& sha256);
 
+// The most bytes a stored chunk of `size` bytes takes: zstd's own bound for a frame that holds
+// them, with room for the frame's header.
+constexpr qint64 frameBound(qint64 size) {
+    return size + size / 128 + 4096;
+}
+
 // One zstd frame holding `size` bytes (the frame records the size).
 QByteArray compress(const char* data, std::size_t size);
 

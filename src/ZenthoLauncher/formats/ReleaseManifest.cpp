@@ -79,6 +79,7 @@ std::optional<ReleaseChunks> optionalChunks(const QJsonObject& object) {
         result.compressedIndex = compressed;
         result.compressedSha256 = compressedSha256;
     }
+    result.pack = url(QStringLiteral("pack"));
     return result;
 }
 
@@ -121,6 +122,8 @@ QByteArray ReleaseManifest::encode() const {
                               ? ",\"index_zst\":" + jsonString(chunks->compressedIndex.toString(QUrl::FullyEncoded)) +
                                     ",\"index_zst_sha256\":" + jsonString(chunks->compressedSha256)
                               : QByteArray()) +
+                         (chunks->pack.isValid() ? ",\"pack\":" + jsonString(chunks->pack.toString(QUrl::FullyEncoded))
+                                                 : QByteArray()) +
                          "}"
                    : QByteArray()) +
            (rollout ? ",\"rollout\":" + rollout->encode() : QByteArray()) + "}";

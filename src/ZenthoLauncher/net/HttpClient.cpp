@@ -99,6 +99,7 @@ ResponseHead headOf(const QNetworkReply& reply) {
     head.statusCode = statusCodeOf(reply);
     head.contentLength = announcedLength(reply);
     head.contentRange = reply.rawHeader("Content-Range");
+    head.contentType = reply.rawHeader("Content-Type");
     head.etag = reply.rawHeader("ETag");
     head.lastModified = reply.rawHeader("Last-Modified");
     return head;

@@ -26,6 +26,7 @@ struct ResponseHead {
     std::optional<int> statusCode; // absent when the answer was not HTTP at all
     std::optional<qint64> contentLength;
     QByteArray contentRange;
+    QByteArray contentType;
     QByteArray etag;
     QByteArray lastModified;
 };

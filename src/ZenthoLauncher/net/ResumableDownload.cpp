@@ -2,6 +2,7 @@
 
 #include "errors/Failure.h"
 #include "errors/FileError.h"
+#include "net/ByteRanges.h"
 #include "net/FreeSpace.h"
 #include "net/HttpClient.h"
 #include "platform/FileManager.h"
@@ -13,7 +14,6 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRegularExpression>
 
 #include <cerrno>
 #include <memory>
@@ -37,26 +37,8 @@ std::optional<QByteArray> validatorOf(const ResponseHead& head) {
     return std::nullopt;
 }
 
-// "bytes FIRST-LAST/TOTAL" (TOTAL may be "*").
-struct ContentRange {
-    qint64 first = 0;
-    qint64 last = 0;
-    std::optional<qint64> total;
-};
-std::optional<ContentRange> parseContentRange(const QByteArray& text) {
-    static const QRegularExpression pattern(
-        QStringLiteral("^bytes (\\d{1,18})-(\\d{1,18})/(\\d{1,18}|\\*)$"));
-    const QRegularExpressionMatch match = pattern.match(QString::fromLatin1(text.trimmed()));
-    if (!match.hasMatch())
-        return std::nullopt;
-    ContentRange range{match.captured(1).toLongLong(), match.captured(2).toLongLong(),
-                       std::nullopt};
-    if (match.captured(3) != QLatin1String("*"))
-        range.total = match.captured(3).toLongLong();
-    if (range.last < range.first || (range.total && range.last >= *range.total))
-        return std::nullopt;
-    return range;
-}
+using ByteRanges::ContentRange;
+using ByteRanges::parseContentRange;
 
 // The archive's file and everything an attempt knows about it. As the receiver of each try's
 // body it decides whether that body continues the file, starts it over or is not kept at all.
@@ -121,7 +103,7 @@ public:
             if (!continuesKeptBytes(range))
                 return startOverNext();
             total_ = range->total;
-            rest = range->last - range->first + 1;
+            rest = range->range.size();
         } else if (status == 416 && rangeFrom_ > 0) {
             return startOverNext();
         } else if (status == 200) {
@@ -149,9 +131,7 @@ public:
     // kept is another file under the same validator: splicing it on, or asking on from it, would
     // build a wrong archive or ask past the end.
     bool continuesKeptBytes(const std::optional<ContentRange>& range) const {
-        if (!range || range->first != size_)
-            return false;
-        if (range->total && range->last >= *range->total)
+        if (!range || range->range.first != size_)
             return false;
         return !(range->total && keptTotal_ && *range->total != *keptTotal_);
     }

@@ -75,7 +75,7 @@ QCoro::Task<RepairOutcome> BuildRepair::repair(QString versionsRoot, QString bui
     StagingFolder staging = staging_.newStagingFolder(QStringLiteral("staging-"));
     // A repair is never refused for the cache's cap: it may hold all that the repair fetches.
     const qint64 cacheBytes = std::max(context.http.limits().chunkCacheBytes, peakCachedBytes(filesOf(index), plan, cache));
-    ChunkedBuild build{std::move(plan), store.value_or(QUrl()), staging.path(), BuildWriter::Start::empty, cacheBytes,
+    ChunkedBuild build{std::move(plan), ChunkSource{store.value_or(QUrl())}, staging.path(), BuildWriter::Start::empty, cacheBytes,
                        observer, {}};
     co_await writeBuildFromChunks(context.http, index, std::move(build), cache);
     if (const std::optional<QString> executable = staging.executable(kExecutable))

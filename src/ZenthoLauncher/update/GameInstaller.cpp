@@ -55,8 +55,8 @@ QCoro::Task<void> GameInstaller::downloadAndPlace(ReleaseManifest manifest, QStr
     if (manifest.chunks) {
         chunkIndex = co_await fetchChunkIndexOrNothing(*manifest.chunks);
         if (chunkIndex)
-            placed = co_await placeFromChunks(*chunkIndex, manifest.chunks->store, manifest.executable,
-                                              installFolder);
+            placed = co_await placeFromChunks(*chunkIndex, ChunkSource::of(*manifest.chunks, chunkIndex->index),
+                                              manifest.executable, installFolder);
     }
 
     if (!placed) {
@@ -91,7 +91,7 @@ QCoro::Task<std::optional<FetchedChunkIndex>> GameInstaller::fetchChunkIndexOrNo
     co_return std::nullopt;
 }
 
-QCoro::Task<bool> GameInstaller::placeFromChunks(const FetchedChunkIndex& release, QUrl store,
+QCoro::Task<bool> GameInstaller::placeFromChunks(const FetchedChunkIndex& release, ChunkSource source,
                                                  QString executable, QString installFolder) {
     HttpClient& client = context_.http;
     const ChunkIndex& index = release.index;
@@ -106,7 +106,8 @@ QCoro::Task<bool> GameInstaller::placeFromChunks(const FetchedChunkIndex& releas
         const BuildIndexes keptIndexes(context_.launcherRoot);
         for (const auto& [folder, made] : plan.madeIndexes)
             keptIndexes.write(folder, made.encode());
-        if (!chunksArePaying(peakCachedBytes(filesOf(index), plan, cache), cacheCap))
+        if (!chunksArePaying(peakCachedBytes(filesOf(index), plan, cache), cacheCap) ||
+            !requestsArePaying(plan.missingBytes, buildBytes(index), source.packed()))
             co_return false;
 
         // The build and what passes through the cache at most; never an archive beside them.
@@ -117,7 +118,7 @@ QCoro::Task<bool> GameInstaller::placeFromChunks(const FetchedChunkIndex& releas
         partials.removeAllBut(folder);
         const bool resuming = partials.takeUp(folder);
         StagingFolder staging(context_.files, folder);
-        ChunkedBuild build{std::move(plan), store, folder,
+        ChunkedBuild build{std::move(plan), std::move(source), folder,
                            resuming ? BuildWriter::Start::resume : BuildWriter::Start::empty, cacheCap,
                            context_.downloadObserver, [this] { context_.reportStatus(installingStatus()); }};
         try {

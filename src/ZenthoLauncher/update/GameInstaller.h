@@ -1,5 +1,6 @@
 #pragma once
 
+#include "chunks/ChunkSource.h"
 #include "chunks/ChunkedInstall.h"
 #include "formats/ReleaseManifest.h"
 #include "update/InstallContext.h"
@@ -49,7 +50,7 @@ private:
     QCoro::Task<std::optional<FetchedChunkIndex>> fetchChunkIndexOrNothing(ReleaseChunks chunks);
     // Puts the build together from chunks and renames it to `installFolder`; false, with nothing
     // placed, when that does not pay or fails, for whatever reason.
-    QCoro::Task<bool> placeFromChunks(const FetchedChunkIndex& release, QUrl store, QString executable,
+    QCoro::Task<bool> placeFromChunks(const FetchedChunkIndex& release, ChunkSource source, QString executable,
                                       QString installFolder);
     // Makes the staged executable runnable and renames `staging` to `installFolder`.
     void placeStaged(StagingFolder& staging, const QString& executable, const QString& installFolder) const;

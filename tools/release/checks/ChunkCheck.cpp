@@ -4,6 +4,7 @@
 #include "ReleaseFiles.h"
 
 #include "archive/Archive.h"
+#include "formats/ChunkPack.h"
 #include "formats/ChunkStore.h"
 #include "formats/CompressedChunkIndex.h"
 #include "formats/TreeChunker.h"
@@ -86,6 +87,37 @@ void checkCompressedIndex(const QString& path, const ReleaseChunks& chunks) {
     }
     if (sha256Hex(json) != chunks.sha256.toLower())
         throw CheckFailed("index", path + QStringLiteral(" does not hold the index the manifest names"));
+}
+
+void checkPack(const QString& path, const ChunkIndex& index) {
+    QFile pack(path);
+    if (!pack.open(QIODevice::ReadOnly))
+        throw CheckFailed("chunks", path + QStringLiteral(" is missing or cannot be read"));
+    if (index.stored.isEmpty())
+        throw CheckFailed("chunks", QStringLiteral("the index gives no stored sizes, so the pack cannot be read"));
+    if (pack.size() != ChunkPack::bytes(index))
+        throw CheckFailed("chunks", QStringLiteral("the pack is %1 bytes long, its chunks take %2")
+                                        .arg(pack.size())
+                                        .arg(ChunkPack::bytes(index)));
+    const QHash<QString, ChunkPack::Span> spans = ChunkPack::spans(index);
+    QSet<QString> checked;
+    for (const ChunkIndexEntry& entry : index.entries) {
+        for (const ChunkRef& chunk : entry.chunks) {
+            if (checked.contains(chunk.sha256))
+                continue;
+            checked.insert(chunk.sha256);
+            const ChunkPack::Span span = spans.value(chunk.sha256);
+            if (!pack.seek(span.offset))
+                throw CheckFailed("chunks", path + QStringLiteral(" cannot be read"));
+            try {
+                ChunkStore::decode(pack.read(span.size), chunk.size, chunk.sha256);
+            } catch (const ChunkStoreError& error) {
+                throw CheckFailed("chunks", QStringLiteral("the pack's chunk at %1: %2")
+                                                .arg(span.offset)
+                                                .arg(QString::fromUtf8(error.what())));
+            }
+        }
+    }
 }
 
 void compareWithTree(const ChunkIndex& index, const QString& folder) {

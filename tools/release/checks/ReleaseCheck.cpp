@@ -87,7 +87,8 @@ void checkFields(const ReleaseManifest& manifest, const QString& archive) {
         !problem.isEmpty())
         throw CheckFailed("executable", problem);
     if (manifest.chunks) {
-        for (const QUrl& url : {manifest.chunks->index, manifest.chunks->store, manifest.chunks->compressedIndex}) {
+        for (const QUrl& url : {manifest.chunks->index, manifest.chunks->store, manifest.chunks->compressedIndex,
+                                manifest.chunks->pack}) {
             if (url.isValid() && url.scheme() != QLatin1String("https") && url.scheme() != QLatin1String("http"))
                 throw CheckFailed("chunks", url.toString() + QStringLiteral(" is not an http or https address"));
         }
@@ -179,6 +180,11 @@ CheckedRelease check(const QString& manifestPath, const QString& archivePath,
                                           manifest.chunks->compressedIndex.fileName();
             ChunkCheck::checkCompressedIndex(*release.compressedIndexPath, *manifest.chunks);
         }
+        if (manifest.chunks->pack.isValid()) {
+            release.packPath = QFileInfo(*release.indexPath).absolutePath() + QLatin1Char('/') +
+                               manifest.chunks->pack.fileName();
+            ChunkCheck::checkPack(*release.packPath, *release.index);
+        }
     }
     checkContents(manifest, archivePath, keys.seal, release.index);
     qint64 chunkCount = -1;
@@ -197,6 +203,8 @@ CheckedRelease check(const QString& manifestPath, const QString& archivePath,
         checks << QStringLiteral("chunk index");
     if (release.compressedIndexPath)
         checks << QStringLiteral("compressed index");
+    if (release.packPath)
+        checks << QStringLiteral("chunk pack");
     if (chunkCount >= 0)
         checks << QStringLiteral("%1 chunks").arg(chunkCount);
     release.checks = checks.join(QStringLiteral(", "));

@@ -1,5 +1,6 @@
 #include "ChunkedRelease.h"
 
+#include "formats/ChunkPack.h"
 #include "formats/ChunkStore.h"
 #include "formats/TreeChunker.h"
 #include "trust/Sha256.h"
@@ -9,19 +10,24 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QSet>
 
 #include <stdexcept>
 
 namespace {
 
+QString partialNameFor(const QFileInfo& target) {
+    return target.absolutePath() + QStringLiteral("/.") + target.fileName() + QStringLiteral(".partial-") +
+           QString::fromStdString(makeUpperUuid());
+}
+
 // Writes one chunk under a hidden name beside its place and renames it there.
 void writeChunk(const QString& path, const QByteArray& frame) {
     const QFileInfo target(path);
     if (!QDir().mkpath(target.absolutePath()))
         throw std::runtime_error(target.absolutePath().toStdString() + ": cannot be created");
-    const QString partial = target.absolutePath() + QStringLiteral("/.") + target.fileName() +
-                            QStringLiteral(".partial-") + QString::fromStdString(makeUpperUuid());
+    const QString partial = partialNameFor(target);
     QFile file(partial);
     const bool written = file.open(QIODevice::WriteOnly | QIODevice::NewOnly) &&
                          file.write(frame) == frame.size() && file.flush();
@@ -36,11 +42,64 @@ void writeChunk(const QString& path, const QByteArray& frame) {
                         QFileDevice::ReadOther);
 }
 
+// The pack as it is written: a hidden file beside its place until every frame is in.
+class PackFile {
+public:
+    PackFile(const QString& path, bool dryRun) : path_(path) {
+        if (path.isEmpty() || dryRun)
+            return;
+        file_.setFileName(partialNameFor(QFileInfo(path)));
+        if (!file_.open(QIODevice::WriteOnly | QIODevice::NewOnly))
+            throw std::runtime_error(path.toStdString() + ": cannot be written: " + file_.errorString().toStdString());
+    }
+    ~PackFile() {
+        if (file_.isOpen()) {
+            file_.close();
+            file_.remove();
+        }
+    }
+
+    bool wanted() const { return !path_.isEmpty(); }
+
+    void append(const QByteArray& frame) {
+        if (file_.isOpen() && file_.write(frame) != frame.size())
+            throw std::runtime_error(path_.toStdString() + ": cannot be written: " + file_.errorString().toStdString());
+    }
+
+    void finish() {
+        if (!file_.isOpen())
+            return;
+        const bool flushed = file_.flush();
+        file_.close();
+        file_.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup |
+                             QFileDevice::ReadOther);
+        QFile::remove(path_);
+        if (!flushed || !file_.rename(path_)) {
+            file_.remove();
+            throw std::runtime_error(path_.toStdString() + ": cannot be written");
+        }
+    }
+
+private:
+    QString path_;
+    QFile file_;
+};
+
+QByteArray readStored(const QString& path) {
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw std::runtime_error(path.toStdString() + ": cannot be read: " + file.errorString().toStdString());
+    return file.readAll();
+}
+
 } // namespace
 
 ChunkedRelease ChunkedRelease::make(const QString& source, const QString& store, const ChunkSizes& sizes,
-                                    bool dryRun) {
+                                    bool dryRun, const QString& pack) {
     ChunkedRelease release;
+    PackFile packFile(pack, dryRun);
+    QHash<QString, qint64> stored;
+    QHash<QString, ChunkPack::Span> written;
     QSet<QString> seen;
     release.index = TreeChunker::index(
         source, sizes,
@@ -51,21 +110,38 @@ ChunkedRelease ChunkedRelease::make(const QString& source, const QString& store,
             seen.insert(chunk.sha256);
             ++release.chunks;
             const QString path = store + QLatin1Char('/') + ChunkStore::relativePath(chunk.sha256);
-            if (QFileInfo::exists(path))
-                return;
-            const QByteArray frame = ChunkStore::compress(reinterpret_cast<const char*>(data), size);
-            ++release.added;
-            release.addedBytes += frame.size();
-            if (!dryRun)
-                writeChunk(path, frame);
+            QByteArray frame;
+            if (QFileInfo::exists(path)) {
+                if (!packFile.wanted())
+                    return;
+                // The store's own frame, so that the pack holds exactly what the store does.
+                frame = readStored(path);
+            } else {
+                frame = ChunkStore::compress(reinterpret_cast<const char*>(data), size);
+                ++release.added;
+                release.addedBytes += frame.size();
+                if (!dryRun)
+                    writeChunk(path, frame);
+            }
+            if (packFile.wanted()) {
+                packFile.append(frame);
+                stored.insert(chunk.sha256, frame.size());
+                written.insert(chunk.sha256, ChunkPack::Span{release.packBytes, frame.size()});
+                release.packBytes += frame.size();
+            }
         });
+    release.index.stored = stored;
     release.json = release.index.encode();
     try {
-        if (!(ChunkIndex::decode(release.json) == release.index))
+        const ChunkIndex readBack = ChunkIndex::decode(release.json);
+        if (!(readBack == release.index))
             throw std::runtime_error("the chunk index does not read back as written");
+        if (ChunkPack::spans(readBack) != written)
+            throw std::runtime_error("the chunk pack does not hold the chunks where the index says");
     } catch (const ChunkIndexError& error) {
         throw std::runtime_error(error.what());
     }
+    packFile.finish();
     Sha256 digest;
     digest.update(release.json);
     release.sha256 = digest.finishHex();

@@ -3,6 +3,7 @@
 // to be published side by side.
 
 #include "ChunkedRelease.h"
+#include "PackOptions.h"
 #include "PackedArchive.h"
 #include "ReleaseCheck.h"
 #include "ReleaseCommand.h"
@@ -36,7 +37,7 @@ const char kUsage[] =
     "                           [--out DIR] [--force] [--dry-run] [--key PUBLIC_KEY]...\n"
     "                           [--sign-key KEY [--expires-in DAYS]]\n"
     "                           [--chunks STORE_DIR --chunks-url URL [--chunk-average BYTES]\n"
-    "                            [--compressed-index]] SRC\n"
+    "                            [--compressed-index] [--chunk-pack]] SRC\n"
     "\n"
     "Packs a release and writes its manifest. Two kinds of release:\n"
     "  game      --platform macos-arm64: SRC is the build folder; its content becomes the top\n"
@@ -72,10 +73,18 @@ const char kUsage[] =
     "                         about half its size; the manifest's \"chunks\" gains index_zst:\n"
     "                         its URL and index_zst_sha256: its digest. Launchers that know it\n"
     "                         fetch it instead of the JSON, the others the JSON\n"
+    "  zentho-V-P.chunks.pack with --chunk-pack: every chunk of the build once, as the store\n"
+    "                         keeps it, back to back in the order the index first names them,\n"
+    "                         the index giving each one's stored length; the manifest's\n"
+    "                         \"chunks\" gains pack: its URL. Launchers that know it ask for many\n"
+    "                         chunks in one request by byte ranges (the server must answer\n"
+    "                         multipart ranges, as nginx does), so far-away players install\n"
+    "                         first releases and patches at their line's speed\n"
     "and prints one line each: archive:, size: (bytes), sha256:, manifest:, and signature: and\n"
     "expires: when signed; with --chunks also index:, index sha256:, chunks: (in the build, new,\n"
-    "already in the store) and new chunk bytes: (compressed, added to the store), and with\n"
-    "--compressed-index compressed index: and its size: compressed index bytes:. Existing\n"
+    "already in the store) and new chunk bytes: (compressed, added to the store), with\n"
+    "--compressed-index compressed index: and its size: compressed index bytes:, and with\n"
+    "--chunk-pack pack: and pack bytes:. Existing\n"
     "files are kept unless --force is given (a stale signature is then removed). --dry-run makes\n"
     "every check and prints the same lines, the manifest's text after \"content: \", and writes\n"
     "nothing. Publish the result with \"zentho-release publish\".\n"
@@ -84,131 +93,6 @@ const char kUsage[] =
     "URL that is not http or https, names with control characters or that are not UTF-8,\n"
     "symlinks that point outside SRC, devices, pipes and sockets, DIR or STORE_DIR inside SRC, and\n"
     "with --chunks setuid, setgid and sticky modes (launchers refuse them in an index).\n";
-
-// A signed manifest may be valid for at most ten years: long enough for anyone, short enough to
-// catch a number typed in the wrong unit.
-constexpr int kMostDays = 3650;
-
-struct PackOptions {
-    QString platform;
-    QString version;
-    QString executable;
-    QString urlBase;
-    QString out = QStringLiteral(".");
-    QString source;
-    bool force = false;
-    bool dryRun = false;
-    std::vector<std::string> sealKeys;
-    std::optional<std::string> signKey;
-    std::optional<int> expiresInDays;
-    QString chunkStore; // empty without --chunks
-    QString chunkStoreUrl;
-    ChunkSizes chunkSizes = kDefaultChunkSizes;
-    bool compressedIndex = false;
-};
-
-QString text(const std::string& value) {
-    return QString::fromStdString(value);
-}
-
-int parseDays(const std::string& value) {
-    std::size_t used = 0;
-    int days = 0;
-    try {
-        days = std::stoi(value, &used);
-    } catch (const std::exception&) {
-        used = 0;
-    }
-    if (used != value.size() || value.empty() || value[0] == '+' || days < 1 || days > kMostDays)
-        throw UsageError("--expires-in must be a whole number of days from 1 to " +
-                         std::to_string(kMostDays) + ", not \"" + value + "\"");
-    return days;
-}
-
-// --chunk-average: a power of two that keeps chunks between a page and what a launcher holds in
-// memory at once; the bounds around it are the default's proportions.
-ChunkSizes parseChunkAverage(const std::string& value) {
-    std::size_t used = 0;
-    long long average = 0;
-    try {
-        average = std::stoll(value, &used);
-    } catch (const std::exception&) {
-        used = 0;
-    }
-    if (used != value.size() || value.empty() || value[0] == '+' || average < 4096 || average > 1048576 ||
-        (average & (average - 1)) != 0)
-        throw UsageError("--chunk-average must be a power of two from 4096 to 1048576, not \"" + value + "\"");
-    const auto bytes = static_cast<std::size_t>(average);
-    return ChunkSizes{bytes / 4, bytes, bytes * 4};
-}
-
-// An http or https address without query or fragment, without trailing "/".
-QString baseAddress(const char* option, QString value) {
-    while (value.endsWith(QLatin1Char('/')))
-        value.chop(1);
-    const QUrl base(value, QUrl::StrictMode);
-    const QString scheme = base.scheme();
-    if (!base.isValid() || (scheme != QLatin1String("https") && scheme != QLatin1String("http")) ||
-        base.host().isEmpty() || base.hasQuery() || base.hasFragment())
-        throw UsageError(std::string(option) + " must be an http or https address without query, not \"" +
-                         value.toStdString() + "\"");
-    return value;
-}
-
-PackOptions parse(const std::vector<std::string>& arguments) {
-    const ReleaseOptions given(arguments,
-                               {"--platform", "--version", "--executable", "--url-base", "--out",
-                                "--key", "--sign-key", "--expires-in", "--chunks", "--chunks-url", "--chunk-average"},
-                               {"--force", "--dry-run", "--compressed-index"});
-    PackOptions options;
-    options.platform = text(given.required("--platform", "P"));
-    options.version = text(given.required("--version", "V"));
-    options.executable = text(given.required("--executable", "E"));
-    options.urlBase = text(given.required("--url-base", "URL"));
-    options.out = text(given.one("--out").value_or("."));
-    options.force = given.has("--force");
-    options.dryRun = given.has("--dry-run");
-    options.sealKeys = given.all("--key");
-    options.signKey = given.one("--sign-key");
-    if (const std::optional<std::string> days = given.one("--expires-in")) {
-        if (!options.signKey)
-            throw UsageError("--expires-in needs --sign-key: only a signed manifest can expire");
-        options.expiresInDays = parseDays(*days);
-    }
-    options.chunkStore = text(given.one("--chunks").value_or(std::string()));
-    options.chunkStoreUrl = text(given.one("--chunks-url").value_or(std::string()));
-    if (options.chunkStore.isEmpty() != options.chunkStoreUrl.isEmpty())
-        throw UsageError("--chunks STORE_DIR and --chunks-url URL go together");
-    if (const std::optional<std::string> average = given.one("--chunk-average")) {
-        if (options.chunkStore.isEmpty())
-            throw UsageError("--chunk-average needs --chunks STORE_DIR");
-        options.chunkSizes = parseChunkAverage(*average);
-    }
-    options.compressedIndex = given.has("--compressed-index");
-    if (options.compressedIndex && options.chunkStore.isEmpty())
-        throw UsageError("--compressed-index needs --chunks STORE_DIR");
-    if (given.operands().size() > 1)
-        throw UsageError("more than one SRC given");
-    if (given.operands().empty() || given.operands().front().empty())
-        throw UsageError("SRC is missing");
-    options.source = text(given.operands().front());
-
-    if (!ReleaseFiles::isKnownPlatform(options.platform))
-        throw UsageError("--platform must be macos-arm64 or macos-launcher-arm64, not \"" +
-                         options.platform.toStdString() + "\"");
-    if (const QString problem = ReleaseFiles::versionProblem(options.version); !problem.isEmpty())
-        throw UsageError("--version: " + problem.toStdString());
-    if (const QString problem = ReleaseFiles::relativePathProblem(options.executable);
-        !problem.isEmpty())
-        throw UsageError("--executable: " + problem.toStdString());
-    options.urlBase = baseAddress("--url-base", options.urlBase);
-    if (!options.chunkStore.isEmpty()) {
-        if (options.platform != QLatin1String(ReleaseFiles::kGamePlatform))
-            throw UsageError("--chunks is for game releases (macos-arm64) only");
-        options.chunkStoreUrl = baseAddress("--chunks-url", options.chunkStoreUrl);
-    }
-    return options;
-}
 
 std::runtime_error failure(const QString& message) {
     return std::runtime_error(message.toStdString());
@@ -290,7 +174,7 @@ PackedArchive packArchive(const QString& archive, const QString& folder, const Q
 }
 
 int runPack(const std::vector<std::string>& arguments) {
-    const PackOptions options = parse(arguments);
+    const PackOptions options = PackOptions::parse(arguments);
     const bool launcher = options.platform == QLatin1String(ReleaseFiles::kLauncherPlatform);
     std::optional<Ed25519Key> signingKey;
     if (options.signKey) {
@@ -321,10 +205,13 @@ int runPack(const std::vector<std::string>& arguments) {
     const QString indexPath = out + QLatin1Char('/') + indexName;
     const QString compressedName = indexName + QStringLiteral(".zst");
     const QString compressedPath = out + QLatin1Char('/') + compressedName;
+    const QString packName = QStringLiteral("zentho-%1-%2.chunks.pack").arg(options.version, options.platform);
+    const QString packPath = out + QLatin1Char('/') + packName;
     const QString manifestPath = out + QLatin1Char('/') + options.platform + QStringLiteral("-manifest.json");
     const QString signaturePath = manifestPath + QStringLiteral(".sig");
-    for (const QString& path : {archive, indexPath, compressedPath, manifestPath, signaturePath}) {
-        if ((path == indexPath && store.isEmpty()) || (path == compressedPath && !options.compressedIndex))
+    for (const QString& path : {archive, indexPath, compressedPath, packPath, manifestPath, signaturePath}) {
+        if ((path == indexPath && store.isEmpty()) || (path == compressedPath && !options.compressedIndex) ||
+            (path == packPath && !options.chunkPack))
             continue;
         if (!options.force && QFileInfo(path).exists())
             throw failure(path + QStringLiteral(" already exists; use --force to replace it"));
@@ -347,11 +234,14 @@ int runPack(const std::vector<std::string>& arguments) {
     // Chunks and index go down after the archive and before the manifest that names them.
     std::optional<ChunkedRelease> chunked;
     if (!store.isEmpty()) {
-        chunked = ChunkedRelease::make(source, store, options.chunkSizes, options.dryRun);
+        chunked = ChunkedRelease::make(source, store, options.chunkSizes, options.dryRun,
+                                       options.chunkPack ? packPath : QString());
         if (!options.dryRun)
             ReleaseFiles::writeFileAtomically(indexPath, chunked->json);
         manifest.chunks = ReleaseChunks{QUrl(options.urlBase + QLatin1Char('/') + indexName, QUrl::StrictMode),
                                         chunked->sha256, QUrl(options.chunkStoreUrl, QUrl::StrictMode)};
+        if (options.chunkPack)
+            manifest.chunks->pack = QUrl(options.urlBase + QLatin1Char('/') + packName, QUrl::StrictMode);
     }
     QByteArray compressed;
     if (chunked && options.compressedIndex) {
@@ -395,6 +285,8 @@ int runPack(const std::vector<std::string>& arguments) {
     if (!compressed.isEmpty())
         std::printf("compressed index: %s\ncompressed index bytes: %lld (of %lld)\n", qPrintable(compressedPath),
                     static_cast<long long>(compressed.size()), static_cast<long long>(chunked->json.size()));
+    if (options.chunkPack)
+        std::printf("pack: %s\npack bytes: %lld\n", qPrintable(packPath), static_cast<long long>(chunked->packBytes));
     if (signingKey)
         std::printf("signature: %s\n", qPrintable(signaturePath));
     if (expires)

@@ -40,13 +40,14 @@ const char kUsage[] =
     "  DIR/release/P-manifest.json[.sig]   each release's manifest and signature\n"
     "  DIR/<path of the url>               each archive, e.g. DIR/release/zentho-V-P.tar.gz\n"
     "  DIR/<path of the chunks' index url> a release's chunk index, when it names chunks, and\n"
-    "                                      its compressed index (index_zst) when it names one\n"
+    "                                      its compressed index (index_zst) and its chunk\n"
+    "                                      pack (pack) when it names them\n"
     "  DIR/<path of the store url>/ab/...  each chunk of its index, copied from STORE_DIR\n"
     "Every release is first checked as \"zentho-release verify\" does (same keys); nothing is\n"
     "written unless all pass (with --chunks, every chunk of every index too, and a game release\n"
     "that names no chunks is refused as \"verify --chunks\" refuses it; a release that names\n"
     "chunks needs --chunks). Then, in this order: every chunk the server lacks or holds\n"
-    "damaged, every chunk index and every archive are copied in, then each\n"
+    "damaged, every chunk pack and index and every archive are copied in, then each\n"
     "release's signature and then its manifest replace the old ones. Each file is written under\n"
     "a hidden name, flushed to disk and renamed into place, so a reader never sees half a file\n"
     "and no manifest ever names an archive that is not in place. Archives of earlier releases\n"
@@ -89,6 +90,8 @@ struct Placement {
     bool indexThere = false;
     QString compressedIndex; // empty when the release has none
     bool compressedIndexThere = false;
+    QString pack; // empty when the release has none
+    bool packThere = false;
     QString store;
     std::vector<QString> chunks; // names of the chunks to copy, each once
     qint64 chunksKept = 0;       // sound chunks already there
@@ -254,6 +257,17 @@ Placement place(PublishTarget& target, const QString& manifestPath, ReleaseCheck
                                                               manifest.chunks->compressedSha256,
                                                               "chunk index", manifest.platform);
         }
+        if (manifest.chunks->pack.isValid()) {
+            placement.pack = destination(manifest.chunks->pack, "a chunk pack");
+            if (placement.pack == placement.manifest || placement.pack == placement.signature ||
+                placement.pack == placement.archive || placement.pack == placement.index ||
+                placement.pack == placement.compressedIndex)
+                throw std::runtime_error("the chunk pack's url " + manifest.chunks->pack.toString().toStdString() +
+                                         " names the place of another file of the release");
+            placement.packThere = alreadyPublished(target, placement.pack,
+                                                   ReleaseFiles::sha256OfFile(*placement.release.packPath),
+                                                   "chunk pack", manifest.platform);
+        }
         std::set<QString> names;
         for (const ChunkIndexEntry& entry : placement.release.index->entries) {
             for (const ChunkRef& chunk : entry.chunks) {
@@ -323,6 +337,11 @@ int runPublish(const std::vector<std::string>& arguments) {
                 target->put(*placement.release.compressedIndexPath, placement.compressedIndex);
             std::printf("compressed index: %s%s\n", qPrintable(target->name(placement.compressedIndex)),
                         placement.compressedIndexThere ? " (kept)" : "");
+        }
+        if (placement.release.packPath) {
+            if (!dryRun && !placement.packThere)
+                target->put(*placement.release.packPath, placement.pack);
+            std::printf("pack: %s%s\n", qPrintable(target->name(placement.pack)), placement.packThere ? " (kept)" : "");
         }
         if (!dryRun && !placement.indexThere)
             target->put(*placement.release.indexPath, placement.index);

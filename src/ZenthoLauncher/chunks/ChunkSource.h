@@ -1,0 +1,50 @@
+#pragma once
+
+#include "formats/ChunkIndex.h"
+#include "formats/ChunkPack.h"
+#include "formats/ReleaseManifest.h"
+
+#include <QHash>
+#include <QUrl>
+
+#include <QCoroTask>
+
+#include <vector>
+
+class ChunkCache;
+class HttpClient;
+
+// Where the chunks a build lacks are fetched from: the chunk store, one request a chunk, or,
+// when the release has one, its pack, where one request brings many chunks by byte ranges. A far
+// player waits a round trip per request, so a first install from the pack runs at the line's
+// speed and a patch takes a request or two where the store takes one a chunk.
+struct ChunkSource {
+    // A request to the pack asks for at most this many bytes: enough for several requests in
+    // flight to fill a line a continent away, little enough to spread a first install over them.
+    static constexpr qint64 kRequestBytes = 4 << 20;
+    // and at most this many ranges, which keeps its Range header within what servers take (nginx:
+    // 8 KiB a header line).
+    static constexpr int kMostRanges = 128;
+
+    QUrl store;
+    QUrl pack = QUrl();                         // invalid: every chunk comes from the store
+    QHash<QString, ChunkPack::Span> spans = {}; // where each chunk lies in `pack`
+
+    // The pack when both the manifest and the index describe it, the store otherwise.
+    static ChunkSource of(const ReleaseChunks& chunks, const ChunkIndex& index);
+
+    bool packed() const { return pack.isValid() && !spans.isEmpty(); }
+
+    // Whether `next` may be asked for in the same request as `batch` (chunks in the order the
+    // index first names them, as a pack holds them): always for an empty one; from the store,
+    // never otherwise.
+    bool joins(const std::vector<ChunkRef>& batch, const ChunkRef& next) const;
+};
+
+// Fetches the chunks of `batch` (one request; see ChunkSource::joins) and checks each (one zstd
+// frame of its size whose bytes hash to its name) before `cache` keeps it. A chunk's bytes are
+// never trusted for being where the pack should hold it. Throws NetworkError (also for a server
+// that does not answer ranges), ChunkStoreError (another answer than the chunk, or a chunk the
+// answer lacks), FileError.
+QCoro::Task<void> fetchChunks(HttpClient& client, const ChunkSource& source, std::vector<ChunkRef> batch,
+                              const ChunkCache& cache);
