@@ -16,6 +16,7 @@
 #include "TestServer.h"
 
 #include "formats/ChunkIndex.h"
+#include "formats/ChunkPack.h"
 #include "formats/ChunkStore.h"
 #include "formats/CompressedChunkIndex.h"
 #include "formats/ReleaseManifest.h"
@@ -450,6 +451,69 @@ private slots:
     }
 
     // Chunk sizes the chunker or a launcher would refuse, and a size without a store.
+    // --chunk-pack writes every chunk once more into one file, in the order the index first names
+    // them, the index giving each frame's length; verify reads every chunk from it, publish lays
+    // it out before the index.
+    void aChunkPackIsPackedCheckedAndPublished() {
+        const Run packed = packWithChunks(makeRelease030(), QStringLiteral("0.3.0"), path(QStringLiteral("out")),
+                                          {QStringLiteral("--chunk-pack")});
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        const QString pack = packed.line(QStringLiteral("pack"));
+        QCOMPARE(pack, path(QStringLiteral("out/zentho-0.3.0-macos-arm64.chunks.pack")));
+        const ChunkIndex index = ChunkIndex::decode(TestFiles::readFile(packed.line(QStringLiteral("index"))));
+        const QByteArray bytes = TestFiles::readFile(pack);
+        QCOMPARE(packed.line(QStringLiteral("pack bytes")), QString::number(bytes.size()));
+        const QHash<QString, ChunkPack::Span> spans = ChunkPack::spans(index);
+        QCOMPARE(qint64(spans.size()), chunkCounts(packed)[0]);
+        for (auto span = spans.cbegin(); span != spans.cend(); ++span)
+            QCOMPARE(bytes.mid(span->offset, span->size),
+                     TestFiles::readFile(store() + QLatin1Char('/') + ChunkStore::relativePath(span.key())));
+        const QString manifestPath = packed.line(QStringLiteral("manifest"));
+        const ReleaseManifest manifest = ReleaseManifest::decode(TestFiles::readFile(manifestPath));
+        QCOMPARE(manifest.chunks->pack.toString(), kBase + QStringLiteral("/zentho-0.3.0-macos-arm64.chunks.pack"));
+
+        const Run checked = ReleaseTool::verify(packed, {QStringLiteral("--chunks"), store()});
+        QVERIFY2(checked.ok() && checked.output.contains(", chunk index, chunk pack, "),
+                 (checked.output + checked.errors).constData());
+        const QString www = path(QStringLiteral("www"));
+        const Run published = ReleaseTool::publishWithChunks(www, store(), manifestPath);
+        QVERIFY2(published.ok(), published.errors.constData());
+        QVERIFY2(published.output.contains("\npack: " + QFile::encodeName(www) +
+                                           "/builds/zentho-0.3.0-macos-arm64.chunks.pack\nindex: "),
+                 published.output.constData());
+        QCOMPARE(TestFiles::readFile(www + QStringLiteral("/builds/zentho-0.3.0-macos-arm64.chunks.pack")), bytes);
+    }
+
+    // Its twins: a pack with a spoilt byte, one cut short and one missing fail verify, and
+    // publish writes nothing of them.
+    void verifyFailsOnADamagedPack() {
+        const QString source = makeRelease030();
+        const Run packed = packWithChunks(source, QStringLiteral("0.3.0"), path(QStringLiteral("out")),
+                                          {QStringLiteral("--chunk-pack")});
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        const QString pack = packed.line(QStringLiteral("pack"));
+        const QByteArray bytes = TestFiles::readFile(pack);
+        QByteArray spoilt = bytes;
+        spoilt[spoilt.size() / 2] = char(spoilt[spoilt.size() / 2] ^ 0x20);
+        TestFiles::writeFile(pack, spoilt);
+        Run checked = ReleaseTool::verify(packed, {QStringLiteral("--chunks"), store()});
+        QVERIFY2(checked.failedWithOneLine() && checked.errors.contains("chunks: the pack's chunk at "), checked.errors.constData());
+        const Run published = ReleaseTool::publishWithChunks(path(QStringLiteral("www")), store(),
+                                                             packed.line(QStringLiteral("manifest")));
+        QVERIFY(!published.ok());
+        QVERIFY(!QFileInfo::exists(path(QStringLiteral("www/builds/zentho-0.3.0-macos-arm64.chunks.pack"))));
+        QVERIFY(!QFileInfo::exists(path(QStringLiteral("www/release/macos-arm64-manifest.json"))));
+        TestFiles::writeFile(pack, bytes.chopped(1));
+        checked = ReleaseTool::verify(packed, {QStringLiteral("--chunks"), store()});
+        QVERIFY2(checked.failedWithOneLine() && checked.errors.contains("chunks: the pack is "), checked.errors.constData());
+        QVERIFY(QFile::remove(pack));
+        checked = ReleaseTool::verify(packed, {QStringLiteral("--chunks"), store()});
+        QVERIFY2(checked.failedWithOneLine() && checked.errors.contains(" is missing or cannot be read"), checked.errors.constData());
+        const Run alone = ReleaseTool::packGame(source, QStringLiteral("0.3.1"), kBase, path(QStringLiteral("o2")),
+                                                {QStringLiteral("--chunk-pack")});
+        QVERIFY2(alone.exitCode == 2 && alone.errors.contains("--chunk-pack needs --chunks"), alone.errors.constData());
+    }
+
     void packRefusesAChunkAverageItCannotUse() {
         const QString source = makeRelease030();
         for (const char* average : {"3000", "2048", "4097", "2097152", "16k", "+16384"}) {

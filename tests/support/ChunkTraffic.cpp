@@ -1,23 +1,26 @@
 #include "ChunkTraffic.h"
 
 #include "formats/ChunkIndex.h"
+#include "formats/ChunkPack.h"
 
 #include <QRegularExpression>
 
 #include <algorithm>
+#include <limits>
 
 namespace ChunkTraffic {
 
 QList<Get> getsIn(const QString& log) {
     // 127.0.0.1 [time] "GET /path HTTP/1.1" 200 1234 "range" "if-range" 17
     static const QRegularExpression line(
-        QStringLiteral("\"GET (\\S+) ([^\"]*)\" (\\d+) (\\d+) .* (\\d+)$"));
+        QStringLiteral("\"GET (\\S+) ([^\"]*)\" (\\d+) (\\d+) \"([^\"]*)\" .* (\\d+)$"));
     QList<Get> gets;
     for (const QString& entry : log.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
         const QRegularExpressionMatch match = line.match(entry);
         if (match.hasMatch())
             gets.append({match.captured(1), match.captured(3).toInt(), match.captured(4).toLongLong(),
-                         match.captured(2), match.captured(5).toLongLong()});
+                         match.captured(2), match.captured(6).toLongLong(),
+                         match.captured(5) == QLatin1String("-") ? QString() : match.captured(5)});
     }
     return gets;
 }
@@ -37,6 +40,28 @@ QStringList chunkGets(const QList<Get>& gets, const QString& storePath) {
     for (const Get& get : gets) {
         if (get.path.startsWith(storePath + QLatin1Char('/')) && !chunkOf(get.path).isEmpty())
             chunks << chunkOf(get.path);
+    }
+    return chunks;
+}
+
+QStringList packedChunkGets(const QList<Get>& gets, const QString& packPath, const ChunkIndex& index) {
+    const QHash<QString, ChunkPack::Span> spans = ChunkPack::spans(index);
+    QStringList chunks;
+    for (const Get& get : gets) {
+        if (get.path != packPath)
+            continue;
+        QList<QPair<qint64, qint64>> asked;
+        if (get.range.isEmpty())
+            asked.append({0, std::numeric_limits<qint64>::max()});
+        for (const QString& range : get.range.mid(6).split(QLatin1Char(','), Qt::SkipEmptyParts))
+            asked.append({range.section(QLatin1Char('-'), 0, 0).toLongLong(), range.section(QLatin1Char('-'), 1, 1).toLongLong()});
+        for (auto span = spans.cbegin(); span != spans.cend(); ++span) {
+            const bool inside = std::any_of(asked.cbegin(), asked.cend(), [&](const QPair<qint64, qint64>& range) {
+                return span->offset <= range.second && span->end() > range.first;
+            });
+            if (inside)
+                chunks << span.key();
+        }
     }
     return chunks;
 }

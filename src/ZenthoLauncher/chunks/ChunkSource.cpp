@@ -33,10 +33,12 @@ bool ChunkSource::joins(const std::vector<ChunkRef>& batch, const ChunkRef& next
 }
 
 QCoro::Task<void> fetchChunks(HttpClient& client, const ChunkSource& source, std::vector<ChunkRef> batch,
-                              const ChunkCache& cache) {
+                              const ChunkCache& cache, std::function<void(const ChunkRef&)> kept) {
     if (!source.packed()) {
-        for (const ChunkRef& chunk : batch)
+        for (const ChunkRef& chunk : batch) {
             co_await fetchChunk(client, source.store, chunk, cache);
+            kept(chunk);
+        }
         co_return;
     }
     std::vector<ByteRanges::Range> ranges;
@@ -57,5 +59,6 @@ QCoro::Task<void> fetchChunks(HttpClient& client, const ChunkSource& source, std
                                   chunk.sha256.toStdString());
         const QByteArray stored = holder->bytes.mid(span.offset - holder->range.first, span.size);
         cache.keep(chunk.sha256, ChunkStore::decode(stored, chunk.size, chunk.sha256));
+        kept(chunk);
     }
 }

@@ -9,6 +9,7 @@
 
 #include <QCoroTask>
 
+#include <functional>
 #include <vector>
 
 class ChunkCache;
@@ -42,9 +43,10 @@ struct ChunkSource {
 };
 
 // Fetches the chunks of `batch` (one request; see ChunkSource::joins) and checks each (one zstd
-// frame of its size whose bytes hash to its name) before `cache` keeps it. A chunk's bytes are
-// never trusted for being where the pack should hold it. Throws NetworkError (also for a server
-// that does not answer ranges), ChunkStoreError (another answer than the chunk, or a chunk the
-// answer lacks), FileError.
+// frame of its size whose bytes hash to its name) before `cache` keeps it and `kept` is told. A
+// chunk's bytes are never trusted for being where the pack should hold it. An answer cut short
+// still gives the chunks it holds whole. Throws NetworkError (also for a server that does not
+// answer ranges), ChunkStoreError (another answer than the chunk, or a chunk the answer lacks),
+// FileError.
 QCoro::Task<void> fetchChunks(HttpClient& client, const ChunkSource& source, std::vector<ChunkRef> batch,
-                              const ChunkCache& cache);
+                              const ChunkCache& cache, std::function<void(const ChunkRef&)> kept);

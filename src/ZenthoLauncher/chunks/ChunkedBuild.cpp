@@ -112,14 +112,13 @@ QCoro::Task<void> fetchInTurn(Stream& stream) {
             stream.held += batch.back().size;
         }
         try {
-            co_await fetchChunks(stream.client, stream.build.source, batch, stream.cache);
+            co_await fetchChunks(stream.client, stream.build.source, batch, stream.cache,
+                                 [&stream](const ChunkRef& chunk) { stream.arrived(chunk); });
         } catch (...) {
             if (!stream.failure)
                 stream.failure = std::current_exception();
             break;
         }
-        for (const ChunkRef& chunk : batch)
-            stream.arrived(chunk);
         stream.ring();
     }
     --stream.running;
