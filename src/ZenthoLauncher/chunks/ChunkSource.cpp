@@ -41,24 +41,52 @@ QCoro::Task<void> fetchChunks(HttpClient& client, const ChunkSource& source, std
         }
         co_return;
     }
+    // Each chunk's frame is gathered as the answer brings it, checked and kept the moment it is
+    // whole: a slow line shows progress chunk by chunk, and an answer cut short still leaves
+    // every chunk it held whole.
+    struct Wanted {
+        ChunkRef chunk;
+        ChunkPack::Span span;
+        QByteArray frame;
+        qint64 filled = 0;
+    };
+    std::vector<Wanted> wanted;
     std::vector<ByteRanges::Range> ranges;
     for (const ChunkRef& chunk : batch) {
         const ChunkPack::Span span = source.spans.value(chunk.sha256);
         if (span.size == 0)
             throw ChunkStoreError("the pack holds no chunk " + chunk.sha256.toStdString());
+        wanted.push_back({chunk, span, {}, 0});
         ranges.push_back({span.offset, span.end() - 1});
     }
-    const std::vector<ByteRanges::Part> parts = co_await ByteRanges::fetch(client, source.pack, ranges);
-    for (const ChunkRef& chunk : batch) {
-        const ChunkPack::Span span = source.spans.value(chunk.sha256);
-        const auto holder = std::find_if(parts.begin(), parts.end(), [&](const ByteRanges::Part& part) {
-            return part.range.first <= span.offset && span.end() - 1 <= part.range.last;
-        });
-        if (holder == parts.end())
+    std::sort(wanted.begin(), wanted.end(), [](const Wanted& a, const Wanted& b) { return a.span.offset < b.span.offset; });
+    const auto take = [&](qint64 offset, const char* data, qint64 size) {
+        const qint64 end = offset + size;
+        auto it = std::upper_bound(wanted.begin(), wanted.end(), offset,
+                                   [](qint64 at, const Wanted& one) { return at < one.span.offset; });
+        if (it != wanted.begin())
+            --it;
+        for (; it != wanted.end() && it->span.offset < end; ++it) {
+            const qint64 from = std::max(offset, it->span.offset);
+            const qint64 to = std::min(end, it->span.end());
+            if (from >= to || it->filled == it->span.size)
+                continue;
+            if (it->frame.isEmpty())
+                it->frame.resize(it->span.size);
+            std::copy(data + (from - offset), data + (to - offset), it->frame.data() + (from - it->span.offset));
+            it->filled += to - from;
+            if (it->filled >= it->span.size) {
+                it->filled = it->span.size;
+                cache.keep(it->chunk.sha256, ChunkStore::decode(it->frame, it->chunk.size, it->chunk.sha256));
+                it->frame = QByteArray();
+                kept(it->chunk);
+            }
+        }
+    };
+    co_await ByteRanges::fetch(client, source.pack, ranges, take);
+    for (const Wanted& one : wanted) {
+        if (one.filled < one.span.size)
             throw ChunkStoreError(source.pack.toString().toStdString() + " sent no bytes of chunk " +
-                                  chunk.sha256.toStdString());
-        const QByteArray stored = holder->bytes.mid(span.offset - holder->range.first, span.size);
-        cache.keep(chunk.sha256, ChunkStore::decode(stored, chunk.size, chunk.sha256));
-        kept(chunk);
+                                  one.chunk.sha256.toStdString());
     }
 }

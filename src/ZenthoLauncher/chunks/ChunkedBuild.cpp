@@ -113,7 +113,10 @@ QCoro::Task<void> fetchInTurn(Stream& stream) {
         }
         try {
             co_await fetchChunks(stream.client, stream.build.source, batch, stream.cache,
-                                 [&stream](const ChunkRef& chunk) { stream.arrived(chunk); });
+                                 [&stream](const ChunkRef& chunk) {
+                                     stream.arrived(chunk);
+                                     stream.ring();
+                                 });
         } catch (...) {
             if (!stream.failure)
                 stream.failure = std::current_exception();

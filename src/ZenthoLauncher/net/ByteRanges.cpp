@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <memory>
 #include <utility>
 
 namespace ByteRanges {
@@ -12,6 +13,8 @@ namespace {
 // What a multipart answer adds around each part: the boundary line and the part's own headers.
 // nginx spends about 100 bytes; a server's boundary and content type may take more.
 constexpr qint64 kPartOverhead = 512;
+// Bytes outside the parts' data a reader holds at once: a preamble, a part's headers.
+constexpr qsizetype kMostPending = 8192;
 
 [[noreturn]] void refuse(const QString& why) {
     throw NetworkError(QStringLiteral("The server's answer to a request for byte ranges %1.").arg(why));
@@ -34,90 +37,17 @@ QByteArray boundaryOf(const QByteArray& contentType) {
     return {};
 }
 
-// Reads `text` at `at` and moves past it; false, not moving, when it is not there.
-bool skip(const QByteArray& body, qsizetype& at, QByteArrayView text) {
-    if (at > body.size() - text.size() || QByteArrayView(body.constData() + at, text.size()) != text)
-        return false;
-    at += text.size();
-    return true;
-}
-
-// The Content-Range of the part whose headers start at `at`, which moves past the empty line
-// that ends them.
-Range partHeaders(const QByteArray& body, qsizetype& at) {
-    std::optional<ContentRange> range;
-    for (;;) {
-        const qsizetype end = body.indexOf("\r\n", at);
-        if (end < 0)
-            refuse(QStringLiteral("has a part whose headers do not end"));
-        const QByteArray line = body.mid(at, end - at);
-        at = end + 2;
-        if (line.isEmpty())
-            break;
+// The Content-Range among a part's header lines.
+Range rangeOfPart(const QByteArray& headers) {
+    for (const QByteArray& line : headers.split('\n')) {
         const qsizetype colon = line.indexOf(':');
-        if (colon > 0 && line.left(colon).trimmed().toLower() == "content-range")
-            range = parseContentRange(line.mid(colon + 1));
+        if (colon > 0 && line.left(colon).trimmed().toLower() == "content-range") {
+            if (const std::optional<ContentRange> range = parseContentRange(line.mid(colon + 1)))
+                return range->range;
+        }
     }
-    if (!range)
-        refuse(QStringLiteral("has a part without a usable Content-Range"));
-    return range->range;
+    refuse(QStringLiteral("has a part without a usable Content-Range"));
 }
-
-std::vector<Part> multipart(const QByteArray& boundary, const QByteArray& body) {
-    const QByteArray delimiter = "--" + boundary;
-    // Whatever comes before the first delimiter is a preamble, which nginx makes an empty line.
-    qsizetype at = body.indexOf(delimiter);
-    if (at < 0)
-        refuse(QStringLiteral("holds no part"));
-    std::vector<Part> parts;
-    for (;;) {
-        if (!skip(body, at, delimiter))
-            refuse(QStringLiteral("has a part that does not end where its Content-Range says"));
-        if (skip(body, at, "--"))
-            break;
-        if (!skip(body, at, "\r\n"))
-            refuse(QStringLiteral("has a malformed boundary line"));
-        const Range range = partHeaders(body, at);
-        if (range.size() > body.size() - at)
-            refuse(QStringLiteral("has a part cut short"));
-        parts.push_back(Part{range, body.mid(at, range.size())});
-        at += range.size();
-        if (!skip(body, at, "\r\n"))
-            refuse(QStringLiteral("has a part that does not end where its Content-Range says"));
-    }
-    if (!body.mid(at).trimmed().isEmpty())
-        refuse(QStringLiteral("goes on after its last part"));
-    return parts;
-}
-
-// Keeps the whole body of a 206 answer in memory, up to `cap` bytes.
-class Collector : public BodyReceiver {
-public:
-    explicit Collector(qint64 cap) : cap_(cap) {}
-
-    Verdict accept(const ResponseHead& head) override {
-        if (head.statusCode != 206)
-            return Verdict::fail(std::make_exception_ptr(NetworkError(
-                QStringLiteral("The server answered %1 to a request for byte ranges.").arg(head.statusCode.value_or(0)))));
-        if (head.contentLength && *head.contentLength > cap_)
-            return Verdict::fail(std::make_exception_ptr(
-                NetworkError(QStringLiteral("The server's answer to a request for byte ranges is larger than asked for."))));
-        return Verdict::take();
-    }
-
-    std::exception_ptr write(const char* bytes, qint64 size) override {
-        if (body.size() + size > cap_)
-            return std::make_exception_ptr(
-                NetworkError(QStringLiteral("The server's answer to a request for byte ranges is larger than asked for.")));
-        body.append(bytes, size);
-        return {};
-    }
-
-    QByteArray body;
-
-private:
-    qint64 cap_;
-};
 
 std::vector<Range> joined(std::vector<Range> ranges) {
     std::sort(ranges.begin(), ranges.end(), [](const Range& a, const Range& b) { return a.first < b.first; });
@@ -130,6 +60,49 @@ std::vector<Range> joined(std::vector<Range> ranges) {
     }
     return result;
 }
+
+// Reads the body of an answer as it arrives, within `cap` bytes.
+class Receiver : public BodyReceiver {
+public:
+    Receiver(qint64 cap, Take take) : cap_(cap), take_(std::move(take)) {}
+
+    Verdict accept(const ResponseHead& head) override {
+        if (head.statusCode != 206)
+            return Verdict::fail(std::make_exception_ptr(NetworkError(
+                QStringLiteral("The server answered %1 to a request for byte ranges.").arg(head.statusCode.value_or(0)))));
+        if (head.contentLength && *head.contentLength > cap_)
+            return Verdict::fail(std::make_exception_ptr(tooLarge()));
+        try {
+            reader.emplace(head.contentType, head.contentRange, take_);
+        } catch (...) {
+            return Verdict::fail(std::current_exception());
+        }
+        return Verdict::take();
+    }
+
+    std::exception_ptr write(const char* bytes, qint64 size) override {
+        received_ += size;
+        if (received_ > cap_)
+            return std::make_exception_ptr(tooLarge());
+        try {
+            reader->feed(bytes, size);
+        } catch (...) {
+            return std::current_exception();
+        }
+        return {};
+    }
+
+    std::optional<BodyReader> reader;
+
+private:
+    static NetworkError tooLarge() {
+        return NetworkError(QStringLiteral("The server's answer to a request for byte ranges is larger than asked for."));
+    }
+
+    qint64 cap_;
+    qint64 received_ = 0;
+    Take take_;
+};
 
 } // namespace
 
@@ -156,26 +129,137 @@ QByteArray header(std::vector<Range> ranges) {
     return text;
 }
 
-std::vector<Part> parts(const QByteArray& contentType, const QByteArray& contentRange, const QByteArray& body) {
-    if (const QByteArray boundary = boundaryOf(contentType); !boundary.isEmpty())
-        return multipart(boundary, body);
+BodyReader::BodyReader(const QByteArray& contentType, const QByteArray& contentRange, Take take)
+    : take_(std::move(take)) {
+    if (const QByteArray boundary = boundaryOf(contentType); !boundary.isEmpty()) {
+        delimiter_ = "--" + boundary;
+        return;
+    }
     const std::optional<ContentRange> range = parseContentRange(contentRange);
     if (!range)
         refuse(QStringLiteral("has no usable Content-Range"));
-    if (range->range.size() != body.size())
-        refuse(QStringLiteral("is not as long as its Content-Range says"));
-    return {Part{range->range, body}};
+    startPart(range->range);
 }
 
-QCoro::Task<std::vector<Part>> fetch(HttpClient& client, QUrl url, std::vector<Range> ranges) {
+void BodyReader::startPart(const Range& range) {
+    offset_ = range.first;
+    remaining_ = range.size();
+    state_ = State::data;
+}
+
+void BodyReader::feed(const char* data, qint64 size) {
+    while (size > 0) {
+        if (state_ == State::data) {
+            const qint64 taken = std::min(size, remaining_);
+            take_(offset_, data, taken);
+            offset_ += taken;
+            remaining_ -= taken;
+            data += taken;
+            size -= taken;
+            if (remaining_ == 0)
+                state_ = delimiter_.isEmpty() ? State::end : State::afterData;
+            continue;
+        }
+        // Outside a part's data only a few KiB are ever held: enough for what comes next.
+        const qint64 room = std::max<qint64>(1, std::min<qint64>(size, kMostPending + 2 - pending_.size()));
+        pending_.append(data, room);
+        data += room;
+        size -= room;
+        step();
+        if (state_ != State::data && pending_.size() > kMostPending)
+            refuse(QStringLiteral("holds more than a few KiB outside its parts"));
+    }
+}
+
+// Reads what `pending_` holds as far as it can; the bytes of a part's data that followed its
+// headers go on to `take_`.
+void BodyReader::step() {
+    for (;;) {
+        switch (state_) {
+        case State::preamble: {
+            const qsizetype at = pending_.indexOf(delimiter_);
+            if (at < 0)
+                return;
+            pending_.remove(0, at + delimiter_.size());
+            state_ = State::afterDelimiter;
+            break;
+        }
+        case State::afterDelimiter:
+            if (pending_.size() < 2)
+                return;
+            if (pending_.startsWith("--")) {
+                pending_.remove(0, 2);
+                state_ = State::end;
+            } else if (pending_.startsWith("\r\n")) {
+                pending_.remove(0, 2);
+                state_ = State::headers;
+            } else {
+                refuse(QStringLiteral("has a malformed boundary line"));
+            }
+            break;
+        case State::headers: {
+            const qsizetype end = pending_.indexOf("\r\n\r\n");
+            if (end < 0)
+                return;
+            const Range range = rangeOfPart(pending_.left(end));
+            pending_.remove(0, end + 4);
+            startPart(range);
+            const QByteArray rest = std::exchange(pending_, QByteArray());
+            feed(rest.constData(), rest.size());
+            return;
+        }
+        case State::afterData: {
+            const QByteArray expected = "\r\n" + delimiter_;
+            if (pending_.size() < expected.size())
+                return;
+            if (!pending_.startsWith(expected))
+                refuse(QStringLiteral("has a part that does not end where its Content-Range says"));
+            pending_.remove(0, expected.size());
+            state_ = State::afterDelimiter;
+            break;
+        }
+        case State::end:
+            if (!pending_.trimmed().isEmpty())
+                refuse(QStringLiteral("goes on after its last part"));
+            return;
+        case State::data:
+            return;
+        }
+    }
+}
+
+void BodyReader::finish() const {
+    if (state_ == State::data)
+        refuse(QStringLiteral("has a part cut short"));
+    if (state_ != State::end)
+        refuse(delimiter_.isEmpty() || state_ == State::preamble ? QStringLiteral("holds no part")
+                                                                 : QStringLiteral("ends before its closing boundary"));
+}
+
+std::vector<Part> parts(const QByteArray& contentType, const QByteArray& contentRange, const QByteArray& body) {
+    std::vector<Part> parts;
+    BodyReader reader(contentType, contentRange, [&parts](qint64 offset, const char* data, qint64 size) {
+        if (parts.empty() || parts.back().range.last + 1 != offset)
+            parts.push_back(Part{Range{offset, offset - 1}, QByteArray()});
+        parts.back().bytes.append(data, size);
+        parts.back().range.last += size;
+    });
+    reader.feed(body.constData(), body.size());
+    reader.finish();
+    return parts;
+}
+
+QCoro::Task<void> fetch(HttpClient& client, QUrl url, std::vector<Range> ranges, Take take) {
     ranges = joined(std::move(ranges));
     qint64 cap = kPartOverhead;
     for (const Range& range : ranges)
         cap += range.size() + kPartOverhead;
-    Collector collector(cap);
+    Receiver receiver(cap, std::move(take));
     const RequestHeaders headers{{"Range", header(ranges)}};
-    const ResponseHead head = co_await client.stream(url, headers, collector);
-    co_return parts(head.contentType, head.contentRange, collector.body);
+    co_await client.stream(url, headers, receiver);
+    if (!receiver.reader)
+        refuse(QStringLiteral("is not an HTTP answer"));
+    receiver.reader->finish();
 }
 
 } // namespace ByteRanges

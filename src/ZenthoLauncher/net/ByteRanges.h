@@ -7,10 +7,12 @@
 
 #include <QCoroTask>
 
+#include <functional>
 #include <optional>
 #include <vector>
 
-// Asking a server for parts of one file, many in one request.
+// Asking a server for parts of one file, many in one request, and reading the answer as it
+// arrives.
 namespace ByteRanges {
 
 // Bytes `first` to `last` of a file, both included, as HTTP counts them.
@@ -32,23 +34,50 @@ std::optional<ContentRange> parseContentRange(const QByteArray& text);
 // "bytes=A-B,C-D,..." for `ranges`, sorted, with ranges that touch or overlap joined.
 QByteArray header(std::vector<Range> ranges);
 
-// One part of a 206 answer: the bytes of `range`.
+// Takes bytes of the file as they arrive: `size` bytes at `data` that the file holds at `offset`.
+using Take = std::function<void(qint64 offset, const char* data, qint64 size)>;
+
+// Reads the body of a 206 answer piece by piece, however it is cut: the one part its
+// Content-Range names, or every part of a multipart/byteranges body, each read by the length its
+// own Content-Range gives (so no boundary is ever looked for inside the bytes), handing each
+// part's bytes to `take` as they come. Throws NetworkError for an answer that does not hold
+// together: no or a malformed Content-Range, a missing boundary, headers or a preamble past a
+// few KiB, a part cut short, bytes left over.
+class BodyReader {
+public:
+    BodyReader(const QByteArray& contentType, const QByteArray& contentRange, Take take);
+
+    void feed(const char* data, qint64 size);
+    // The body is over: throws when it ended inside a part or before the closing boundary.
+    void finish() const;
+
+private:
+    enum class State { preamble, afterDelimiter, headers, data, afterData, end };
+
+    void step();
+    void startPart(const Range& range);
+
+    Take take_;
+    QByteArray delimiter_; // "--" and the boundary; empty for a single part
+    State state_ = State::preamble;
+    QByteArray pending_;   // bytes outside a part's data not read yet
+    qint64 offset_ = 0;    // where in the file the next data byte belongs
+    qint64 remaining_ = 0; // data bytes of the current part still to come
+};
+
+// One part of an answer, whole: the bytes of `range`.
 struct Part {
     Range range;
     QByteArray bytes;
 };
-
-// The parts of a 206 answer with the head `contentType` and `contentRange` and the body `body`:
-// the one part Content-Range names, or every part of a multipart/byteranges body, each read by
-// the length its own Content-Range gives (so no boundary is looked for inside the bytes). Throws
-// NetworkError for an answer that does not hold together: no or a malformed Content-Range, a
-// missing boundary, a part cut short, bytes left over.
+// The parts of a whole 206 body, as BodyReader reads them.
 std::vector<Part> parts(const QByteArray& contentType, const QByteArray& contentRange, const QByteArray& body);
 
-// Asks for `ranges` of `url` in one GET and returns the parts of the answer, with the client's
-// download limits and a body of at most the ranges' bytes plus room for the parts' headers.
-// Throws NetworkError; also for an answer other than 206, which a server that ignores ranges
-// gives.
-QCoro::Task<std::vector<Part>> fetch(HttpClient& client, QUrl url, std::vector<Range> ranges);
+// Asks for `ranges` of `url` in one GET and hands the bytes of the answer's parts to `take` as
+// they arrive, with the client's download limits and a body of at most the ranges' bytes plus
+// room for the parts' headers. `take` may throw to end the transfer; what it throws is what this
+// throws. Throws NetworkError; also for an answer other than 206, which a server that ignores
+// ranges gives, refused at its head.
+QCoro::Task<void> fetch(HttpClient& client, QUrl url, std::vector<Range> ranges, Take take);
 
 } // namespace ByteRanges
