@@ -4,6 +4,7 @@
 #include "trust/Sha256.h"
 
 #include <QFile>
+#include <QFileInfo>
 
 #include <algorithm>
 #include <cerrno>
@@ -129,6 +130,23 @@ ChunkIndex index(const QString& root, const ChunkSizes& sizes, const OnChunk& on
     Walk walk(sizes, onChunk);
     walk.index.chunking = sizes;
     walk.folder(QFile::encodeName(root).toStdString(), std::string());
+    return std::move(walk.index);
+}
+
+ChunkIndex indexWithTop(const QString& folder, const ChunkSizes& sizes, const OnChunk& onChunk) {
+    const std::string path = QFile::encodeName(folder).toStdString();
+    struct stat info {};
+    if (::lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
+        throw failure(path, "not a folder");
+    ChunkIndexEntry top;
+    top.path = QFileInfo(folder).fileName();
+    top.kind = ChunkIndexEntry::Kind::folder;
+    top.mode = int(info.st_mode & 07777);
+    top.mtime = mtimeOf(info);
+    Walk walk(sizes, onChunk);
+    walk.index.chunking = sizes;
+    walk.index.entries.push_back(top);
+    walk.folder(path, top.path.toStdString());
     return std::move(walk.index);
 }
 

@@ -23,4 +23,10 @@ using OnChunk = std::function<void(const ChunkIndexEntry& file, const ChunkRef& 
 // ChunkIndexError naming the entry that is not a file, folder or symlink or cannot be read.
 ChunkIndex index(const QString& root, const ChunkSizes& sizes, const OnChunk& onChunk = {});
 
+// The index of the folder `folder` itself and everything below it, as an archive that holds the
+// folder as its one top-level entry lists them: the folder's own name first, every path below
+// it under that name. A launcher bundle is released so. Throws ChunkIndexError as index does,
+// also when `folder` is not a folder.
+ChunkIndex indexWithTop(const QString& folder, const ChunkSizes& sizes, const OnChunk& onChunk = {});
+
 } // namespace TreeChunker

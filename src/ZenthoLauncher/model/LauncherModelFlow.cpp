@@ -13,12 +13,27 @@
 #include "update/ManifestFetch.h"
 #include "update/UpdateEndpoints.h"
 
+#include <QDebug>
 #include <QScopeGuard>
+
+#include <exception>
 
 namespace {
 const QString kFallbackExecutable = QStringLiteral("zentho");
 // Shown while a damaged build is put right before it starts (LauncherModelRepair.cpp).
 const QString kRepairing = QStringLiteral("Repairing ZENTHO...");
+
+QString failureText(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const LauncherError& failure) {
+        return failure.errorDescription();
+    } catch (const std::exception& failure) {
+        return QString::fromUtf8(failure.what());
+    } catch (...) {
+    }
+    return QStringLiteral("a failure of unknown kind");
+}
 } // namespace
 
 void LauncherModel::updateAndPlay() {
@@ -40,7 +55,9 @@ QCoro::Task<void> LauncherModel::runUpdateAndPlay() {
         relaunching = co_await updateLauncherIfNeeded();
     } catch (...) {
         // A launcher that cannot update itself still plays the game, and an invite that was
-        // about to go to the new launcher goes to that game instead.
+        // about to go to the new launcher goes to that game instead. Why goes to stderr for
+        // whoever looks into it; the player reads the status.
+        qWarning().noquote() << "The launcher did not update itself:" << failureText(std::current_exception());
         inviteHandedOn_ = false;
         setStatus(QStringLiteral("Launcher update unavailable; checking game..."));
     }

@@ -6,6 +6,7 @@
 #include "platform/FileManager.h"
 #include "platform/Platform.h"
 #include "process/ProcessTask.h"
+#include "update/ChunkedBundle.h"
 #include "update/FinishScript.h"
 #include "update/ManifestFetch.h"
 #include "update/StagingFolder.h"
@@ -75,10 +76,26 @@ QCoro::Task<bool> LauncherUpdater::updateIfNeeded(QUrl manifestURL) {
     // works in it meanwhile.
     const StorageLock lock = co_await staging_.holdStorage();
     context_.reportStatus(downloadingStatus());
-    // Named, not a braced temporary in the co_await: g++ 12 destroys such a temporary twice.
-    const ReleaseStaging::Archive archive{manifest.url, manifest.sha256, ManifestKind::launcher().platform,
-                                          verifyingStatus(), QStringLiteral("launcher-staging-")};
-    StagingFolder staging = co_await staging_.stageArchive(archive);
+    // A release that also comes as chunks takes most of them from this very bundle; whatever goes
+    // wrong on that way, the archive is downloaded as always.
+    // Each result is named before it is moved on: g++ 12 destroys a temporary in a co_await
+    // expression twice, and a staging folder's destructor removes the folder.
+    std::optional<StagingFolder> put;
+    if (manifest.chunks) {
+        std::optional<StagingFolder> fromChunks =
+            co_await stageBundleFromChunks(staging_, *manifest.chunks, platform_.bundlePath(), verifyingStatus());
+        if (fromChunks)
+            put.emplace(std::move(*fromChunks));
+        else
+            context_.reportStatus(downloadingStatus());
+    }
+    if (!put) {
+        const ReleaseStaging::Archive archive{manifest.url, manifest.sha256, ManifestKind::launcher().platform,
+                                              verifyingStatus(), QStringLiteral("launcher-staging-")};
+        StagingFolder fromArchive = co_await staging_.stageArchive(archive);
+        put.emplace(std::move(fromArchive));
+    }
+    StagingFolder& staging = *put;
 
     const QString staged = stagedBundle(staging, manifest.executable);
     co_await checkSeal(staged);

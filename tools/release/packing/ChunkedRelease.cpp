@@ -95,13 +95,14 @@ QByteArray readStored(const QString& path) {
 } // namespace
 
 ChunkedRelease ChunkedRelease::make(const QString& source, const QString& store, const ChunkSizes& sizes,
-                                    bool dryRun, const QString& pack) {
+                                    bool dryRun, const QString& pack, bool withTop) {
     ChunkedRelease release;
     PackFile packFile(pack, dryRun);
     QHash<QString, qint64> stored;
     QHash<QString, ChunkPack::Span> written;
     QSet<QString> seen;
-    release.index = TreeChunker::index(
+    const auto cut = withTop ? &TreeChunker::indexWithTop : &TreeChunker::index;
+    release.index = cut(
         source, sizes,
         [&](const ChunkIndexEntry&, const ChunkRef& chunk, std::uint64_t, const unsigned char* data, std::size_t size) {
             release.buildBytes += qint64(size);

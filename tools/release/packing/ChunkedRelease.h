@@ -25,6 +25,8 @@ struct ChunkedRelease {
     // goes into that one file (ChunkPack), in the order the index first names them, and the index
     // gives each frame's length; the file too is written under a hidden name and renamed into
     // place. Throws std::runtime_error.
+    // With `withTop`, the archive holds `source` itself as its one top-level entry (a launcher
+    // bundle), and so does the index (TreeChunker::indexWithTop).
     static ChunkedRelease make(const QString& source, const QString& store, const ChunkSizes& sizes, bool dryRun,
-                               const QString& pack = QString());
+                               const QString& pack = QString(), bool withTop = false);
 };

@@ -57,8 +57,9 @@ const char kUsage[] =
     "  P-manifest.json.sig    with --sign-key: the Ed25519 signature of the manifest's exact\n"
     "                         bytes by the private key KEY; --expires-in DAYS adds the member\n"
     "                         \"expires\" (UTC), after which launchers refuse the manifest\n"
-    "  zentho-V-P.chunks.json with --chunks (game only): the chunk index, listing every entry of\n"
-    "                         the build (path, kind, mode, size, symlink target) and each\n"
+    "  zentho-V-P.chunks.json with --chunks: the chunk index, listing every entry of the\n"
+    "                         archive (path, kind, mode, size, symlink target: for a launcher,\n"
+    "                         X.app and everything in it) and each\n"
     "                         file's SHA-256 and content-defined chunks; every chunk the store\n"
     "                         lacks goes to STORE_DIR/ab/<sha256>.zst (zstd), and the manifest\n"
     "                         gains \"chunks\": {index: URL/zentho-V-P.chunks.json, sha256: the\n"
@@ -235,7 +236,7 @@ int runPack(const std::vector<std::string>& arguments) {
     std::optional<ChunkedRelease> chunked;
     if (!store.isEmpty()) {
         chunked = ChunkedRelease::make(source, store, options.chunkSizes, options.dryRun,
-                                       options.chunkPack ? packPath : QString());
+                                       options.chunkPack ? packPath : QString(), launcher);
         if (!options.dryRun)
             ReleaseFiles::writeFileAtomically(indexPath, chunked->json);
         manifest.chunks = ReleaseChunks{QUrl(options.urlBase + QLatin1Char('/') + indexName, QUrl::StrictMode),

@@ -114,11 +114,8 @@ PackOptions PackOptions::parse(const std::vector<std::string>& arguments) {
         !problem.isEmpty())
         throw UsageError("--executable: " + problem.toStdString());
     options.urlBase = baseAddress("--url-base", options.urlBase);
-    if (!options.chunkStore.isEmpty()) {
-        if (options.platform != QLatin1String(ReleaseFiles::kGamePlatform))
-            throw UsageError("--chunks is for game releases (macos-arm64) only");
+    if (!options.chunkStore.isEmpty())
         options.chunkStoreUrl = baseAddress("--chunks-url", options.chunkStoreUrl);
-    }
     return options;
 }
 
