@@ -22,6 +22,7 @@
 //      share, as on a real link (nginx's limit_rate is per request); beside time and bytes, the
 //      most the storage took on the disk during each (sampled every few milliseconds) against the
 //      build's own size. Both next door and a round trip of 100 ms away
+//   R  one file of 0.3.1 damaged over 8 MiB and put right by the launcher's --repair
 //   L  FC, B and BS again through a relay without a rate that adds no delay, then 50 ms each way
 //      (a round trip of 100 ms): the round trips each waited for, (time at 100 ms - time at 0) / 0.1 s
 //
@@ -35,6 +36,8 @@
 //                               default), "z" for a compressed index
 
 #include "BenchPress.h"
+#include "BenchReleases.h"
+#include "RepairBench.h"
 #include "DelayProxy.h"
 #include "LauncherBundles.h"
 #include "PatchPairBench.h"
@@ -93,72 +96,6 @@ qint64 makeBuilds(const QString& old, const QString& next, qint64 total) {
     return changed;
 }
 
-struct Release {
-    QString archive, index, manifest, chunks, pack; // chunks: pack's "chunks:" line
-    qint64 archiveBytes = -1, newChunkBytes = -1;
-    double seconds = 0;
-};
-
-// Packs `source` into `store` (served at /rate8m/chunks) with its chunks packed too, and links its
-// archive, index and pack into the server's /builds, which the manifest names as `buildsPath`.
-Release pack(const TestServer& server, const QString& source, const QString& version, const QString& out,
-             const QString& store, const QString& buildsPath) {
-    QElapsedTimer clock;
-    clock.start();
-    const ReleaseTool::Run run = ReleaseTool::packGame(
-        source, version, server.url(buildsPath).toString(), out,
-        {QStringLiteral("--chunks"), store, QStringLiteral("--chunks-url"), server.url(QStringLiteral("/rate8m/chunks")).toString(),
-         QStringLiteral("--chunk-pack")},
-        30 * 60 * 1000);
-    Release release;
-    release.seconds = double(clock.elapsed()) / 1000;
-    if (!run.ok()) {
-        std::fprintf(stderr, "pack %s failed (status %d): %s\n", qPrintable(version), run.exitCode, run.errors.constData());
-        return release;
-    }
-    release.archive = run.line(QStringLiteral("archive"));
-    release.index = run.line(QStringLiteral("index"));
-    release.manifest = run.line(QStringLiteral("manifest"));
-    release.chunks = run.line(QStringLiteral("chunks"));
-    release.pack = run.line(QStringLiteral("pack"));
-    release.newChunkBytes = run.line(QStringLiteral("new chunk bytes")).section(QLatin1Char(' '), 0, 0).toLongLong();
-    const QString builds = server.documentRoot() + QStringLiteral("/builds/");
-    if (QDir().mkpath(builds) && QFile::link(release.archive, builds + QFileInfo(release.archive).fileName()) &&
-        QFile::link(release.index, builds + QFileInfo(release.index).fileName()) &&
-        QFile::link(release.pack, builds + QFileInfo(release.pack).fileName()))
-        release.archiveBytes = QFileInfo(release.archive).size();
-    return release;
-}
-
-// How a manifest offers the release: its archive alone, its chunks from the store alone, or its
-// chunks from the pack too, as zentho-release wrote it.
-enum class Offer { archive, store, pack };
-
-// Serves the manifest of `release` as `offer` says, and everything it names on the server through
-// the relay on `relayPort` when given, without nginx's rates; returns its URL.
-QString serveManifest(const TestServer& server, const Release& release, const QString& name, Offer offer,
-                      quint16 relayPort = 0) {
-    QFile file(release.manifest);
-    file.open(QIODevice::ReadOnly);
-    QJsonObject manifest = QJsonDocument::fromJson(file.readAll()).object();
-    if (offer == Offer::archive)
-        manifest.remove(QStringLiteral("chunks"));
-    if (offer == Offer::store) {
-        QJsonObject chunks = manifest.value(QStringLiteral("chunks")).toObject();
-        chunks.remove(QStringLiteral("pack"));
-        manifest.insert(QStringLiteral("chunks"), chunks);
-    }
-    QString text = QString::fromUtf8(QJsonDocument(manifest).toJson());
-    if (relayPort != 0) {
-        // The certificate names 127.0.0.1, so only the port changes.
-        const QRegularExpression origin(QRegularExpression::escape(server.url(QStringLiteral("/")).toString()) +
-                                        QStringLiteral("(rate50m/|rate8m/)?"));
-        text.replace(origin, QStringLiteral("https://127.0.0.1:%1/").arg(relayPort));
-    }
-    server.writeFile(QStringLiteral("manifests/") + name, text.toUtf8());
-    return server.url(QStringLiteral("/manifests/") + name).toString();
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
@@ -207,8 +144,8 @@ int main(int argc, char** argv) {
 
     TestServer server;
     QFile::link(store, server.documentRoot() + QStringLiteral("/chunks"));
-    const Release first = pack(server, at("game-0.3.0"), QStringLiteral("0.3.0"), at("out-0.3.0"), store, QStringLiteral("/builds"));
-    const Release second = pack(server, at("game-0.3.1"), kNew, at("out-0.3.1"), store, QStringLiteral("/rate50m/builds"));
+    const Release first = packRelease(server, at("game-0.3.0"), QStringLiteral("0.3.0"), at("out-0.3.0"), store, QStringLiteral("/builds"));
+    const Release second = packRelease(server, at("game-0.3.1"), kNew, at("out-0.3.1"), store, QStringLiteral("/rate50m/builds"));
     if (first.archiveBytes < 0 || second.archiveBytes < 0)
         return 1;
     std::printf("pack 0.3.0: %.1f s, chunks %s; pack 0.3.1 into the same store: %.1f s, chunks %s, new chunk bytes %lld\n",
@@ -216,7 +153,7 @@ int main(int argc, char** argv) {
     std::printf("archive 0.3.1: %lld bytes; index 0.3.1: %lld bytes\n", second.archiveBytes, QFileInfo(second.index).size());
 
     // 0.3.0 through the launcher, as a player gets it: a first install, from its chunks, its index kept.
-    const Press installed = press(server, data, serveManifest(server, first, QStringLiteral("0.3.0.json"), Offer::pack), record,
+    const Press installed = press(server, data, serveRelease(server, first, QStringLiteral("0.3.0.json"), Offer::pack), record,
                                   QStringLiteral("0.3.0"));
     const qsizetype kept = QDir(root + QStringLiteral("/indexes")).entryList({QStringLiteral("*.json")}, QDir::Files).size();
     if (installed.cwd != root + QStringLiteral("/versions/0.3.0") || kept != 1 || !QDir().rename(data, pristine)) {
@@ -227,9 +164,9 @@ int main(int argc, char** argv) {
     std::printf("first install of 0.3.0 (from its pack, no rate): press->game %.2f s, index kept\n\n",
                 installed.seconds);
 
-    const QString archiveManifest = serveManifest(server, second, QStringLiteral("0.3.1-archive.json"), Offer::archive);
-    const QString chunksManifest = serveManifest(server, second, QStringLiteral("0.3.1-chunks.json"), Offer::pack);
-    const QString storeManifest = serveManifest(server, second, QStringLiteral("0.3.1-store.json"), Offer::store);
+    const QString archiveManifest = serveRelease(server, second, QStringLiteral("0.3.1-archive.json"), Offer::archive);
+    const QString chunksManifest = serveRelease(server, second, QStringLiteral("0.3.1-chunks.json"), Offer::pack);
+    const QString storeManifest = serveRelease(server, second, QStringLiteral("0.3.1-store.json"), Offer::store);
     const QString expected = root + QStringLiteral("/versions/") + kNew;
     bool allRan = true;
     const auto runOnce = [&](const QString& manifest, bool fromPristine, bool withoutIndexes, bool snapshot,
@@ -262,10 +199,10 @@ int main(int argc, char** argv) {
     for (FirstInstalls& first : firsts) {
         DelayProxy link(nginxPort, std::chrono::milliseconds(first.oneWayMs), std::uint64_t(50 * kMiB));
         const QString suffix = QStringLiteral("-%1ms.json").arg(first.oneWayMs);
-        first.archive = runOnce(serveManifest(server, second, QStringLiteral("0.3.1-first-archive") + suffix,
+        first.archive = runOnce(serveRelease(server, second, QStringLiteral("0.3.1-first-archive") + suffix,
                                               Offer::archive, link.port()),
                                 false, false, true, true);
-        first.chunks = runOnce(serveManifest(server, second, QStringLiteral("0.3.1-first-chunks") + suffix, Offer::pack,
+        first.chunks = runOnce(serveRelease(server, second, QStringLiteral("0.3.1-first-chunks") + suffix, Offer::pack,
                                              link.port()),
                                false, false, true, true);
     }
@@ -283,12 +220,12 @@ int main(int argc, char** argv) {
     for (Latency& latency : latencies) {
         DelayProxy link(nginxPort, std::chrono::milliseconds(latency.oneWayMs));
         const QString suffix = QStringLiteral("-%1ms.json").arg(latency.oneWayMs);
-        latency.first = runOnce(serveManifest(server, second, QStringLiteral("0.3.1-first") + suffix, Offer::pack, link.port()),
+        latency.first = runOnce(serveRelease(server, second, QStringLiteral("0.3.1-first") + suffix, Offer::pack, link.port()),
                                 false, false, false, true);
-        latency.patch = runOnce(serveManifest(server, second, QStringLiteral("0.3.1-patch") + suffix, Offer::pack, link.port()),
+        latency.patch = runOnce(serveRelease(server, second, QStringLiteral("0.3.1-patch") + suffix, Offer::pack, link.port()),
                                 true, false, false);
         latency.storePatch = runOnce(
-            serveManifest(server, second, QStringLiteral("0.3.1-store-patch") + suffix, Offer::store, link.port()), true,
+            serveRelease(server, second, QStringLiteral("0.3.1-store-patch") + suffix, Offer::store, link.port()), true,
             false, false);
         latency.connections = link.connections();
     }
@@ -299,6 +236,7 @@ int main(int argc, char** argv) {
     const Run bStore = runOnce(storeManifest, true, false, true);
     const Run c = runOnce(chunksManifest, true, true, true);
     const Run d = runOnce(chunksManifest, false, false, false);
+    const RepairRun repair = repairDamagedFile(server, data, chunksManifest, kNew, 8 * kMiB);
     if (!allRan)
         return 1;
 
@@ -423,8 +361,13 @@ int main(int argc, char** argv) {
                              qPrintable(tree.value(i)));
         }
     }
+    std::printf("R   repair of %s (%lld bytes damaged from its start; no other build to take chunks from), "
+                "chunks from the store under limit_rate 8m: %.2f s, %lld bytes in %d requests; \"%s\" (exit %d); "
+                "--verify afterwards: %s\n",
+                qPrintable(repair.file), repair.damaged, repair.seconds, repair.traffic.total(), repair.traffic.requests(),
+                qPrintable(repair.output), repair.exitCode, repair.whole ? "whole" : "DAMAGED");
     std::printf("bench wall time: %.0f s\n", double(wall.elapsed()) / 1000);
-    if (!noArchive || !sameTree || firstAsked || !firstSame)
+    if (!noArchive || !sameTree || firstAsked || !firstSame || repair.exitCode != 0 || !repair.whole)
         return 1;
     return byteShare <= 0.03 && timeRatio <= 0.15 && fcRatio <= 1.05 && farRatio <= 1.05 && patchTrips <= 8 &&
                    fcBytes <= second.archiveBytes

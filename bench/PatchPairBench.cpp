@@ -1,4 +1,4 @@
-// The launcher installs the base from its archive, keeping its index; each update then starts
+// The launcher installs the base from its pack, keeping its index; each update then starts
 // from a copy of that storage. Every pair has its own chunk store holding the base's chunks and
 // its own, so what a pair fetches is what it adds. Bytes and requests are nginx's (its access
 // log), the time is press to game.
@@ -36,12 +36,12 @@ struct Packed {
     qint64 archiveBytes = -1, newChunks = -1, newChunkBytes = -1, indexBytes = -1, jsonBytes = -1;
 };
 
-// Packs `source` into `store`, served at /rate8m/<storeName>, with its archive and index linked
-// into the server's <buildsName>, served at /rate50m/<buildsName>.
+// Packs `source` into `store`, served at /rate8m/<storeName>, with its archive, index and pack
+// linked into the server's <buildsName>, served at /rate50m/<buildsName>.
 Packed pack(const TestServer& server, const QString& source, const QString& version, const QString& out,
             const QString& store, const QString& storeName, const QString& buildsName, int average, bool compressed) {
     QStringList chunks{QStringLiteral("--chunks"), store, QStringLiteral("--chunks-url"),
-                       server.url(QStringLiteral("/rate8m/") + storeName).toString()};
+                       server.url(QStringLiteral("/rate8m/") + storeName).toString(), QStringLiteral("--chunk-pack")};
     if (average > 0)
         chunks << QStringLiteral("--chunk-average") << QString::number(average);
     if (compressed)

@@ -14,22 +14,18 @@ ChunkSource ChunkSource::of(const ReleaseChunks& chunks, const ChunkIndex& index
     return ChunkSource{chunks.store, chunks.pack, ChunkPack::spans(index)};
 }
 
-bool ChunkSource::joins(const std::vector<ChunkRef>& batch, const ChunkRef& next) const {
-    if (batch.empty())
-        return true;
-    if (!packed())
-        return false;
-    qint64 bytes = spans.value(next.sha256).size;
-    int ranges = 1;
-    for (std::size_t i = 0; i < batch.size(); ++i) {
-        const ChunkPack::Span span = spans.value(batch[i].sha256);
-        bytes += span.size;
-        if (i == 0 || spans.value(batch[i - 1].sha256).end() != span.offset)
-            ++ranges;
+bool ChunkSource::add(Request& request, const ChunkRef& next) const {
+    const ChunkPack::Span span = spans.value(next.sha256);
+    if (!request.chunks.empty()) {
+        const int ranges = request.ranges + (span.offset == request.end ? 0 : 1);
+        if (!packed() || request.bytes + span.size > kRequestBytes || ranges > kMostRanges)
+            return false;
     }
-    if (spans.value(batch.back().sha256).end() == spans.value(next.sha256).offset)
-        --ranges;
-    return bytes <= kRequestBytes && ranges <= kMostRanges;
+    request.ranges += request.chunks.empty() || span.offset != request.end ? 1 : 0;
+    request.bytes += span.size;
+    request.end = span.end();
+    request.chunks.push_back(next);
+    return true;
 }
 
 QCoro::Task<void> fetchChunks(HttpClient& client, const ChunkSource& source, std::vector<ChunkRef> batch,

@@ -36,13 +36,21 @@ struct ChunkSource {
 
     bool packed() const { return pack.isValid() && !spans.isEmpty(); }
 
-    // Whether `next` may be asked for in the same request as `batch` (chunks in the order the
-    // index first names them, as a pack holds them): always for an empty one; from the store,
-    // never otherwise.
-    bool joins(const std::vector<ChunkRef>& batch, const ChunkRef& next) const;
+    // The chunks of one request, gathered in the order the index first names them (the pack's).
+    struct Request {
+        std::vector<ChunkRef> chunks;
+        qint64 bytes = 0; // of the pack, asked for
+        int ranges = 0;
+        qint64 end = -1; // where the last chunk's frame ends in the pack
+    };
+
+    // Adds `next` to `request` when it may be asked for in the same request: always to an empty
+    // one; from the store, never to another; from the pack while the request stays within
+    // kRequestBytes and kMostRanges. False, leaving `request` as it was, otherwise.
+    bool add(Request& request, const ChunkRef& next) const;
 };
 
-// Fetches the chunks of `batch` (one request; see ChunkSource::joins) and checks each (one zstd
+// Fetches the chunks of `batch` (one request; see ChunkSource::add) and checks each (one zstd
 // frame of its size whose bytes hash to its name) before `cache` keeps it and `kept` is told. A
 // chunk's bytes are never trusted for being where the pack should hold it. An answer cut short
 // still gives the chunks it holds whole. Throws NetworkError (also for a server that does not

@@ -106,13 +106,11 @@ struct Stream {
 // is room for them in the cache.
 QCoro::Task<void> fetchInTurn(Stream& stream) {
     while (stream.mayFetchNext()) {
-        std::vector<ChunkRef> batch;
-        while (stream.mayFetchNext() && stream.build.source.joins(batch, stream.queue[stream.next])) {
-            batch.push_back(stream.queue[stream.next++]);
-            stream.held += batch.back().size;
-        }
+        ChunkSource::Request request;
+        while (stream.mayFetchNext() && stream.build.source.add(request, stream.queue[stream.next]))
+            stream.held += stream.queue[stream.next++].size;
         try {
-            co_await fetchChunks(stream.client, stream.build.source, batch, stream.cache,
+            co_await fetchChunks(stream.client, stream.build.source, request.chunks, stream.cache,
                                  [&stream](const ChunkRef& chunk) {
                                      stream.arrived(chunk);
                                      stream.ring();
