@@ -5,6 +5,7 @@
 // Releases that are broken (a bundle changed after its seal, the running version under another
 // name) are refused and the game starts instead.
 
+#include "InstalledLauncher.h"
 #include "LauncherBundles.h"
 #include "LauncherStorage.h"
 #include "LauncherTestScope.h"
@@ -40,15 +41,10 @@ class TestLauncherSelfUpdate : public QObject {
     QString dataHome() const { return path(QStringLiteral("data")); }
     QString launcherRoot() const { return LauncherStorage(dataHome()).root(); }
 
-    // The user's copy of the launcher, 0.1.190. Its verifier is the test build that trusts the
-    // test key, so the test never needs the key the real build trusts.
+    // The user's copy of the launcher, 0.1.190.
     void installOldLauncher() {
         TestFiles::makeFolder(path(QStringLiteral("Applications")));
-        ReleaseTool::copyTree(LauncherBundles::builtBundle(), installedBundle());
-        const QString verifier = installedBundle() + QStringLiteral("/Contents/MacOS/zentho-codesign");
-        QVERIFY(QFile::remove(verifier));
-        QVERIFY(QFile::copy(LauncherBundles::testVerifier(), verifier));
-        QCOMPARE(RealLauncher::versionOf(installedBundle()), QStringLiteral("0.1.190"));
+        QVERIFY(InstalledLauncher::install(installedBundle()));
     }
 
     // Seals a copy of `bundle` (the 0.2.0 one unless given) and packs it as `version` into the
@@ -59,11 +55,7 @@ class TestLauncherSelfUpdate : public QObject {
                             const QString& version = QStringLiteral("0.2.0")) {
         TestFiles::makeFolder(path(QStringLiteral("src")));
         const QString bundle = path(QStringLiteral("src/ZenthoLauncher.app"));
-        ReleaseTool::copyTree(from, bundle);
-        const Run sealed = ReleaseTool::run({QStringLiteral("sign-bundle"), QStringLiteral("--key"),
-                                             LauncherBundles::testKey(), bundle});
-        if (!sealed.ok())
-            qWarning("sign-bundle: %s", sealed.errors.constData());
+        InstalledLauncher::sealedCopy(from, bundle);
         const QString release = server.documentRoot() + QStringLiteral("/release");
         const Run packed = ReleaseTool::packLauncher(bundle, version,
                                                      server.url(QStringLiteral("/release")).toString(), release);
@@ -78,13 +70,7 @@ class TestLauncherSelfUpdate : public QObject {
 
     // Waits for the bundle at the old path to answer `version`.
     bool waitForVersion(const QString& version, int timeoutMs = 20000) {
-        QDeadlineTimer deadline(timeoutMs);
-        while (!deadline.hasExpired()) {
-            if (RealLauncher::versionOf(installedBundle()) == version)
-                return true;
-            QTest::qWait(100);
-        }
-        return false;
+        return InstalledLauncher::waitForVersion(installedBundle(), version, timeoutMs);
     }
 
 private slots:

@@ -5,6 +5,7 @@
 // path. A pack that is spoilt on the server ends in the archive's update instead.
 
 #include "ChunkTraffic.h"
+#include "InstalledLauncher.h"
 #include "LauncherBundles.h"
 #include "LauncherStorage.h"
 #include "LauncherTestScope.h"
@@ -18,7 +19,6 @@
 #include "formats/ChunkPack.h"
 #include "formats/ReleaseManifest.h"
 
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -43,13 +43,10 @@ class TestLauncherSelfUpdateChunks : public QObject {
     QString dataHome() const { return path(QStringLiteral("data")); }
     QString launcherRoot() const { return LauncherStorage(dataHome()).root(); }
 
-    // The user's copy of the launcher, 0.1.190, whose verifier trusts the test key.
+    // The user's copy of the launcher, 0.1.190.
     void installOldLauncher() {
         TestFiles::makeFolder(path(QStringLiteral("Applications")));
-        ReleaseTool::copyTree(LauncherBundles::builtBundle(), installedBundle());
-        const QString verifier = installedBundle() + QStringLiteral("/Contents/MacOS/zentho-codesign");
-        QVERIFY(QFile::remove(verifier));
-        QVERIFY(QFile::copy(LauncherBundles::testVerifier(), verifier));
+        QVERIFY(InstalledLauncher::install(installedBundle()));
     }
 
     // Seals a copy of the 0.2.0 bundle and packs it with its chunks into the server's /chunks
@@ -57,11 +54,7 @@ class TestLauncherSelfUpdateChunks : public QObject {
     QString publishLauncher(TestServer& server) {
         TestFiles::makeFolder(path(QStringLiteral("src")));
         const QString bundle = path(QStringLiteral("src/ZenthoLauncher.app"));
-        ReleaseTool::copyTree(ReleaseTool::launcherBundle020(), bundle);
-        const Run sealed = ReleaseTool::run({QStringLiteral("sign-bundle"), QStringLiteral("--key"),
-                                             LauncherBundles::testKey(), bundle});
-        if (!sealed.ok())
-            qWarning("sign-bundle: %s", sealed.errors.constData());
+        InstalledLauncher::sealedCopy(ReleaseTool::launcherBundle020(), bundle);
         const Run packed = ReleaseTool::packLauncher(
             bundle, QStringLiteral("0.2.0"), server.url(QStringLiteral("/release")).toString(),
             server.documentRoot() + QStringLiteral("/release"),
@@ -74,16 +67,6 @@ class TestLauncherSelfUpdateChunks : public QObject {
         return server.url(QStringLiteral("/release/macos-launcher-arm64-manifest.json")).toString();
     }
 
-    bool waitForVersion(const QString& version, int timeoutMs = 30000) {
-        QDeadlineTimer deadline(timeoutMs);
-        while (!deadline.hasExpired()) {
-            if (RealLauncher::versionOf(installedBundle()) == version)
-                return true;
-            QTest::qWait(100);
-        }
-        return false;
-    }
-
     // Starts the installed launcher for an invite and waits for it to have updated itself to 0.2.0;
     // what the server was asked for meanwhile.
     QList<Get> updateThroughTheRealLauncher(TestServer& server, const QString& manifest) {
@@ -93,7 +76,8 @@ class TestLauncherSelfUpdateChunks : public QObject {
         old.recordGameStartIn(path(QStringLiteral("record")));
         old.start(server, QStringLiteral("zentho://invite/after-update"));
         const std::optional<int> exit = old.waitForExit();
-        if (exit != std::optional<int>(0) || !waitForVersion(QStringLiteral("0.2.0")))
+        if (exit != std::optional<int>(0) ||
+            !InstalledLauncher::waitForVersion(installedBundle(), QStringLiteral("0.2.0"), 30000))
             qWarning("the update did not end on 0.2.0: %s", old.errors().constData());
         const QByteArray recorded = RealLauncher::waitForGameRecord(path(QStringLiteral("record")));
         if (!recorded.startsWith("version=0.2.0\n"))

@@ -205,8 +205,8 @@ private slots:
         QTest::addColumn<QString>("written");
         QTest::addColumn<QString>("failingCommand");
         QTest::newRow("chunk release without --sign-key")
-            << QStringLiteral("    --sign-key manifest.key --expires-in 90 --out dist-0.4.3 path/to/game-build")
-            << QStringLiteral("    --out dist-0.4.3 path/to/game-build")
+            << QStringLiteral("    --chunk-pack --sign-key manifest.key --expires-in 90 --out dist-0.4.3 path/to/game-build")
+            << QStringLiteral("    --chunk-pack --out dist-0.4.3 path/to/game-build")
             << QStringLiteral("zentho-release verify --chunks store dist-0.4.3/macos-arm64-manifest.json");
         QTest::newRow("remote publish of a release without chunks given a store")
             << QStringLiteral("publish --to-remote r2:zentho-releases dist/macos-launcher-arm64-manifest.json")

@@ -42,9 +42,9 @@ private slots:
     void init() { setUpSandbox(); }
     void cleanup() { tearDownSandbox(); }
 
-    // Nothing on this disk to build from: every chunk comes from the pack exactly once, in far
-    // fewer requests than chunks, never from the store, and the archive is never asked for. The
-    // index is kept for the next update.
+    // Every chunk no build here holds (the sandbox's previous build shares a couple) comes from
+    // the pack exactly once, in far fewer requests than chunks, never from the store, and the
+    // archive is never asked for. The index is kept for the next update.
     void firstInstallComesFromThePackAndKeepsItsIndex() {
         const Release update = publish(QStringLiteral("0.3.1"), true, true);
         const qsizetype mark = server_->accessLog().size();
