@@ -1,11 +1,16 @@
 #include "chunks/ChunkedInstall.h"
 
 #include "archive/Archive.h"
+#include "chunks/ChunkSchedule.h"
 #include "errors/Failure.h"
 #include "formats/CompressedChunkIndex.h"
+#include "net/FreeSpace.h"
 #include "net/HttpClient.h"
+#include "net/TransferLimits.h"
 #include "storage/BuildIndexes.h"
 #include "storage/InstalledBuild.h"
+
+#include <algorithm>
 
 
 QCoro::Task<FetchedChunkIndex> fetchChunkIndex(HttpClient& client, ReleaseChunks chunks) {
@@ -68,6 +73,18 @@ bool chunksArePaying(qint64 peakCachedBytes, qint64 cacheBytes) {
 
 bool requestsArePaying(qint64 missingBytes, qint64 buildBytes, bool packed) {
     return packed || missingBytes <= buildBytes / 2;
+}
+
+bool chunksPayFor(const ChunkIndex& index, const ChunkPlan& plan, const ChunkCache& cache, bool packed,
+                  qint64 cacheBytes) {
+    return chunksArePaying(peakCachedBytes(filesOf(index), plan, cache), cacheBytes) &&
+           requestsArePaying(plan.missingBytes, buildBytes(index), packed);
+}
+
+void requireRoomForChunks(const QString& root, const ChunkIndex& index, const ChunkPlan& plan,
+                          const TransferLimits& limits) {
+    const qint64 cached = std::min(limits.chunkCacheBytes, plan.keptBytes + plan.missingBytes);
+    FreeSpace::require({{root, buildBytes(index) + cached}}, limits.freeSpaceReserve);
 }
 
 qint64 buildBytes(const ChunkIndex& index) {

@@ -10,8 +10,10 @@
 
 #include <vector>
 
+class ChunkCache;
 class FileManager;
 class HttpClient;
+struct TransferLimits;
 
 // A release's chunk index as fetched: its bytes, which hash to the digest the manifest gives, and
 // what they say.
@@ -46,6 +48,17 @@ bool chunksArePaying(qint64 peakCachedBytes, qint64 cacheBytes);
 // bytes are missing (a patch, a repair) comes as chunks, and a first install as its archive. A
 // pack brings many chunks a request and so any release at the line's speed.
 bool requestsArePaying(qint64 missingBytes, qint64 buildBytes, bool packed);
+
+// Both halves of the rule for `plan`, a release's chunks against what this disk holds: true when
+// its build is to come from chunks through a cache of `cacheBytes`, from a pack when `packed`.
+bool chunksPayFor(const ChunkIndex& index, const ChunkPlan& plan, const ChunkCache& cache, bool packed,
+                  qint64 cacheBytes);
+
+// Refuses with DiskSpaceError a build from chunks that the disk of `root` cannot hold: the build
+// and what passes through the cache at most, with the limits' reserve kept; never an archive
+// beside them.
+void requireRoomForChunks(const QString& root, const ChunkIndex& index, const ChunkPlan& plan,
+                          const TransferLimits& limits);
 
 // The bytes of every file of the release: what its build takes on the disk.
 qint64 buildBytes(const ChunkIndex& index);

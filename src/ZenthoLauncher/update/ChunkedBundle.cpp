@@ -1,11 +1,9 @@
 #include "update/ChunkedBundle.h"
 
-#include "chunks/ChunkSchedule.h"
 #include "chunks/ChunkSource.h"
 #include "chunks/ChunkedBuild.h"
 #include "chunks/ChunkedInstall.h"
 #include "formats/TreeChunker.h"
-#include "net/FreeSpace.h"
 #include "net/HttpClient.h"
 #include "process/WorkerThread.h"
 #include "storage/ChunkCache.h"
@@ -13,7 +11,6 @@
 #include <QDebug>
 #include <QFileInfo>
 
-#include <algorithm>
 
 namespace {
 
@@ -44,11 +41,9 @@ QCoro::Task<std::optional<StagingFolder>> stageBundleFromChunks(const ReleaseSta
             co_await onWorkerThread([&] { return runningBundleSeed(runningBundle, index.chunking); });
         ChunkPlan plan = co_await onWorkerThread([&] { return planChunks(index, cache, seeds); });
         ChunkSource source = ChunkSource::of(chunks, index);
-        if (!chunksArePaying(peakCachedBytes(filesOf(index), plan, cache), cacheCap) ||
-            !requestsArePaying(plan.missingBytes, buildBytes(index), source.packed()))
+        if (!chunksPayFor(index, plan, cache, source.packed(), cacheCap))
             co_return std::nullopt;
-        const qint64 cached = std::min(cacheCap, plan.keptBytes + plan.missingBytes);
-        FreeSpace::require({{context.launcherRoot, buildBytes(index) + cached}}, client.limits().freeSpaceReserve);
+        requireRoomForChunks(context.launcherRoot, index, plan, client.limits());
         StagingFolder folder = staging.newStagingFolder(QStringLiteral("launcher-staging-"));
         ChunkedBuild build{std::move(plan), std::move(source), folder.path(), BuildWriter::Start::empty, cacheCap,
                            context.downloadObserver, [&context, verifiedStatus] { context.reportStatus(verifiedStatus); }};

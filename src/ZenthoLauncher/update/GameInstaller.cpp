@@ -1,10 +1,8 @@
 #include "update/GameInstaller.h"
 
-#include "chunks/ChunkSchedule.h"
 #include "chunks/ChunkedBuild.h"
 #include "chunks/ChunkedInstall.h"
 #include "errors/LauncherError.h"
-#include "net/FreeSpace.h"
 #include "net/HttpClient.h"
 #include "platform/FileManager.h"
 #include "process/WorkerThread.h"
@@ -17,7 +15,6 @@
 
 #include <QDebug>
 
-#include <algorithm>
 
 GameInstaller::GameInstaller(InstallContext context, Locations locations)
     : staging_(std::move(context)), context_(staging_.context()), locations_(std::move(locations)) {}
@@ -106,13 +103,9 @@ QCoro::Task<bool> GameInstaller::placeFromChunks(const FetchedChunkIndex& releas
         const BuildIndexes keptIndexes(context_.launcherRoot);
         for (const auto& [folder, made] : plan.madeIndexes)
             keptIndexes.write(folder, made.encode());
-        if (!chunksArePaying(peakCachedBytes(filesOf(index), plan, cache), cacheCap) ||
-            !requestsArePaying(plan.missingBytes, buildBytes(index), source.packed()))
+        if (!chunksPayFor(index, plan, cache, source.packed(), cacheCap))
             co_return false;
-
-        // The build and what passes through the cache at most; never an archive beside them.
-        const qint64 cached = std::min(cacheCap, plan.keptBytes + plan.missingBytes);
-        FreeSpace::require({{context_.launcherRoot, buildBytes(index) + cached}}, client.limits().freeSpaceReserve);
+        requireRoomForChunks(context_.launcherRoot, index, plan, client.limits());
         const PartialBuilds partials(context_.files, context_.launcherRoot);
         const QString folder = partials.folderFor(sha256Hex(release.bytes));
         partials.removeAllBut(folder);
