@@ -8,6 +8,7 @@
 #include "formats/ChunkStore.h"
 #include "formats/CompressedChunkIndex.h"
 #include "formats/TreeChunker.h"
+#include "trust/Sha256.h"
 
 #include <QFile>
 #include <QSet>
@@ -89,7 +90,7 @@ void checkCompressedIndex(const QString& path, const ReleaseChunks& chunks) {
         throw CheckFailed("index", path + QStringLiteral(" does not hold the index the manifest names"));
 }
 
-void checkPack(const QString& path, const ChunkIndex& index) {
+QString checkPack(const QString& path, const ChunkIndex& index) {
     QFile pack(path);
     if (!pack.open(QIODevice::ReadOnly))
         throw CheckFailed("chunks", path + QStringLiteral(" is missing or cannot be read"));
@@ -100,6 +101,9 @@ void checkPack(const QString& path, const ChunkIndex& index) {
                                         .arg(pack.size())
                                         .arg(ChunkPack::bytes(index)));
     const QHash<QString, ChunkPack::Span> spans = ChunkPack::spans(index);
+    // The chunks come in the pack's own order and its length is theirs, so reading them reads the
+    // whole file once, front to back.
+    Sha256 digest;
     QSet<QString> checked;
     for (const ChunkIndexEntry& entry : index.entries) {
         for (const ChunkRef& chunk : entry.chunks) {
@@ -109,8 +113,10 @@ void checkPack(const QString& path, const ChunkIndex& index) {
             const ChunkPack::Span span = spans.value(chunk.sha256);
             if (!pack.seek(span.offset))
                 throw CheckFailed("chunks", path + QStringLiteral(" cannot be read"));
+            const QByteArray frame = pack.read(span.size);
+            digest.update(frame);
             try {
-                ChunkStore::decode(pack.read(span.size), chunk.size, chunk.sha256);
+                ChunkStore::decode(frame, chunk.size, chunk.sha256);
             } catch (const ChunkStoreError& error) {
                 throw CheckFailed("chunks", QStringLiteral("the pack's chunk at %1: %2")
                                                 .arg(span.offset)
@@ -118,6 +124,7 @@ void checkPack(const QString& path, const ChunkIndex& index) {
             }
         }
     }
+    return digest.finishHex();
 }
 
 void compareWithTree(const ChunkIndex& index, const QString& folder) {

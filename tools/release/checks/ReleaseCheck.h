@@ -42,6 +42,7 @@ struct CheckedRelease {
     std::optional<QString> indexPath;     // the chunk index, when the manifest names chunks
     std::optional<QString> compressedIndexPath; // beside it, when the manifest names one
     std::optional<QString> packPath;      // the chunk pack beside it, when the manifest names one
+    QString packSha256;                   // and its digest
     std::optional<ChunkIndex> index;      // and what it says
     QString checks;                       // what was checked, e.g. "digest, listing, executable"
 };

@@ -265,7 +265,7 @@ Placement place(PublishTarget& target, const QString& manifestPath, ReleaseCheck
                 throw std::runtime_error("the chunk pack's url " + manifest.chunks->pack.toString().toStdString() +
                                          " names the place of another file of the release");
             placement.packThere = alreadyPublished(target, placement.pack,
-                                                   ReleaseFiles::sha256OfFile(*placement.release.packPath),
+                                                   placement.release.packSha256,
                                                    "chunk pack", manifest.platform);
         }
         std::set<QString> names;
