@@ -236,19 +236,6 @@ void BodyReader::finish() const {
                                                                  : QStringLiteral("ends before its closing boundary"));
 }
 
-std::vector<Part> parts(const QByteArray& contentType, const QByteArray& contentRange, const QByteArray& body) {
-    std::vector<Part> parts;
-    BodyReader reader(contentType, contentRange, [&parts](qint64 offset, const char* data, qint64 size) {
-        if (parts.empty() || parts.back().range.last + 1 != offset)
-            parts.push_back(Part{Range{offset, offset - 1}, QByteArray()});
-        parts.back().bytes.append(data, size);
-        parts.back().range.last += size;
-    });
-    reader.feed(body.constData(), body.size());
-    reader.finish();
-    return parts;
-}
-
 QCoro::Task<void> fetch(HttpClient& client, QUrl url, std::vector<Range> ranges, Take take) {
     ranges = joined(std::move(ranges));
     qint64 cap = kPartOverhead;

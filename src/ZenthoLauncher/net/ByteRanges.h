@@ -65,14 +65,6 @@ private:
     qint64 remaining_ = 0; // data bytes of the current part still to come
 };
 
-// One part of an answer, whole: the bytes of `range`.
-struct Part {
-    Range range;
-    QByteArray bytes;
-};
-// The parts of a whole 206 body, as BodyReader reads them.
-std::vector<Part> parts(const QByteArray& contentType, const QByteArray& contentRange, const QByteArray& body);
-
 // Asks for `ranges` of `url` in one GET and hands the bytes of the answer's parts to `take` as
 // they arrive, with the client's download limits and a body of at most the ranges' bytes plus
 // room for the parts' headers. `take` may throw to end the transfer; what it throws is what this

@@ -17,7 +17,7 @@
 // checked on what was put together, as on an unpacked archive.
 //
 // Shows `verifiedStatus` once every chunk is in. Returns the staging folder, or nothing, with
-// nothing left behind, when the release's chunks do not pay (chunksArePaying, requestsArePaying)
+// nothing left behind, when the release's chunks do not pay (chunksPayFor)
 // or anything on the way fails; the archive is then the way, as for a game build.
 QCoro::Task<std::optional<StagingFolder>> stageBundleFromChunks(const ReleaseStaging& staging, ReleaseChunks chunks,
                                                                  QString runningBundle, QString verifiedStatus);
