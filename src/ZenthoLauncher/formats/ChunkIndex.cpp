@@ -106,8 +106,34 @@ ChunkSizes readChunking(const QJsonObject& top) {
     return sizes;
 }
 
+// A chunk's "delta": {"stored": N, "from": [{"sha256": ..., "size": ...}, ...]}.
+ChunkDelta readDelta(const QJsonValue& value, const QString& where, const ChunkRef& chunk) {
+    if (!value.isObject())
+        refuse(where + QStringLiteral("'s \"delta\" is not an object"));
+    const QJsonObject object = value.toObject();
+    ChunkDelta delta;
+    delta.stored = whole(object, QStringLiteral("stored"), where + QStringLiteral("'s delta"), ChunkStore::frameBound(chunk.size));
+    const QJsonValue from = member(object, QStringLiteral("from"), where + QStringLiteral("'s delta"));
+    if (!from.isArray() || from.toArray().isEmpty())
+        refuse(where + QStringLiteral("'s delta is from no chunk"));
+    qint64 total = 0;
+    for (const QJsonValue& base : from.toArray()) {
+        if (!base.isObject())
+            refuse(where + QStringLiteral("'s delta is from something that is not a chunk"));
+        const QJsonObject object = base.toObject();
+        const QString baseWhere = where + QStringLiteral("'s delta chunk");
+        ChunkRef ref{digest(object, baseWhere), whole(object, QStringLiteral("size"), baseWhere, ChunkIndex::kLargestChunk)};
+        total += ref.size;
+        if (ref.size == 0 || total > ChunkIndex::kLargestChunk)
+            refuse(where + QStringLiteral("'s delta is from empty chunks or from more bytes than a launcher holds"));
+        delta.from.push_back(std::move(ref));
+    }
+    return delta;
+}
+
 void readFile(const QJsonObject& object, const QString& where, const ChunkSizes& sizes, ChunkIndexEntry& entry,
-              QHash<QString, qint64>& stored) {
+              ChunkIndex& index) {
+    QHash<QString, qint64>& stored = index.stored;
     entry.size = whole(object, QStringLiteral("size"), where, qint64(1) << 53);
     entry.sha256 = digest(object, where);
     const QJsonValue chunks = member(object, QStringLiteral("chunks"), where);
@@ -128,6 +154,12 @@ void readFile(const QJsonObject& object, const QString& where, const ChunkSizes&
                 refuse(where + QStringLiteral(" gives a chunk another stored size than before"));
             stored.insert(ref.sha256, size);
         }
+        if (chunk.contains(QStringLiteral("delta"))) {
+            const ChunkDelta delta = readDelta(chunk.value(QStringLiteral("delta")), chunkWhere, ref);
+            if (index.deltas.contains(ref.sha256) && index.deltas.value(ref.sha256) != delta)
+                refuse(where + QStringLiteral(" gives a chunk another delta than before"));
+            index.deltas.insert(ref.sha256, delta);
+        }
         total += ref.size;
         if (total > entry.size)
             break;
@@ -138,7 +170,7 @@ void readFile(const QJsonObject& object, const QString& where, const ChunkSizes&
 }
 
 ChunkIndexEntry readEntry(const QJsonValue& value, const ChunkSizes& sizes, const QHash<QString, Kind>& earlier,
-                          QHash<QString, qint64>& stored) {
+                          ChunkIndex& index) {
     if (!value.isObject())
         refuse(QStringLiteral("an entry is not an object"));
     const QJsonObject object = value.toObject();
@@ -176,7 +208,7 @@ ChunkIndexEntry readEntry(const QJsonValue& value, const ChunkSizes& sizes, cons
     if (object.contains(QStringLiteral("mtime")))
         entry.mtime = whole(object, QStringLiteral("mtime"), where, kLatestTime);
     if (entry.kind == Kind::file)
-        readFile(object, where, sizes, entry, stored);
+        readFile(object, where, sizes, entry, index);
     return entry;
 }
 
@@ -233,7 +265,7 @@ ChunkIndex ChunkIndex::decode(const QByteArray& json) {
         refuse(QStringLiteral("its \"entries\" is not an array"));
     QHash<QString, Kind> earlier;
     for (const QJsonValue& value : entries.toArray()) {
-        index.entries.push_back(readEntry(value, index.chunking, earlier, index.stored));
+        index.entries.push_back(readEntry(value, index.chunking, earlier, index));
         earlier.insert(index.entries.back().path, index.entries.back().kind);
     }
     if (!index.stored.isEmpty()) {
@@ -244,6 +276,8 @@ ChunkIndex ChunkIndex::decode(const QByteArray& json) {
             }
         }
     }
+    if (!index.deltas.isEmpty() && index.stored.isEmpty())
+        refuse(QStringLiteral("it gives deltas without a pack to hold them"));
     QHash<QString, const ChunkIndexEntry*> byPath;
     for (const ChunkIndexEntry& entry : index.entries)
         byPath.insert(entry.path, &entry);
@@ -252,6 +286,14 @@ ChunkIndex ChunkIndex::decode(const QByteArray& json) {
             checkStaysInside(entry, byPath);
     }
     return index;
+}
+
+static QByteArray deltaMember(const ChunkDelta& delta) {
+    QByteArray json = ",\"delta\":{\"stored\":" + QByteArray::number(delta.stored) + ",\"from\":[";
+    for (std::size_t i = 0; i < delta.from.size(); ++i)
+        json += (i == 0 ? "{\"sha256\":" : ",{\"sha256\":") + jsonString(delta.from[i].sha256) +
+                ",\"size\":" + QByteArray::number(delta.from[i].size) + '}';
+    return json + "]}";
 }
 
 QByteArray ChunkIndex::encode() const {
@@ -280,6 +322,8 @@ QByteArray ChunkIndex::encode() const {
                 if (stored.contains(chunk.sha256) && !storedWritten.contains(chunk.sha256)) {
                     json += ",\"stored\":" + QByteArray::number(stored.value(chunk.sha256));
                     storedWritten.insert(chunk.sha256);
+                    if (deltas.contains(chunk.sha256))
+                        json += deltaMember(deltas.value(chunk.sha256));
                 }
                 json += '}';
             }

@@ -19,6 +19,16 @@ struct ChunkRef {
     bool operator==(const ChunkRef&) const = default;
 };
 
+// How a chunk may also be fetched: as a zstd frame compressed against the bytes of `from`, chunks
+// of an earlier release one after another (in practice the ones it replaces in the same file), so
+// that a player holding them fetches only what changed. `stored` is the frame's length.
+struct ChunkDelta {
+    std::vector<ChunkRef> from;
+    qint64 stored = 0;
+
+    bool operator==(const ChunkDelta&) const = default;
+};
+
 // One entry of a build's tree. Files have a mode, a size, their own SHA-256 and their chunks in
 // order; folders a mode; symlinks their target.
 struct ChunkIndexEntry {
@@ -62,6 +72,9 @@ struct ChunkIndex {
     // chunk's zstd frame there, keyed by its name; written as "stored" where the index first
     // names the chunk. Empty otherwise; launchers that know no packs never read it.
     QHash<QString, qint64> stored;
+    // For a packed release, the chunks that are also packed as deltas (after every whole frame),
+    // keyed by their name; written as "delta" where the index first names the chunk.
+    QHash<QString, ChunkDelta> deltas;
 
     // Reads an index strictly and refuses anything a launcher must not act on: more than
     // kMaxBytes, malformed JSON, an unknown format or chunker, chunk sizes a ContentChunker
@@ -72,7 +85,9 @@ struct ChunkIndex {
     // or leads out of the build (other symlinks of the index followed), files whose chunks do
     // not add up to their size or are empty or longer than the maximum, and digests that are not
     // 64 lower-case hex digits; stored sizes past what a chunk's frame can take, given for some
-    // chunks only, or twice with two values. Throws ChunkIndexError.
+    // chunks only, or twice with two values; deltas without stored sizes, from no chunk or from
+    // more than kLargestChunk bytes, past a frame's bound or given twice with two values.
+    // Throws ChunkIndexError.
     static ChunkIndex decode(const QByteArray& json);
 
     // The index as JSON, one entry a line, in the order of `entries`.

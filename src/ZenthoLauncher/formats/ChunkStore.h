@@ -39,4 +39,12 @@ QByteArray compress(const char* data, std::size_t size);
 // Never allocates more than `size` bytes for the result. Throws ChunkStoreError.
 QByteArray decode(const QByteArray& stored, qint64 size, const QString& sha256);
 
+// One zstd frame holding `size` bytes compressed against `base` (zstd's patch-from): bytes that
+// `base` holds too cost a few bytes each, so a chunk that replaces a similar one packs small.
+QByteArray compressAgainst(const char* data, std::size_t size, const QByteArray& base);
+
+// decode() for a frame made by compressAgainst: the same checks, with the same `base`. Bytes
+// other than the base it was made against give other bytes, which fail the name.
+QByteArray decodeAgainst(const QByteArray& stored, const QByteArray& base, qint64 size, const QString& sha256);
+
 } // namespace ChunkStore
