@@ -52,6 +52,47 @@ QString difference(const ChunkIndexEntry& indexed, const ChunkIndexEntry& found,
     return {};
 }
 
+QByteArray readFromStore(const QString& store, const ChunkRef& chunk) {
+    QFile file(store + QLatin1Char('/') + ChunkStore::relativePath(chunk.sha256));
+    if (!file.open(QIODevice::ReadOnly))
+        throw CheckFailed("chunks", QStringLiteral("a delta is made against chunk %1, which the store lacks").arg(chunk.sha256));
+    try {
+        return ChunkStore::decode(file.readAll(), chunk.size, chunk.sha256);
+    } catch (const ChunkStoreError& error) {
+        throw CheckFailed("chunks", file.fileName() + QStringLiteral(": ") + QString::fromUtf8(error.what()));
+    }
+}
+
+// The deltas after the pack's whole frames, in the pack's order: each must make its chunk from
+// its base.
+void checkDeltas(QFile& pack, const ChunkIndex& index, const QString& store, Sha256& digest) {
+    const QHash<QString, ChunkPack::Span> spans = ChunkPack::deltaSpans(index);
+    QHash<QString, qint64> sizes;
+    for (const ChunkIndexEntry& entry : index.entries)
+        for (const ChunkRef& chunk : entry.chunks)
+            sizes.insert(chunk.sha256, chunk.size);
+    std::vector<std::pair<ChunkPack::Span, QString>> inOrder;
+    for (auto it = spans.cbegin(); it != spans.cend(); ++it)
+        inOrder.emplace_back(it.value(), it.key());
+    std::sort(inOrder.begin(), inOrder.end(), [](const auto& a, const auto& b) { return a.first.offset < b.first.offset; });
+    for (const auto& [span, sha256] : inOrder) {
+        if (!pack.seek(span.offset))
+            throw CheckFailed("chunks", pack.fileName() + QStringLiteral(" cannot be read"));
+        const QByteArray frame = pack.read(span.size);
+        digest.update(frame);
+        if (store.isEmpty())
+            continue;
+        QByteArray base;
+        for (const ChunkRef& from : index.deltas.value(sha256).from)
+            base += readFromStore(store, from);
+        try {
+            ChunkStore::decodeAgainst(frame, base, sizes.value(sha256), sha256);
+        } catch (const ChunkStoreError& error) {
+            throw CheckFailed("chunks", QStringLiteral("the pack's delta at %1: %2").arg(span.offset).arg(QString::fromUtf8(error.what())));
+        }
+    }
+}
+
 int currentUmask() {
     const mode_t mask = ::umask(022);
     ::umask(mask);
@@ -90,7 +131,7 @@ void checkCompressedIndex(const QString& path, const ReleaseChunks& chunks) {
         throw CheckFailed("index", path + QStringLiteral(" does not hold the index the manifest names"));
 }
 
-QString checkPack(const QString& path, const ChunkIndex& index) {
+QString checkPack(const QString& path, const ChunkIndex& index, const QString& store) {
     QFile pack(path);
     if (!pack.open(QIODevice::ReadOnly))
         throw CheckFailed("chunks", path + QStringLiteral(" is missing or cannot be read"));
@@ -124,6 +165,7 @@ QString checkPack(const QString& path, const ChunkIndex& index) {
             }
         }
     }
+    checkDeltas(pack, index, store, digest);
     return digest.finishHex();
 }
 

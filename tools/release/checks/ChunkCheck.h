@@ -19,9 +19,10 @@ ChunkIndex readIndex(const QString& path, const ReleaseChunks& chunks);
 void checkCompressedIndex(const QString& path, const ReleaseChunks& chunks);
 
 // The chunk pack at `path` must hold every chunk of `index` where the index's stored sizes put it
-// (ChunkPack), each decoding and matching its name and size, and nothing after the last. Returns
-// the pack's SHA-256, taken as it is read.
-QString checkPack(const QString& path, const ChunkIndex& index);
+// (ChunkPack), each decoding and matching its name and size, then the deltas the index gives, each
+// decoding against its base chunks from `store` to its chunk (with no store at hand, only their
+// place is checked), and nothing after the last. Returns the pack's SHA-256, taken as it is read.
+QString checkPack(const QString& path, const ChunkIndex& index, const QString& store = QString());
 
 // The index must describe the unpacked build at `folder` exactly: the same entries in the same
 // order, kinds, symlink targets, sizes, digests and chunk cuts, and the same modes as far as the

@@ -183,7 +183,7 @@ CheckedRelease check(const QString& manifestPath, const QString& archivePath,
         if (manifest.chunks->pack.isValid()) {
             release.packPath = QFileInfo(*release.indexPath).absolutePath() + QLatin1Char('/') +
                                manifest.chunks->pack.fileName();
-            release.packSha256 = ChunkCheck::checkPack(*release.packPath, *release.index);
+            release.packSha256 = ChunkCheck::checkPack(*release.packPath, *release.index, chunkFiles.store);
         }
     }
     checkContents(manifest, archivePath, keys.seal, release.index);

@@ -1,5 +1,7 @@
 #include "ChunkedRelease.h"
 
+#include "ChunkDeltas.h"
+
 #include "formats/ChunkPack.h"
 #include "formats/ChunkStore.h"
 #include "formats/TreeChunker.h"
@@ -95,7 +97,7 @@ QByteArray readStored(const QString& path) {
 } // namespace
 
 ChunkedRelease ChunkedRelease::make(const QString& source, const QString& store, const ChunkSizes& sizes,
-                                    bool dryRun, const QString& pack, bool withTop) {
+                                    bool dryRun, const QString& pack, bool withTop, const ChunkIndex* previous) {
     ChunkedRelease release;
     PackFile packFile(pack, dryRun);
     QHash<QString, qint64> stored;
@@ -132,12 +134,30 @@ ChunkedRelease ChunkedRelease::make(const QString& source, const QString& store,
             }
         });
     release.index.stored = stored;
+    QHash<QString, ChunkPack::Span> deltasWritten;
+    if (previous && packFile.wanted()) {
+        const QString root = withTop ? QFileInfo(source).absolutePath() : source;
+        const QHash<QString, ChunkDeltas::Made> deltas = ChunkDeltas::make(release.index, *previous, root, store, stored);
+        for (const ChunkIndexEntry& entry : release.index.entries) {
+            for (const ChunkRef& chunk : entry.chunks) {
+                const auto made = deltas.constFind(chunk.sha256);
+                if (made == deltas.cend() || release.index.deltas.contains(chunk.sha256))
+                    continue;
+                packFile.append(made->frame);
+                release.index.deltas.insert(chunk.sha256, made->delta);
+                deltasWritten.insert(chunk.sha256, ChunkPack::Span{release.packBytes, made->frame.size()});
+                release.packBytes += made->frame.size();
+                ++release.deltas;
+                release.deltaBytes += made->frame.size();
+            }
+        }
+    }
     release.json = release.index.encode();
     try {
         const ChunkIndex readBack = ChunkIndex::decode(release.json);
         if (!(readBack == release.index))
             throw std::runtime_error("the chunk index does not read back as written");
-        if (ChunkPack::spans(readBack) != written)
+        if (ChunkPack::spans(readBack) != written || ChunkPack::deltaSpans(readBack) != deltasWritten)
             throw std::runtime_error("the chunk pack does not hold the chunks where the index says");
     } catch (const ChunkIndexError& error) {
         throw std::runtime_error(error.what());

@@ -16,6 +16,8 @@ struct ChunkedRelease {
     qint64 addedBytes = 0; // their size in the store, compressed
     qint64 buildBytes = 0; // every file's bytes, uncompressed
     qint64 packBytes = 0;  // the pack's length, when one was asked for
+    qint64 deltas = 0;     // deltas in the pack
+    qint64 deltaBytes = 0; // their bytes
 
     // Cuts every file below `source` (already vetted by ReleaseTree) into chunks of `sizes`
     // and writes each chunk that `store` lacks as STORE/ab/<sha256>.zst, under a hidden name
@@ -27,6 +29,9 @@ struct ChunkedRelease {
     // place. Throws std::runtime_error.
     // With `withTop`, the archive holds `source` itself as its one top-level entry (a launcher
     // bundle), and so does the index (TreeChunker::indexWithTop).
+    // With a pack and the index of the `previous` release (whose chunks `store` holds), the pack
+    // also holds deltas of the new chunks against it (ChunkDeltas), after every whole frame.
     static ChunkedRelease make(const QString& source, const QString& store, const ChunkSizes& sizes, bool dryRun,
-                               const QString& pack = QString(), bool withTop = false);
+                               const QString& pack = QString(), bool withTop = false,
+                               const ChunkIndex* previous = nullptr);
 };

@@ -37,7 +37,7 @@ const char kUsage[] =
     "                           [--out DIR] [--force] [--dry-run] [--key PUBLIC_KEY]...\n"
     "                           [--sign-key KEY [--expires-in DAYS]]\n"
     "                           [--chunks STORE_DIR --chunks-url URL [--chunk-average BYTES]\n"
-    "                            [--compressed-index] [--chunk-pack]] SRC\n"
+    "                            [--compressed-index] [--chunk-pack [--delta-from INDEX]]] SRC\n"
     "\n"
     "Packs a release and writes its manifest. Two kinds of release:\n"
     "  game      --platform macos-arm64: SRC is the build folder; its content becomes the top\n"
@@ -81,11 +81,18 @@ const char kUsage[] =
     "                         chunks in one request by byte ranges (the server must answer\n"
     "                         multipart ranges, as nginx does), so far-away players install\n"
     "                         first releases and patches at their line's speed\n"
+    "  --delta-from INDEX     with --chunk-pack: INDEX is the chunk index of the release players\n"
+    "                         have now (its chunks in STORE_DIR); each new chunk of a file that\n"
+    "                         release has too is also packed compressed against the chunks it\n"
+    "                         replaces there, where that is much smaller, after every whole\n"
+    "                         chunk, and the index names them. Launchers holding that release\n"
+    "                         fetch the small deltas, the others the whole chunks\n"
     "and prints one line each: archive:, size: (bytes), sha256:, manifest:, and signature: and\n"
     "expires: when signed; with --chunks also index:, index sha256:, chunks: (in the build, new,\n"
     "already in the store) and new chunk bytes: (compressed, added to the store), with\n"
     "--compressed-index compressed index: and its size: compressed index bytes:, and with\n"
-    "--chunk-pack pack: and pack bytes:. Existing\n"
+    "--chunk-pack pack: and pack bytes:, with --delta-from deltas: (how many, and their bytes).\n"
+    "Existing\n"
     "files are kept unless --force is given (a stale signature is then removed). --dry-run makes\n"
     "every check and prints the same lines, the manifest's text after \"content: \", and writes\n"
     "nothing. Publish the result with \"zentho-release publish\".\n"
@@ -97,6 +104,20 @@ const char kUsage[] =
 
 std::runtime_error failure(const QString& message) {
     return std::runtime_error(message.toStdString());
+}
+
+// The earlier release's index that deltas are made against, or none when not asked for.
+std::optional<ChunkIndex> readPreviousIndex(const QString& path) {
+    if (path.isEmpty())
+        return std::nullopt;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        throw failure(path + QStringLiteral(": cannot be read: ") + file.errorString());
+    try {
+        return ChunkIndex::decode(file.read(ChunkIndex::kMaxBytes + 1));
+    } catch (const ChunkIndexError& error) {
+        throw failure(path + QStringLiteral(": not a chunk index: ") + QString::fromUtf8(error.what()));
+    }
 }
 
 // The game's executable must be there and runnable; the launcher would otherwise install a build
@@ -235,8 +256,10 @@ int runPack(const std::vector<std::string>& arguments) {
     // Chunks and index go down after the archive and before the manifest that names them.
     std::optional<ChunkedRelease> chunked;
     if (!store.isEmpty()) {
+        const std::optional<ChunkIndex> previous = readPreviousIndex(options.deltaFrom);
         chunked = ChunkedRelease::make(source, store, options.chunkSizes, options.dryRun,
-                                       options.chunkPack ? packPath : QString(), launcher);
+                                       options.chunkPack ? packPath : QString(), launcher,
+                                       previous ? &*previous : nullptr);
         if (!options.dryRun)
             ReleaseFiles::writeFileAtomically(indexPath, chunked->json);
         manifest.chunks = ReleaseChunks{QUrl(options.urlBase + QLatin1Char('/') + indexName, QUrl::StrictMode),
@@ -288,6 +311,9 @@ int runPack(const std::vector<std::string>& arguments) {
                     static_cast<long long>(compressed.size()), static_cast<long long>(chunked->json.size()));
     if (options.chunkPack)
         std::printf("pack: %s\npack bytes: %lld\n", qPrintable(packPath), static_cast<long long>(chunked->packBytes));
+    if (!options.deltaFrom.isEmpty())
+        std::printf("deltas: %lld (%lld bytes)\n", static_cast<long long>(chunked->deltas),
+                    static_cast<long long>(chunked->deltaBytes));
     if (signingKey)
         std::printf("signature: %s\n", qPrintable(signaturePath));
     if (expires)

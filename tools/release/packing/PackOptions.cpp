@@ -67,7 +67,7 @@ QString baseAddress(const char* option, QString value) {
 PackOptions PackOptions::parse(const std::vector<std::string>& arguments) {
     const ReleaseOptions given(arguments,
                                {"--platform", "--version", "--executable", "--url-base", "--out",
-                                "--key", "--sign-key", "--expires-in", "--chunks", "--chunks-url", "--chunk-average"},
+                                "--key", "--sign-key", "--expires-in", "--chunks", "--chunks-url", "--chunk-average", "--delta-from"},
                                {"--force", "--dry-run", "--compressed-index", "--chunk-pack"});
     PackOptions options;
     options.platform = text(given.required("--platform", "P"));
@@ -99,6 +99,9 @@ PackOptions PackOptions::parse(const std::vector<std::string>& arguments) {
     options.chunkPack = given.has("--chunk-pack");
     if (options.chunkPack && options.chunkStore.isEmpty())
         throw UsageError("--chunk-pack needs --chunks STORE_DIR");
+    options.deltaFrom = text(given.one("--delta-from").value_or(std::string()));
+    if (!options.deltaFrom.isEmpty() && !options.chunkPack)
+        throw UsageError("--delta-from needs --chunk-pack: deltas live in the pack");
     if (given.operands().size() > 1)
         throw UsageError("more than one SRC given");
     if (given.operands().empty() || given.operands().front().empty())

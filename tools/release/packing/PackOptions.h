@@ -26,6 +26,7 @@ struct PackOptions {
     ChunkSizes chunkSizes = kDefaultChunkSizes;
     bool compressedIndex = false;
     bool chunkPack = false;
+    QString deltaFrom; // the earlier release's chunk index; empty without --delta-from
 
     // Reads pack's command line and refuses what it cannot pack. Throws UsageError.
     static PackOptions parse(const std::vector<std::string>& arguments);
