@@ -20,14 +20,14 @@ bool isPlainFileOfSize(const QString& path, qint64 size) {
 
 class Finder {
 public:
-    explicit Finder(ChunkPlan& plan) : plan_(plan) {}
+    Finder(ChunkPlan& plan, QHash<QString, ChunkLocation>& into) : plan_(plan), into_(into) {}
 
     // The chunks not found yet, each once.
     QSet<QString> pending;
 
     void found(const ChunkRef& chunk, const QString& file, qint64 offset) {
         if (pending.remove(chunk.sha256))
-            plan_.found.insert(chunk.sha256, ChunkLocation{file, offset});
+            into_.insert(chunk.sha256, ChunkLocation{file, offset});
     }
 
     void fromIndex(const QString& folder, const ChunkIndex& index) {
@@ -58,13 +58,33 @@ public:
 
 private:
     ChunkPlan& plan_;
+    QHash<QString, ChunkLocation>& into_;
 };
+
+// Looks for the bases of the deltas of the missing chunks, in seeds that have an index only:
+// reading a whole build for a delta would cost more than the delta saves.
+void findBases(const ChunkIndex& wanted, ChunkPlan& plan, const std::vector<SeedBuild>& seeds) {
+    Finder finder(plan, plan.bases);
+    for (const ChunkRef& chunk : plan.missing) {
+        const auto delta = wanted.deltas.constFind(chunk.sha256);
+        if (delta == wanted.deltas.cend())
+            continue;
+        for (const ChunkRef& base : delta->from)
+            finder.pending.insert(base.sha256);
+    }
+    for (const SeedBuild& seed : seeds) {
+        if (finder.pending.isEmpty())
+            return;
+        if (seed.index)
+            finder.fromIndex(seed.folder, *seed.index);
+    }
+}
 
 } // namespace
 
 ChunkPlan planChunks(const ChunkIndex& wanted, const ChunkCache& cache, const std::vector<SeedBuild>& seeds) {
     ChunkPlan plan;
-    Finder finder(plan);
+    Finder finder(plan, plan.found);
     // Emptied after every install, the cache is usually not there at all.
     const bool cacheHoldsAny = QFileInfo(cache.path()).isDir();
     for (const ChunkIndexEntry& entry : wanted.entries) {
@@ -106,5 +126,7 @@ ChunkPlan planChunks(const ChunkIndex& wanted, const ChunkCache& cache, const st
             }
         }
     }
+    if (!wanted.deltas.isEmpty())
+        findBases(wanted, plan, seeds);
     return plan;
 }

@@ -31,6 +31,9 @@ struct ChunkPlan {
     qint64 missingBytes = 0;
     qint64 keptBytes = 0;   // found in the chunk cache: fetched by an earlier try
     qint64 wantedBytes = 0; // every distinct chunk of the release
+    // Chunks of earlier releases that deltas of missing chunks are made against (ChunkDelta),
+    // found in saved builds through their kept indexes.
+    QHash<QString, ChunkLocation> bases;
     // Indexes made by reading seeds that had none, worth keeping for the next update.
     std::vector<std::pair<QString, ChunkIndex>> madeIndexes;
 };
@@ -39,5 +42,6 @@ struct ChunkPlan {
 // index when it has one cut with `wanted`'s sizes (a file that is not a plain file of the size the
 // index gives is passed over), else by reading the whole seed and cutting it the same way, which
 // only happens while chunks are still missing. A seed that cannot be read is passed over. Nothing
-// found here is trusted: the bytes are checked when they are read.
+// found here is trusted: the bytes are checked when they are read. Then the bases of the deltas
+// `wanted` gives for missing chunks, in the seeds that have an index.
 ChunkPlan planChunks(const ChunkIndex& wanted, const ChunkCache& cache, const std::vector<SeedBuild>& seeds);

@@ -6,6 +6,8 @@
 #include "net/ByteRanges.h"
 #include "storage/ChunkCache.h"
 
+#include <QFile>
+
 #include <algorithm>
 
 ChunkSource ChunkSource::of(const ReleaseChunks& chunks, const ChunkIndex& index) {
@@ -14,8 +16,33 @@ ChunkSource ChunkSource::of(const ReleaseChunks& chunks, const ChunkIndex& index
     return ChunkSource{chunks.store, chunks.pack, ChunkPack::spans(index)};
 }
 
+void ChunkSource::useDeltas(const ChunkIndex& index, const ChunkPlan& plan) {
+    if (!packed() || index.deltas.isEmpty())
+        return;
+    const QHash<QString, ChunkPack::Span> deltaSpans = ChunkPack::deltaSpans(index);
+    for (const ChunkRef& chunk : plan.missing) {
+        const auto delta = index.deltas.constFind(chunk.sha256);
+        if (delta == index.deltas.cend())
+            continue;
+        Delta usable{deltaSpans.value(chunk.sha256), {}};
+        for (const ChunkRef& from : delta->from) {
+            const auto found = plan.bases.constFind(from.sha256);
+            if (found == plan.bases.cend())
+                break;
+            usable.base.emplace_back(from, *found);
+        }
+        if (usable.base.size() == delta->from.size())
+            deltas.insert(chunk.sha256, std::move(usable));
+    }
+}
+
+ChunkPack::Span ChunkSource::spanOf(const QString& sha256) const {
+    const auto delta = deltas.constFind(sha256);
+    return delta != deltas.cend() ? delta->span : spans.value(sha256);
+}
+
 bool ChunkSource::add(Request& request, const ChunkRef& next) const {
-    const ChunkPack::Span span = spans.value(next.sha256);
+    const ChunkPack::Span span = spanOf(next.sha256);
     if (!request.chunks.empty()) {
         const int ranges = request.ranges + (span.offset == request.end ? 0 : 1);
         if (!packed() || request.bytes + span.size > kRequestBytes || ranges > kMostRanges)
@@ -27,6 +54,32 @@ bool ChunkSource::add(Request& request, const ChunkRef& next) const {
     request.chunks.push_back(next);
     return true;
 }
+
+namespace {
+
+// The bases of a delta one after another, as this disk holds them now.
+QByteArray readBase(const ChunkSource::Delta& delta) {
+    QByteArray bytes;
+    for (const auto& [chunk, at] : delta.base) {
+        QFile file(at.file);
+        if (!file.open(QIODevice::ReadOnly) || !file.seek(at.offset))
+            throw ChunkStoreError("a delta's base " + at.file.toStdString() + " cannot be read");
+        const QByteArray read = file.read(chunk.size);
+        if (read.size() != chunk.size)
+            throw ChunkStoreError("a delta's base " + at.file.toStdString() + " is cut short");
+        bytes += read;
+    }
+    return bytes;
+}
+
+QByteArray decodeFrame(const ChunkSource& source, const ChunkRef& chunk, const QByteArray& frame) {
+    const auto delta = source.deltas.constFind(chunk.sha256);
+    if (delta == source.deltas.cend())
+        return ChunkStore::decode(frame, chunk.size, chunk.sha256);
+    return ChunkStore::decodeAgainst(frame, readBase(*delta), chunk.size, chunk.sha256);
+}
+
+} // namespace
 
 QCoro::Task<void> fetchChunks(HttpClient& client, const ChunkSource& source, std::vector<ChunkRef> batch,
                               const ChunkCache& cache, std::function<void(const ChunkRef&)> kept) {
@@ -49,7 +102,7 @@ QCoro::Task<void> fetchChunks(HttpClient& client, const ChunkSource& source, std
     std::vector<Wanted> wanted;
     std::vector<ByteRanges::Range> ranges;
     for (const ChunkRef& chunk : batch) {
-        const ChunkPack::Span span = source.spans.value(chunk.sha256);
+        const ChunkPack::Span span = source.spanOf(chunk.sha256);
         if (span.size == 0)
             throw ChunkStoreError("the pack holds no chunk " + chunk.sha256.toStdString());
         wanted.push_back({chunk, span, {}, 0});
@@ -73,7 +126,7 @@ QCoro::Task<void> fetchChunks(HttpClient& client, const ChunkSource& source, std
             it->filled += to - from;
             if (it->filled >= it->span.size) {
                 it->filled = it->span.size;
-                cache.keep(it->chunk.sha256, ChunkStore::decode(it->frame, it->chunk.size, it->chunk.sha256));
+                cache.keep(it->chunk.sha256, decodeFrame(source, it->chunk, it->frame));
                 it->frame = QByteArray();
                 kept(it->chunk);
             }

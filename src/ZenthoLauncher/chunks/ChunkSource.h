@@ -1,5 +1,6 @@
 #pragma once
 
+#include "chunks/ChunkPlan.h"
 #include "formats/ChunkIndex.h"
 #include "formats/ChunkPack.h"
 #include "formats/ReleaseManifest.h"
@@ -10,6 +11,7 @@
 #include <QCoroTask>
 
 #include <functional>
+#include <utility>
 #include <vector>
 
 class ChunkCache;
@@ -30,11 +32,25 @@ struct ChunkSource {
     QUrl store;
     QUrl pack = QUrl();                         // invalid: every chunk comes from the store
     QHash<QString, ChunkPack::Span> spans = {}; // where each chunk lies in `pack`
+    // Chunks fetched as deltas instead: where the delta lies in `pack` and the chunks on this
+    // disk it is made against, in order.
+    struct Delta {
+        ChunkPack::Span span;
+        std::vector<std::pair<ChunkRef, ChunkLocation>> base;
+    };
+    QHash<QString, Delta> deltas = {};
 
     // The pack when both the manifest and the index describe it, the store otherwise.
     static ChunkSource of(const ReleaseChunks& chunks, const ChunkIndex& index);
 
     bool packed() const { return pack.isValid() && !spans.isEmpty(); }
+
+    // Takes up the deltas `index` gives whose every base `plan` found on this disk: a chunk that
+    // a patch changed comes as the few bytes that differ from the chunks it replaces.
+    void useDeltas(const ChunkIndex& index, const ChunkPlan& plan);
+
+    // Where `chunk` is fetched from in the pack: its delta's span or its whole frame's.
+    ChunkPack::Span spanOf(const QString& sha256) const;
 
     // The chunks of one request, gathered in the order the index first names them (the pack's).
     struct Request {
@@ -51,8 +67,9 @@ struct ChunkSource {
 };
 
 // Fetches the chunks of `batch` (one request; see ChunkSource::add) and checks each (one zstd
-// frame of its size whose bytes hash to its name) before `cache` keeps it and `kept` is told. A
-// chunk's bytes are never trusted for being where the pack should hold it. An answer cut short
+// frame of its size whose bytes hash to its name; a delta, read with its base from this disk,
+// likewise) before `cache` keeps it and `kept` is told. A chunk's bytes are never trusted for
+// being where the pack should hold it, nor a base for being where a kept index says. An answer cut short
 // still gives the chunks it holds whole. Throws NetworkError (also for a server that does not
 // answer ranges), ChunkStoreError (another answer than the chunk, or a chunk the answer lacks),
 // FileError.

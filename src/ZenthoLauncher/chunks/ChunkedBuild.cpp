@@ -206,6 +206,7 @@ QCoro::Task<void> writeWhatCanBeWritten(Stream& stream, const BuildWriter& write
 QCoro::Task<void> writeBuildFromChunks(HttpClient& client, const ChunkIndex& index, ChunkedBuild build,
                                        const ChunkCache& cache) {
     BuildWriter writer(build.folder, build.start);
+    build.source.useDeltas(index, build.plan);
     Stream stream(client, cache, build);
     stream.files = co_await onWorkerThread([&] { return writer.makeTree(index); });
     plan(stream);
