@@ -34,18 +34,23 @@ const QString kNew = QStringLiteral("0.3.1");
 struct Packed {
     QString manifest, index;
     qint64 archiveBytes = -1, newChunks = -1, newChunkBytes = -1, indexBytes = -1, jsonBytes = -1;
+    QString deltas; // "N (B bytes)", when made
 };
 
 // Packs `source` into `store`, served at /rate8m/<storeName>, with its archive, index and pack
-// linked into the server's <buildsName>, served at /rate50m/<buildsName>.
+// linked into the server's <buildsName>, served at /rate50m/<buildsName>; with deltas against the
+// release whose index is `deltaFrom`, when given.
 Packed pack(const TestServer& server, const QString& source, const QString& version, const QString& out,
-            const QString& store, const QString& storeName, const QString& buildsName, int average, bool compressed) {
+            const QString& store, const QString& storeName, const QString& buildsName, int average, bool compressed,
+            const QString& deltaFrom = QString()) {
     QStringList chunks{QStringLiteral("--chunks"), store, QStringLiteral("--chunks-url"),
                        server.url(QStringLiteral("/rate8m/") + storeName).toString(), QStringLiteral("--chunk-pack")};
     if (average > 0)
         chunks << QStringLiteral("--chunk-average") << QString::number(average);
     if (compressed)
         chunks << QStringLiteral("--compressed-index");
+    if (!deltaFrom.isEmpty())
+        chunks << QStringLiteral("--delta-from") << deltaFrom;
     const ReleaseTool::Run run = ReleaseTool::packGame(
         source, version, server.url(QStringLiteral("/rate50m/") + buildsName).toString(), out, chunks, 30 * 60 * 1000);
     Packed packed;
@@ -67,6 +72,7 @@ Packed pack(const TestServer& server, const QString& source, const QString& vers
     static const QRegularExpression count(QStringLiteral("\\((\\d+) new"));
     packed.newChunks = count.match(run.line(QStringLiteral("chunks"))).captured(1).toLongLong();
     packed.newChunkBytes = run.line(QStringLiteral("new chunk bytes")).section(QLatin1Char(' '), 0, 0).toLongLong();
+    packed.deltas = run.line(QStringLiteral("deltas"));
     return packed;
 }
 
@@ -100,9 +106,10 @@ int benchAverage(const QTemporaryDir& work, int average, bool compressed) {
         Packed packed;
     } pairs[] = {
         {"hotfix", pack(server, at("hotfix"), kNew, at("out-hotfix"), hotfixStore, QStringLiteral("chunks-hotfix"),
-                        QStringLiteral("builds-hotfix"), average, compressed)},
+                        QStringLiteral("builds-hotfix"), average, compressed, base.index)},
         {"engine patch", pack(server, at("engine"), kNew, at("out-engine"), engineStore,
-                              QStringLiteral("chunks-engine"), QStringLiteral("builds-engine"), average, compressed)},
+                              QStringLiteral("chunks-engine"), QStringLiteral("builds-engine"), average, compressed,
+                              base.index)},
     };
     for (const auto& pair : pairs) {
         if (pair.packed.archiveBytes < 0)
@@ -123,8 +130,9 @@ int benchAverage(const QTemporaryDir& work, int average, bool compressed) {
         const Packed& p = pair.packed;
         const double packShare = 100.0 * double(p.indexBytes + p.newChunkBytes) / double(p.archiveBytes);
         std::printf("%s: archive %lld bytes; pack says index %lld bytes (JSON %lld) + %lld new chunks of %lld bytes = "
-                    "%.2f %% of the archive\n",
-                    pair.name, p.archiveBytes, p.indexBytes, p.jsonBytes, p.newChunks, p.newChunkBytes, packShare);
+                    "%.2f %% of the archive; deltas in the pack: %s\n",
+                    pair.name, p.archiveBytes, p.indexBytes, p.jsonBytes, p.newChunks, p.newChunkBytes, packShare,
+                    p.deltas.isEmpty() ? "none" : qPrintable(p.deltas));
         Traffic traffic[2];
         Press presses[2];
         for (const bool chunks : {false, true}) {

@@ -49,6 +49,38 @@ private slots:
         QCOMPARE(request.end, qint64(10000));
     }
 
+    // A chunk whose every base is on this disk is asked for as its delta; one with a base this
+    // disk lacks, or none, as its whole frame.
+    void aDeltaIsAskedForOnlyWhenEveryBaseIsHere() {
+        ChunkSource pack = packOf(3, 1000);
+        ChunkIndex index;
+        ChunkIndexEntry file;
+        file.path = QStringLiteral("f");
+        file.chunks = {chunk(0), chunk(1), chunk(2)};
+        file.size = 300;
+        index.entries = {file};
+        index.stored = {{name(0), 1000}, {name(1), 1000}, {name(2), 1000}};
+        index.deltas.insert(name(0), ChunkDelta{{chunk(50), chunk(51)}, 30});
+        index.deltas.insert(name(1), ChunkDelta{{chunk(52)}, 40});
+        ChunkPlan plan;
+        plan.missing = {chunk(0), chunk(1), chunk(2)};
+        plan.bases.insert(name(50), ChunkLocation{QStringLiteral("/old/f"), 0});
+        plan.bases.insert(name(51), ChunkLocation{QStringLiteral("/old/f"), 100});
+        pack.useDeltas(index, plan);
+        QCOMPARE(pack.deltas.size(), 1);
+        QCOMPARE(pack.spanOf(name(0)), (ChunkPack::Span{3000, 30}));
+        QCOMPARE(pack.deltas.value(name(0)).base.size(), std::size_t(2));
+        QCOMPARE(pack.deltas.value(name(0)).base[1].second.offset, qint64(100));
+        // The twins: a base not here, and no delta at all.
+        QCOMPARE(pack.spanOf(name(1)), (ChunkPack::Span{1000, 1000}));
+        QCOMPARE(pack.spanOf(name(2)), (ChunkPack::Span{2000, 1000}));
+        ChunkSource::Request request;
+        QVERIFY(pack.add(request, chunk(0)));
+        QVERIFY(pack.add(request, chunk(1)));
+        QCOMPARE(request.bytes, qint64(1030));
+        QCOMPARE(request.ranges, 2);
+    }
+
     // The twins: a request stops short of more bytes or more ranges than it may ask for, and the
     // chunk it refused is left for the next.
     void aRequestStopsAtItsBytes() {

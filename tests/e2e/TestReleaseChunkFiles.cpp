@@ -147,6 +147,78 @@ private slots:
                                                 {QStringLiteral("--chunk-pack")});
         QVERIFY2(alone.exitCode == 2 && alone.errors.contains("--chunk-pack needs --chunks"), alone.errors.constData());
     }
+
+    // --delta-from packs each new chunk of 0.3.1 also as a delta against the chunks it replaces in
+    // 0.3.0, after every whole frame, where that is much smaller: the two chunks around each
+    // rewritten 16 KiB. Each delta makes its chunk from those chunks in the store; verify reads
+    // them all.
+    void deltasArePackedAndChecked() {
+        const QString source = makeRelease030();
+        const Run base = packWithChunks(source, QStringLiteral("0.3.0"), path(QStringLiteral("out")), {QStringLiteral("--chunk-pack")});
+        QVERIFY2(base.ok(), base.errors.constData());
+        const Run packed = packWithDeltas(makeRelease031(source), base);
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        const ChunkIndex index = ChunkIndex::decode(TestFiles::readFile(packed.line(QStringLiteral("index"))));
+        const QByteArray bytes = TestFiles::readFile(packed.line(QStringLiteral("pack")));
+        QVERIFY2(index.deltas.size() >= 2 && index.deltas.size() <= 6, qPrintable(QString::number(index.deltas.size())));
+        qint64 deltaBytes = 0;
+        for (auto delta = index.deltas.cbegin(); delta != index.deltas.cend(); ++delta)
+            deltaBytes += delta->stored;
+        QCOMPARE(packed.line(QStringLiteral("deltas")), QStringLiteral("%1 (%2 bytes)").arg(index.deltas.size()).arg(deltaBytes));
+        QCOMPARE(qint64(bytes.size()), ChunkPack::bytes(index));
+        const QHash<QString, ChunkPack::Span> spans = ChunkPack::deltaSpans(index);
+        for (auto delta = index.deltas.cbegin(); delta != index.deltas.cend(); ++delta) {
+            QByteArray against;
+            for (const ChunkRef& from : delta->from)
+                against += ChunkStore::decode(TestFiles::readFile(store() + QLatin1Char('/') + ChunkStore::relativePath(from.sha256)),
+                                              from.size, from.sha256);
+            const QByteArray whole = TestFiles::readFile(store() + QLatin1Char('/') + ChunkStore::relativePath(delta.key()));
+            const QByteArray chunk = ChunkStore::decodeAgainst(bytes.mid(spans.value(delta.key()).offset, delta->stored),
+                                                               against, sizeOf(index, delta.key()), delta.key());
+            QCOMPARE(ChunkStore::decode(whole, chunk.size(), delta.key()), chunk);
+            QVERIFY(delta->stored * 4 < whole.size() * 3);
+        }
+        const Run checked = ReleaseTool::verify(packed, {QStringLiteral("--chunks"), store()});
+        QVERIFY2(checked.ok() && checked.output.contains(", chunk pack, "), (checked.output + checked.errors).constData());
+    }
+
+    // Its twins: a spoilt byte in a delta fails verify; deltas without a pack, or from a file
+    // that is no chunk index, are refused.
+    void verifyFailsOnASpoiltDelta() {
+        const QString source = makeRelease030();
+        const Run base = packWithChunks(source, QStringLiteral("0.3.0"), path(QStringLiteral("out")), {QStringLiteral("--chunk-pack")});
+        QVERIFY2(base.ok(), base.errors.constData());
+        const QString source031 = makeRelease031(source);
+        const Run packed = packWithDeltas(source031, base);
+        QVERIFY2(packed.ok(), packed.errors.constData());
+        const QString pack = packed.line(QStringLiteral("pack"));
+        QByteArray spoilt = TestFiles::readFile(pack);
+        spoilt[spoilt.size() - 10] = char(spoilt[spoilt.size() - 10] ^ 0x20);
+        TestFiles::writeFile(pack, spoilt);
+        const Run checked = ReleaseTool::verify(packed, {QStringLiteral("--chunks"), store()});
+        QVERIFY2(checked.failedWithOneLine() && checked.errors.contains("chunks: the pack's delta at "), checked.errors.constData());
+
+        const QString index030 = base.line(QStringLiteral("index"));
+        const Run unpacked = packWithChunks(source031, QStringLiteral("0.3.1"), path(QStringLiteral("o2")),
+                                            {QStringLiteral("--delta-from"), index030});
+        QVERIFY2(unpacked.exitCode == 2 && unpacked.errors.contains("--delta-from needs --chunk-pack"), unpacked.errors.constData());
+        const Run notAnIndex = packWithChunks(source031, QStringLiteral("0.3.1"), path(QStringLiteral("o3")),
+                                              {QStringLiteral("--chunk-pack"), QStringLiteral("--delta-from"), source + QStringLiteral("/data/levels.txt")});
+        QVERIFY2(!notAnIndex.ok() && notAnIndex.errors.contains("not a chunk index"), notAnIndex.errors.constData());
+    }
+
+private:
+    Run packWithDeltas(const QString& source, const Run& base) {
+        return packWithChunks(source, QStringLiteral("0.3.1"), path(QStringLiteral("out-0.3.1")),
+                              {QStringLiteral("--chunk-pack"), QStringLiteral("--delta-from"), base.line(QStringLiteral("index"))});
+    }
+    static qint64 sizeOf(const ChunkIndex& index, const QString& sha256) {
+        for (const ChunkIndexEntry& entry : index.entries)
+            for (const ChunkRef& chunk : entry.chunks)
+                if (chunk.sha256 == sha256)
+                    return chunk.size;
+        return -1;
+    }
 };
 
 QTEST_GUILESS_MAIN(TestReleaseChunkFiles)

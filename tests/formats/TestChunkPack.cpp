@@ -73,6 +73,69 @@ private slots:
         QCOMPARE(ChunkIndex::decode(json), packedIndex());
     }
 
+    // Deltas follow every whole frame, again in the order the index first names their chunks,
+    // and are written once with their bases and read back.
+    void deltasFollowTheWholeFrames() {
+        ChunkIndex index = packedIndex();
+        index.deltas.insert(name('c'), ChunkDelta{{{name('d'), 60}, {name('e'), 70}}, 5});
+        index.deltas.insert(name('b'), ChunkDelta{{{name('f'), 200}}, 9});
+        const QHash<QString, ChunkPack::Span> deltas = ChunkPack::deltaSpans(index);
+        QCOMPARE(deltas.size(), 2);
+        QCOMPARE(deltas.value(name('b')), (ChunkPack::Span{257, 9}));
+        QCOMPARE(deltas.value(name('c')), (ChunkPack::Span{266, 5}));
+        QCOMPARE(ChunkPack::spans(index), ChunkPack::spans(packedIndex()));
+        QCOMPARE(ChunkPack::bytes(index), qint64(271));
+        const QByteArray json = index.encode();
+        QCOMPARE(json.count("\"delta\""), 2);
+        QCOMPARE(ChunkIndex::decode(json), index);
+    }
+
+    // The twin: without deltas, nothing lies past the whole frames.
+    void anIndexWithoutDeltasHasNoneInItsPack() {
+        QVERIFY(ChunkPack::deltaSpans(packedIndex()).isEmpty());
+        QVERIFY(!packedIndex().encode().contains("\"delta\""));
+    }
+
+    // Deltas a launcher could not place or hold are refused with the index.
+    void inconsistentDeltasAreRefused_data() {
+        ChunkIndex index = packedIndex();
+        index.deltas.insert(name('b'), ChunkDelta{{{name('f'), 200}}, 9});
+        const QByteArray good = index.encode();
+        const QByteArray delta = "\"delta\":{\"stored\":9,\"from\":[{\"sha256\":\"" + name('f').toLatin1() + "\",\"size\":200}]}";
+        QVERIFY(good.contains(delta));
+        QTest::addColumn<QByteArray>("json");
+        QTest::addColumn<QString>("reason");
+        QByteArray none = good;
+        none.replace(delta, "\"delta\":{\"stored\":9,\"from\":[]}");
+        QTest::newRow("from no chunk") << none << QStringLiteral("from no chunk");
+        QByteArray huge = good;
+        huge.replace("\"size\":200}]}", "\"size\":16777216},{\"sha256\":\"" + name('f').toLatin1() + "\",\"size\":1}]}");
+        QTest::newRow("from more than a launcher holds") << huge << QStringLiteral("more bytes than a launcher holds");
+        QByteArray large = good;
+        large.replace("\"stored\":9,", "\"stored\":99999,");
+        QTest::newRow("larger than a frame can be") << large << QStringLiteral("\"stored\" is not a whole number");
+        const QByteArray b = "{\"sha256\":\"" + name('b').toLatin1() + "\",\"size\":200";
+        ChunkIndex again = index;
+        again.entries[1].chunks.push_back({name('b'), 200});
+        again.entries[1].size += 200;
+        QByteArray repeated = again.encode();
+        const qsizetype second = repeated.lastIndexOf(b + "}");
+        QVERIFY(second > 0);
+        repeated.replace(second, b.size() + 1, b + ",\"delta\":{\"stored\":8,\"from\":[{\"sha256\":\"" + name('f').toLatin1() + "\",\"size\":200}]}}");
+        QTest::newRow("two deltas for one chunk") << repeated << QStringLiteral("another delta");
+        ChunkIndex unpacked = index;
+        unpacked.stored.clear();
+        QByteArray withoutPack = unpacked.encode();
+        withoutPack.replace(b + "}", b + "," + delta + "}");
+        QTest::newRow("without a pack") << withoutPack << QStringLiteral("without a pack");
+    }
+    void inconsistentDeltasAreRefused() {
+        QFETCH(QByteArray, json);
+        QFETCH(QString, reason);
+        const QString refusal = refusalOf(json);
+        QVERIFY2(refusal.contains(reason), qPrintable(refusal));
+    }
+
     // The twins: stored sizes that cannot place every chunk, or a frame past what its chunk can
     // take, make the index unusable rather than send a launcher to the wrong bytes.
     void inconsistentStoredSizesAreRefused_data() {

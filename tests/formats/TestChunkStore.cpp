@@ -59,6 +59,42 @@ private slots:
         QVERIFY(stored(noise).size() < noise.size() + 64);
     }
 
+    // A chunk that replaces a similar one (its bytes shifted, a spot rewritten) costs a few
+    // hundred bytes as a delta against it, where its own frame takes all its noise.
+    void aDeltaMakesTheChunkFromItsBaseInAFewBytes() {
+        const QByteArray base = TestFiles::randomBytes(60000, 5);
+        QByteArray chunk = TestFiles::randomBytes(300, 6) + base.mid(0, 30000) + TestFiles::randomBytes(100, 7) + base.mid(30100);
+        const QByteArray delta = ChunkStore::compressAgainst(chunk.constData(), std::size_t(chunk.size()), base);
+        QVERIFY2(delta.size() < 1000, qPrintable(QString::number(delta.size())));
+        QCOMPARE(ChunkStore::decodeAgainst(delta, base, chunk.size(), sha256(chunk)), chunk);
+        QVERIFY(stored(chunk).size() > chunk.size() - 100);
+    }
+
+    // The twins: against other bytes than its base, or read as a whole frame, a delta is refused,
+    // never taken for the chunk.
+    void aDeltaAgainstOtherBytesIsRefused() {
+        const QByteArray base = TestFiles::randomBytes(60000, 5);
+        const QByteArray chunk = base.mid(1000, 40000) + "edited";
+        const QByteArray delta = ChunkStore::compressAgainst(chunk.constData(), std::size_t(chunk.size()), base);
+        QByteArray changed = base;
+        changed[5000] = char(changed[5000] ^ 1);
+        for (const QByteArray& other : {changed, base.left(30000), QByteArray()}) {
+            try {
+                ChunkStore::decodeAgainst(delta, other, chunk.size(), sha256(chunk));
+                QFAIL("a delta against other bytes was taken");
+            } catch (const ChunkStoreError&) {
+            }
+        }
+        QVERIFY(!refusalOf(delta, chunk.size(), sha256(chunk)).isNull());
+        QByteArray spoilt = delta;
+        spoilt[spoilt.size() / 2] = char(spoilt[spoilt.size() / 2] ^ 0x40);
+        try {
+            ChunkStore::decodeAgainst(spoilt, base, chunk.size(), sha256(chunk));
+            QFAIL("a spoilt delta was taken");
+        } catch (const ChunkStoreError&) {
+        }
+    }
+
     void aChunkThatIsNotWhatItsNameSaysIsRefused() {
         const QByteArray frame = stored(text_);
         const QString name = sha256(text_);

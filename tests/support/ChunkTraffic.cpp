@@ -44,8 +44,10 @@ QStringList chunkGets(const QList<Get>& gets, const QString& storePath) {
     return chunks;
 }
 
-QStringList packedChunkGets(const QList<Get>& gets, const QString& packPath, const ChunkIndex& index) {
-    const QHash<QString, ChunkPack::Span> spans = ChunkPack::spans(index);
+namespace {
+
+// The keys of `spans` whose frames lie, whole or in part, in what the GETs of `packPath` asked for.
+QStringList framesAsked(const QList<Get>& gets, const QString& packPath, const QHash<QString, ChunkPack::Span>& spans) {
     QStringList chunks;
     for (const Get& get : gets) {
         if (get.path != packPath)
@@ -64,6 +66,16 @@ QStringList packedChunkGets(const QList<Get>& gets, const QString& packPath, con
         }
     }
     return chunks;
+}
+
+} // namespace
+
+QStringList packedChunkGets(const QList<Get>& gets, const QString& packPath, const ChunkIndex& index) {
+    return framesAsked(gets, packPath, ChunkPack::spans(index));
+}
+
+QStringList packedDeltaGets(const QList<Get>& gets, const QString& packPath, const ChunkIndex& index) {
+    return framesAsked(gets, packPath, ChunkPack::deltaSpans(index));
 }
 
 QSet<QString> chunksOf(const QByteArray& index) {

@@ -33,6 +33,8 @@ QStringList chunkGets(const QList<Get>& gets, const QString& storePath);
 // part, in what the GETs of the pack at `packPath` asked for, once per GET: every chunk for a GET
 // without a Range header.
 QStringList packedChunkGets(const QList<Get>& gets, const QString& packPath, const ChunkIndex& index);
+// The same for the deltas of `index`: the chunks whose delta was asked for, once per GET.
+QStringList packedDeltaGets(const QList<Get>& gets, const QString& packPath, const ChunkIndex& index);
 // Every chunk a chunk index names (ChunkIndex JSON), once.
 QSet<QString> chunksOf(const QByteArray& index);
 
