@@ -65,6 +65,37 @@ private slots:
         verifyInstalled031();
     }
 
+    // A server that answers one range a request but not several (object stores and CDNs often
+    // do): the request for several gets the whole file, refused at its head, and the launcher asks
+    // again one range a request; every chunk it lacks comes once, never the archive.
+    void aServerOfOneRangeARequestIsAskedOneRangeARequest() {
+        ReleaseManifest manifest = packed031_;
+        manifest.chunks->pack = server_->url(QStringLiteral("/onerange") + packed031_.chunks->pack.path());
+        QCOMPARE(press(serve(QStringLiteral("onerange-0.3.1"), manifest)), build(k031));
+        const QList<Get> gets = getsSinceStart();
+        const QString pack = manifest.chunks->pack.path();
+        QList<Get> answered;
+        int whole = 0;
+        for (const Get& get : gets) {
+            if (get.path != pack)
+                continue;
+            if (get.status == 200)
+                ++whole;
+            else if (get.status == 206)
+                answered.append(get);
+        }
+        QCOMPARE(whole, 1);
+        QVERIFY(answered.size() >= 2);
+        for (const Get& get : answered)
+            QVERIFY2(!get.range.contains(QLatin1Char(',')), qPrintable(get.range));
+        const QByteArray index = TestFiles::readFile(www() + packed031_.chunks->index.path());
+        const QStringList asked = packedChunkGets(answered, pack, ChunkIndex::decode(index));
+        QCOMPARE(qint64(asked.size()), qint64(missing_.size()));
+        QCOMPARE(printed(setOf(asked)), printed(missing_));
+        QVERIFY(!fetched(gets, packed031_.url.path()));
+        verifyInstalled031();
+    }
+
     // A first install killed while its pack trickles in, started again: what the first try kept
     // (chunks in the cache, files written whole) is not asked for again, the second try asks for
     // exactly the rest, and the build is the archive's tree with the state file naming it.

@@ -199,6 +199,7 @@ QString TestServer::configuration() const {
         "        location ^~ /rate8m/ { alias " + root + "/www/; limit_rate 8m; }\n"
         "        location ^~ /throttle/ { alias " + root + "/www/; limit_rate 1m; }\n"
         "        location ^~ /norange/ { alias " + root + "/www/; limit_rate 1m; max_ranges 0; }\n"
+        "        location ^~ /onerange/ { alias " + root + "/www/; max_ranges 1; }\n"
         "        location ^~ /fault/ {\n"
         "            proxy_pass http://" + loopback + ":" + QString::number(fault_->port()) + ";\n"
         "            proxy_http_version 1.1; proxy_buffering off; proxy_read_timeout 120s;\n"

@@ -28,6 +28,7 @@ class FaultServer;
 //                           six requests at once
 //   /throttle/<path>        the file at 1 MiB/s
 //   /norange/<path>         the file at 1 MiB/s, always whole: Range is ignored
+//   /onerange/<path>        the file, one range a request: several ranges get it whole
 //   /stall                  status 200, 64 KiB of body, then nothing for an hour
 //   /silent                 the request is read and never answered, not even with headers
 //   /redirect/https/<path>  302 to url(<path>) (https)

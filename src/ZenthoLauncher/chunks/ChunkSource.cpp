@@ -45,7 +45,7 @@ bool ChunkSource::add(Request& request, const ChunkRef& next) const {
     const ChunkPack::Span span = spanOf(next.sha256);
     if (!request.chunks.empty()) {
         const int ranges = request.ranges + (span.offset == request.end ? 0 : 1);
-        if (!packed() || request.bytes + span.size > kRequestBytes || ranges > kMostRanges)
+        if (!packed() || request.bytes + span.size > kRequestBytes || ranges > mostRanges)
             return false;
     }
     request.ranges += request.chunks.empty() || span.offset != request.end ? 1 : 0;
@@ -81,7 +81,7 @@ QByteArray decodeFrame(const ChunkSource& source, const ChunkRef& chunk, const Q
 
 } // namespace
 
-QCoro::Task<void> fetchChunks(HttpClient& client, const ChunkSource& source, std::vector<ChunkRef> batch,
+QCoro::Task<void> fetchChunks(HttpClient& client, ChunkSource& source, std::vector<ChunkRef> batch,
                               const ChunkCache& cache, std::function<void(const ChunkRef&)> kept) {
     if (!source.packed()) {
         for (const ChunkRef& chunk : batch) {
@@ -132,7 +132,22 @@ QCoro::Task<void> fetchChunks(HttpClient& client, const ChunkSource& source, std
             }
         }
     };
-    co_await ByteRanges::fetch(client, source.pack, ranges, take);
+    bool oneAtATime = false;
+    try {
+        co_await ByteRanges::fetch(client, source.pack, ranges, take);
+    } catch (const ByteRanges::RangesIgnored&) {
+        if (ByteRanges::joined(ranges).size() < 2)
+            throw;
+        oneAtATime = true;
+    }
+    if (oneAtATime) {
+        source.mostRanges = 1;
+        for (const ByteRanges::Range& range : ByteRanges::joined(ranges)) {
+            // Named: g++ 12 mishandles a braced temporary in a co_await.
+            const std::vector<ByteRanges::Range> one{range};
+            co_await ByteRanges::fetch(client, source.pack, one, take);
+        }
+    }
     for (const Wanted& one : wanted) {
         if (one.filled < one.span.size)
             throw ChunkStoreError(source.pack.toString().toStdString() + " sent no bytes of chunk " +

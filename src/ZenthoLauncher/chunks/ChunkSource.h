@@ -39,6 +39,9 @@ struct ChunkSource {
         std::vector<std::pair<ChunkRef, ChunkLocation>> base;
     };
     QHash<QString, Delta> deltas = {};
+    // Ranges a request may ask for: kMostRanges, or 1 once the server has answered a request for
+    // several with the whole file (a store or CDN that serves one range a request).
+    int mostRanges = kMostRanges;
 
     // The pack when both the manifest and the index describe it, the store otherwise.
     static ChunkSource of(const ReleaseChunks& chunks, const ChunkIndex& index);
@@ -62,7 +65,7 @@ struct ChunkSource {
 
     // Adds `next` to `request` when it may be asked for in the same request: always to an empty
     // one; from the store, never to another; from the pack while the request stays within
-    // kRequestBytes and kMostRanges. False, leaving `request` as it was, otherwise.
+    // kRequestBytes and mostRanges. False, leaving `request` as it was, otherwise.
     bool add(Request& request, const ChunkRef& next) const;
 };
 
@@ -72,6 +75,8 @@ struct ChunkSource {
 // being where the pack should hold it, nor a base for being where a kept index says. An answer cut short
 // still gives the chunks it holds whole. Throws NetworkError (also for a server that does not
 // answer ranges), ChunkStoreError (another answer than the chunk, or a chunk the answer lacks),
-// FileError.
-QCoro::Task<void> fetchChunks(HttpClient& client, const ChunkSource& source, std::vector<ChunkRef> batch,
+// FileError. A server that answers the request's several ranges with the whole file is asked
+// again one range a request, and `source` asks for one range a request from then on; one that
+// does so for a single range ends in NetworkError.
+QCoro::Task<void> fetchChunks(HttpClient& client, ChunkSource& source, std::vector<ChunkRef> batch,
                               const ChunkCache& cache, std::function<void(const ChunkRef&)> kept);

@@ -49,17 +49,6 @@ Range rangeOfPart(const QByteArray& headers) {
     refuse(QStringLiteral("has a part without a usable Content-Range"));
 }
 
-std::vector<Range> joined(std::vector<Range> ranges) {
-    std::sort(ranges.begin(), ranges.end(), [](const Range& a, const Range& b) { return a.first < b.first; });
-    std::vector<Range> result;
-    for (const Range& range : ranges) {
-        if (!result.empty() && range.first <= result.back().last + 1)
-            result.back().last = std::max(result.back().last, range.last);
-        else
-            result.push_back(range);
-    }
-    return result;
-}
 
 // Reads the body of an answer as it arrives, within `cap` bytes.
 class Receiver : public BodyReceiver {
@@ -67,6 +56,9 @@ public:
     Receiver(qint64 cap, Take take) : cap_(cap), take_(std::move(take)) {}
 
     Verdict accept(const ResponseHead& head) override {
+        if (head.statusCode == 200)
+            return Verdict::fail(std::make_exception_ptr(
+                RangesIgnored(QStringLiteral("The server answered a request for byte ranges with the whole file."))));
         if (head.statusCode != 206)
             return Verdict::fail(std::make_exception_ptr(NetworkError(
                 QStringLiteral("The server answered %1 to a request for byte ranges.").arg(head.statusCode.value_or(0)))));
@@ -116,6 +108,18 @@ std::optional<ContentRange> parseContentRange(const QByteArray& text) {
         result.total = match.captured(3).toLongLong();
     if (result.range.last < result.range.first || (result.total && result.range.last >= *result.total))
         return std::nullopt;
+    return result;
+}
+
+std::vector<Range> joined(std::vector<Range> ranges) {
+    std::sort(ranges.begin(), ranges.end(), [](const Range& a, const Range& b) { return a.first < b.first; });
+    std::vector<Range> result;
+    for (const Range& range : ranges) {
+        if (!result.empty() && range.first <= result.back().last + 1)
+            result.back().last = std::max(result.back().last, range.last);
+        else
+            result.push_back(range);
+    }
     return result;
 }
 

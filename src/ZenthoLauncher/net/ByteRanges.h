@@ -31,6 +31,9 @@ struct ContentRange {
 };
 std::optional<ContentRange> parseContentRange(const QByteArray& text);
 
+// `ranges` sorted, with ranges that touch or overlap joined: what one request asks for.
+std::vector<Range> joined(std::vector<Range> ranges);
+
 // "bytes=A-B,C-D,..." for `ranges`, sorted, with ranges that touch or overlap joined.
 QByteArray header(std::vector<Range> ranges);
 
@@ -65,11 +68,18 @@ private:
     qint64 remaining_ = 0; // data bytes of the current part still to come
 };
 
+// A 200 to a request for byte ranges: the server sends whole files, or (as many object stores and
+// CDNs do) answers one range a request but not several. Refused at the answer's head.
+class RangesIgnored : public NetworkError {
+public:
+    using NetworkError::NetworkError;
+};
+
 // Asks for `ranges` of `url` in one GET and hands the bytes of the answer's parts to `take` as
 // they arrive, with the client's download limits and a body of at most the ranges' bytes plus
 // room for the parts' headers. `take` may throw to end the transfer; what it throws is what this
-// throws. Throws NetworkError; also for an answer other than 206, which a server that ignores
-// ranges gives, refused at its head.
+// throws. Throws NetworkError; also for an answer other than 206, refused at its head:
+// RangesIgnored for a 200.
 QCoro::Task<void> fetch(HttpClient& client, QUrl url, std::vector<Range> ranges, Take take);
 
 } // namespace ByteRanges
