@@ -28,6 +28,26 @@ private slots:
         QCOMPARE(QDir(build).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
     }
 
+    // The store and the pack a build's release came from are kept beside its index; a build
+    // whose release had no pack (or kept before packs) has a store and no pack.
+    void storeAndPackAreKeptForTheirBuild() {
+        QTemporaryDir root;
+        const QString packed = root.filePath(QStringLiteral("versions/0.3.0"));
+        const QString unpacked = root.filePath(QStringLiteral("versions/0.2.0"));
+        TestFiles::makeFolder(packed);
+        TestFiles::makeFolder(unpacked);
+        const BuildIndexes indexes(root.path());
+        const QUrl store(QStringLiteral("https://cdn.example/chunks"));
+        const QUrl pack(QStringLiteral("https://cdn.example/builds/zentho-0.3.0-macos-arm64.chunks.pack"));
+        QVERIFY(indexes.writeStore(packed, store, pack));
+        QVERIFY(indexes.writeStore(unpacked, store));
+        QCOMPARE(indexes.readStore(packed), std::optional<QUrl>(store));
+        QCOMPARE(indexes.readPack(packed), std::optional<QUrl>(pack));
+        QCOMPARE(indexes.readStore(unpacked), std::optional<QUrl>(store));
+        QCOMPARE(indexes.readPack(unpacked), std::optional<QUrl>());
+        QCOMPARE(indexes.readPack(root.filePath(QStringLiteral("versions/0.3.1"))), std::optional<QUrl>());
+    }
+
     void indexOfABuildThatIsGoneIsForgotten() {
         QTemporaryDir root;
         const QString gone = root.filePath(QStringLiteral("versions/0.2.0"));

@@ -29,18 +29,31 @@ std::optional<QByteArray> BuildIndexes::read(const QString& buildFolder) const {
 }
 
 std::optional<QUrl> BuildIndexes::readStore(const QString& buildFolder) const {
+    return readSource(buildFolder, 0);
+}
+
+std::optional<QUrl> BuildIndexes::readPack(const QString& buildFolder) const {
+    return readSource(buildFolder, 1);
+}
+
+std::optional<QUrl> BuildIndexes::readSource(const QString& buildFolder, int line) const {
     const std::optional<QByteArray> text = readKept(fileFor(buildFolder, QStringLiteral(".store")), buildFolder);
     if (!text)
         return std::nullopt;
-    const QUrl store(QString::fromUtf8(text->trimmed()), QUrl::StrictMode);
-    return store.isValid() && !store.isRelative() ? std::optional(store) : std::nullopt;
+    const QList<QByteArray> lines = text->split('\n');
+    if (line >= lines.size())
+        return std::nullopt;
+    const QUrl url(QString::fromUtf8(lines[line].trimmed()), QUrl::StrictMode);
+    return url.isValid() && !url.isRelative() ? std::optional(url) : std::nullopt;
 }
 
-bool BuildIndexes::writeStore(const QString& buildFolder, const QUrl& store) const {
+bool BuildIndexes::writeStore(const QString& buildFolder, const QUrl& store, const QUrl& pack) const {
     QSaveFile file(fileFor(buildFolder, QStringLiteral(".store")));
     if (!QDir().mkpath(path_) || !file.open(QIODevice::WriteOnly))
         return false;
     file.write(buildFolder.toUtf8() + '\n' + store.toString(QUrl::FullyEncoded).toUtf8() + '\n');
+    if (pack.isValid())
+        file.write(pack.toString(QUrl::FullyEncoded).toUtf8() + '\n');
     return file.commit();
 }
 

@@ -23,14 +23,18 @@ public:
     // then reads the build itself.
     bool write(const QString& buildFolder, const QByteArray& index) const;
 
-    // The chunk store the build's release was published with, kept beside its index, so that a
-    // damaged build can fetch the chunks it lost; false when it could not be written.
-    bool writeStore(const QString& buildFolder, const QUrl& store) const;
+    // The chunk store the build's release was published with, and its pack when it had one, kept
+    // beside its index, so that a damaged build can fetch the chunks it lost; false when it could
+    // not be written.
+    bool writeStore(const QString& buildFolder, const QUrl& store, const QUrl& pack = QUrl()) const;
     std::optional<QUrl> readStore(const QString& buildFolder) const;
+    std::optional<QUrl> readPack(const QString& buildFolder) const;
 
 private:
     QString fileFor(const QString& buildFolder, const QString& suffix = QStringLiteral(".json")) const;
     std::optional<QByteArray> readKept(const QString& path, const QString& buildFolder) const;
+    // The address on line `line` (0: the store, 1: the pack) of the build's kept sources.
+    std::optional<QUrl> readSource(const QString& buildFolder, int line) const;
 
     QString path_;
 };

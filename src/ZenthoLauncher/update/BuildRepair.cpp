@@ -4,6 +4,7 @@
 #include "chunks/ChunkedBuild.h"
 #include "chunks/ChunkedInstall.h"
 #include "errors/Failure.h"
+#include "formats/ChunkPack.h"
 #include "net/FreeSpace.h"
 #include "net/HttpClient.h"
 #include "platform/FileManager.h"
@@ -12,6 +13,7 @@
 #include "storage/ChunkCache.h"
 #include "storage/StorageLock.h"
 
+#include <QDebug>
 #include <QFileInfo>
 #include <QSet>
 
@@ -71,16 +73,45 @@ QCoro::Task<RepairOutcome> BuildRepair::repair(QString versionsRoot, QString bui
         outcome.fetchedBytes = plan.missingBytes;
     }
 
+    // From the release's pack when it had one (the damaged chunks in a request or two), else, or
+    // when the pack cannot be had any more, from its store.
+    ChunkSource source{store.value_or(QUrl())};
+    if (const std::optional<QUrl> pack = kept.readPack(buildFolder); store && pack && !index.stored.isEmpty())
+        source = ChunkSource{*store, *pack, ChunkPack::spans(index)};
+    if (source.packed()) {
+        std::optional<QString> packFailed;
+        try {
+            co_await rebuild(index, plan, source, buildFolder);
+        } catch (const NetworkError& error) {
+            packFailed = QString::fromUtf8(error.what());
+        } catch (const ChunkStoreError& error) {
+            packFailed = QString::fromUtf8(error.what());
+        }
+        if (!packFailed) {
+            cache.clear();
+            co_return outcome;
+        }
+        qWarning().noquote() << "Repairing from the release's pack failed, so its chunk store is asked:" << *packFailed;
+        // What the pack did bring is in the cache now.
+        plan = co_await onWorkerThread([&] { return planChunks(index, cache, seeds); });
+    }
+    // Named: g++ 12 destroys a braced temporary in a co_await twice.
+    ChunkSource fromStore{store.value_or(QUrl())};
+    co_await rebuild(index, std::move(plan), std::move(fromStore), buildFolder);
+    cache.clear();
+    co_return outcome;
+}
+
+QCoro::Task<void> BuildRepair::rebuild(const ChunkIndex& index, ChunkPlan plan, ChunkSource source, QString buildFolder) {
+    const InstallContext& context = staging_.context();
+    const ChunkCache cache(context.launcherRoot);
     DownloadObserver* observer = plan.missing.empty() ? nullptr : context.downloadObserver;
     StagingFolder staging = staging_.newStagingFolder(QStringLiteral("staging-"));
     // A repair is never refused for the cache's cap: it may hold all that the repair fetches.
     const qint64 cacheBytes = std::max(context.http.limits().chunkCacheBytes, peakCachedBytes(filesOf(index), plan, cache));
-    ChunkedBuild build{std::move(plan), ChunkSource{store.value_or(QUrl())}, staging.path(), BuildWriter::Start::empty, cacheBytes,
-                       observer, {}};
+    ChunkedBuild build{std::move(plan), std::move(source), staging.path(), BuildWriter::Start::empty, cacheBytes, observer, {}};
     co_await writeBuildFromChunks(context.http, index, std::move(build), cache);
     if (const std::optional<QString> executable = staging.executable(kExecutable))
         context.files.setPosixPermissions(*executable, 0755);
     staging.exchangeWith(buildFolder);
-    cache.clear();
-    co_return outcome;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "chunks/ChunkPlan.h"
+#include "chunks/ChunkSource.h"
 #include "storage/BuildCheck.h"
 #include "update/InstallContext.h"
 #include "update/ReleaseStaging.h"
@@ -17,8 +19,9 @@ struct RepairOutcome {
 
 // Puts a damaged saved build right from the index kept for it: every chunk comes from where it can
 // be read on this disk (the build's own undamaged files and the unchanged chunks of its changed
-// ones, other saved builds, chunks kept by an earlier try) or, only when it is nowhere here, from the chunk store its release was published
-// with. The build is written whole into a staging folder with every check of an install and then
+// ones, other saved builds, chunks kept by an earlier try) or, only when it is nowhere here, from
+// the pack its release was published with (many chunks a request), else, or when the pack cannot
+// be had, from its chunk store. The build is written whole into a staging folder with every check of an install and then
 // exchanged with the damaged one in one rename, so a repair killed at any point leaves the build
 // as it was or whole; the damaged tree goes with the staging folder.
 class BuildRepair {
@@ -31,5 +34,9 @@ public:
     QCoro::Task<RepairOutcome> repair(QString versionsRoot, QString buildFolder);
 
 private:
+    // Writes the build of `index` whole into a staging folder and exchanges it with the one in
+    // `buildFolder`.
+    QCoro::Task<void> rebuild(const ChunkIndex& index, ChunkPlan plan, ChunkSource source, QString buildFolder);
+
     ReleaseStaging staging_;
 };

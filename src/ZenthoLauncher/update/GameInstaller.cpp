@@ -74,7 +74,7 @@ QCoro::Task<void> GameInstaller::downloadAndPlace(ReleaseManifest manifest, QStr
     if (chunkIndex) {
         const BuildIndexes kept(context_.launcherRoot);
         kept.write(installFolder, chunkIndex->bytes);
-        kept.writeStore(installFolder, manifest.chunks->store);
+        kept.writeStore(installFolder, manifest.chunks->store, manifest.chunks->pack);
     }
 }
 
