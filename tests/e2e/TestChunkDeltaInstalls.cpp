@@ -57,9 +57,7 @@ private slots:
         QVERIFY2(deltas_ >= 2 && deltas_ < missing_.size(), qPrintable(QString::number(deltas_)));
     }
     void init() {
-        adopted_.emplace();
-        QVERIFY(QDir(data()).removeRecursively());
-        ReleaseTool::copyTree(path(QStringLiteral("installed-0.3.0")), data());
+        restoreInstalled030();
     }
     void cleanup() { adopted_.reset(); }
 

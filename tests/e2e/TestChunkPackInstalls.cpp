@@ -21,9 +21,7 @@ private slots:
         QVERIFY(packed031_.chunks && packed031_.chunks->pack.isValid());
     }
     void init() {
-        adopted_.emplace();
-        QVERIFY(QDir(data()).removeRecursively());
-        ReleaseTool::copyTree(path(QStringLiteral("installed-0.3.0")), data());
+        restoreInstalled030();
     }
     void cleanup() { adopted_.reset(); }
 

@@ -45,9 +45,7 @@ private slots:
         publishAndInstall030();
     }
     void init() {
-        adopted_.emplace();
-        QVERIFY(QDir(data()).removeRecursively());
-        ReleaseTool::copyTree(path(QStringLiteral("installed-0.3.0")), data());
+        restoreInstalled030();
         damage();
     }
     void cleanup() { adopted_.reset(); }

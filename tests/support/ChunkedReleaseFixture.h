@@ -264,6 +264,13 @@ protected:
     }
 
 
+    // Each test starts from the storage publishAndInstall030() left, its children adopted.
+    void restoreInstalled030() {
+        adopted_.emplace();
+        QVERIFY(QDir(data()).removeRecursively());
+        ReleaseTool::copyTree(path(QStringLiteral("installed-0.3.0")), data());
+    }
+
     // Packs and publishes 0.3.0 with its chunks packed too and 0.3.1 into the store alone, and
     // installs 0.3.0 from its pack, keeping that storage to start each test from.
     void publishAndInstall030() {
