@@ -22,7 +22,7 @@
 //      share, as on a real link (nginx's limit_rate is per request); beside time and bytes, the
 //      most the storage took on the disk during each (sampled every few milliseconds) against the
 //      build's own size. Both next door and a round trip of 100 ms away
-//   R  one file of 0.3.1 damaged over 8 MiB and put right by the launcher's --repair
+//   R  one file of 0.3.1 damaged over 8 MiB and put right by the launcher's --repair, from the pack
 //   L  FC, B and BS again through a relay without a rate that adds no delay, then 50 ms each way
 //      (a round trip of 100 ms): the round trips each waited for, (time at 100 ms - time at 0) / 0.1 s
 //
@@ -362,7 +362,8 @@ int main(int argc, char** argv) {
         }
     }
     std::printf("R   repair of %s (%lld bytes damaged from its start; no other build to take chunks from), "
-                "chunks from the store under limit_rate 8m: %.2f s, %lld bytes in %d requests; \"%s\" (exit %d); "
+                "chunks from the release's pack (kept beside the index) under limit_rate 50m: %.2f s, %lld bytes in %d "
+                "requests; \"%s\" (exit %d); "
                 "--verify afterwards: %s\n",
                 qPrintable(repair.file), repair.damaged, repair.seconds, repair.traffic.total(), repair.traffic.requests(),
                 qPrintable(repair.output), repair.exitCode, repair.whole ? "whole" : "DAMAGED");

@@ -9,6 +9,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <sys/stat.h>
+
 namespace {
 
 QString nameOf(char digit) {
@@ -20,6 +22,11 @@ QString nameOf(char digit) {
 // The chunks kept between tries of an update: whole or not at all, bounded, oldest first out.
 class TestChunkCache : public QObject {
     Q_OBJECT
+
+    static ino_t inodeOf(const QString& path) {
+        struct stat info {};
+        return ::stat(QFile::encodeName(path).constData(), &info) == 0 ? info.st_ino : 0;
+    }
 
     static void age(const QString& path, int secondsAgo) {
         QFile file(path);
@@ -38,6 +45,37 @@ private slots:
         QCOMPARE(TestFiles::readFile(root.filePath(QStringLiteral("chunks/")) + nameOf('a')), QByteArray("abc"));
         QCOMPARE(QDir(cache.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
                  QStringList{nameOf('a')});
+    }
+
+    // A released chunk is gone at once, and the next chunk kept is written into its file (the
+    // same inode): no file is made for it.
+    void aReleasedChunksFileTakesTheNextChunk() {
+        QTemporaryDir root;
+        const ChunkCache cache(root.path());
+        cache.keep(nameOf('a'), "first chunk");
+        const ino_t first = inodeOf(cache.pathOf(nameOf('a')));
+        cache.release(nameOf('a'));
+        QVERIFY(!cache.holds(nameOf('a'), 11));
+        QCOMPARE(QFileInfo(cache.pathOf(nameOf('a'))).exists(), false);
+        cache.keep(nameOf('b'), "xy");
+        QCOMPARE(inodeOf(cache.pathOf(nameOf('b'))), first);
+        QCOMPARE(TestFiles::readFile(cache.pathOf(nameOf('b'))), QByteArray("xy"));
+        QCOMPARE(QDir(cache.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+                 QStringList{nameOf('b')});
+        // The twin: with nothing released, a chunk gets a file of its own.
+        cache.keep(nameOf('c'), "z");
+        QVERIFY(inodeOf(cache.pathOf(nameOf('c'))) != first);
+    }
+
+    // A released file nobody took (a build that ended, a kill) is no chunk: the next trim removes it.
+    void anUnusedReleasedFileGoesWithTheNextTrim() {
+        QTemporaryDir root;
+        const ChunkCache cache(root.path());
+        cache.keep(nameOf('a'), "abc");
+        cache.release(nameOf('a'));
+        QCOMPARE(QDir(cache.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot).size(), 1);
+        ChunkCache(root.path()).trimTo(1 << 20);
+        QCOMPARE(QDir(cache.path()).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot), QStringList());
     }
 
     // A name that is not a digest could be a path: never written.

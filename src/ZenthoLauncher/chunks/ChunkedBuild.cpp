@@ -95,7 +95,7 @@ struct Stream {
         for (const QString& sha256 : chunksOf[file]) {
             ChunkState& state = chunks[sha256];
             if (--state.usersLeft == 0 && state.viaCache) {
-                QFile::remove(cache.pathOf(sha256));
+                cache.release(sha256);
                 held -= state.size;
             }
         }

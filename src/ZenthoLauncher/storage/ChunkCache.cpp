@@ -53,7 +53,15 @@ void ChunkCache::keep(const QString& sha256, const QByteArray& bytes) const {
         throwFileError(QStringLiteral("could not create %1").arg(path_));
     const QString hidden = path_ + QStringLiteral("/.") + sha256 + QStringLiteral(".part");
     const QByteArray hiddenName = QFile::encodeName(hidden);
-    const int fd = ::open(hiddenName.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+    int fd = -1;
+    while (fd < 0 && !spares_.empty()) {
+        const QByteArray spare = QFile::encodeName(spares_.back());
+        spares_.pop_back();
+        if (::rename(spare.constData(), hiddenName.constData()) == 0)
+            fd = ::open(hiddenName.constData(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOFOLLOW);
+    }
+    if (fd < 0)
+        fd = ::open(hiddenName.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0)
         throwFileError(QStringLiteral("could not create %1").arg(hidden));
     try {
@@ -69,6 +77,19 @@ void ChunkCache::keep(const QString& sha256, const QByteArray& bytes) const {
         ::unlink(hiddenName.constData());
         throwFileError(QStringLiteral("could not move %1 into place").arg(hidden), err);
     }
+}
+
+void ChunkCache::release(const QString& sha256) const {
+    if (!isChunkName(sha256))
+        return;
+    const QString spare = path_ + QStringLiteral("/.spare-") + sha256;
+    const QByteArray spareName = QFile::encodeName(spare);
+    if (::rename(QFile::encodeName(pathOf(sha256)).constData(), spareName.constData()) != 0)
+        return;
+    if (::truncate(spareName.constData(), 0) == 0)
+        spares_.push_back(spare);
+    else
+        ::unlink(spareName.constData());
 }
 
 void ChunkCache::trimTo(qint64 capBytes) const {
