@@ -44,14 +44,18 @@ QByteArray readAt(QFile& file, qint64 offset, qint64 size) {
     return bytes;
 }
 
-// The chunks of `earlier` within kReach of bytes `from` to `to` of the earlier file.
+// The chunks of `earlier` within kReach of bytes `from` to `to` of the earlier file; none when
+// they come to more than a launcher holds as a base (chunks cut that large have no delta).
 std::vector<ChunkRef> baseFor(const std::vector<Placed>& earlier, qint64 from, qint64 to) {
     std::vector<ChunkRef> base;
+    qint64 bytes = 0;
     for (const Placed& one : earlier) {
-        if (one.offset + one.chunk.size > from - kReach && one.offset < to + kReach)
+        if (one.offset + one.chunk.size > from - kReach && one.offset < to + kReach) {
             base.push_back(one.chunk);
+            bytes += one.chunk.size;
+        }
     }
-    return base;
+    return bytes <= ChunkIndex::kLargestChunk ? base : std::vector<ChunkRef>();
 }
 
 // Where the bytes of a file's new chunks lay in its earlier version: chunks both versions hold
