@@ -52,14 +52,16 @@ QString difference(const ChunkIndexEntry& indexed, const ChunkIndexEntry& found,
     return {};
 }
 
+// The chunk's bytes as the store at `store` keeps them, checked against its name and size.
 QByteArray readFromStore(const QString& store, const ChunkRef& chunk) {
-    QFile file(store + QLatin1Char('/') + ChunkStore::relativePath(chunk.sha256));
+    const QString path = store + QLatin1Char('/') + ChunkStore::relativePath(chunk.sha256);
+    QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
-        throw CheckFailed("chunks", QStringLiteral("a delta is made against chunk %1, which the store lacks").arg(chunk.sha256));
+        throw CheckFailed("chunks", path + QStringLiteral(" cannot be read: ") + file.errorString());
     try {
         return ChunkStore::decode(file.readAll(), chunk.size, chunk.sha256);
     } catch (const ChunkStoreError& error) {
-        throw CheckFailed("chunks", file.fileName() + QStringLiteral(": ") + QString::fromUtf8(error.what()));
+        throw CheckFailed("chunks", path + QStringLiteral(": ") + QString::fromUtf8(error.what()));
     }
 }
 
@@ -204,15 +206,7 @@ qint64 checkStore(const ChunkIndex& index, const QString& store) {
         for (const ChunkRef& chunk : entry.chunks) {
             if (checked.contains(chunk.sha256))
                 continue;
-            const QString path = store + QLatin1Char('/') + ChunkStore::relativePath(chunk.sha256);
-            QFile file(path);
-            if (!file.open(QIODevice::ReadOnly))
-                throw CheckFailed("chunks", path + QStringLiteral(" cannot be read: ") + file.errorString());
-            try {
-                ChunkStore::decode(file.readAll(), chunk.size, chunk.sha256);
-            } catch (const ChunkStoreError& error) {
-                throw CheckFailed("chunks", path + QStringLiteral(": ") + QString::fromUtf8(error.what()));
-            }
+            readFromStore(store, chunk);
             checked.insert(chunk.sha256);
         }
     }
