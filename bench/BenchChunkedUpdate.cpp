@@ -20,8 +20,9 @@
 //   FA a first install of 0.3.1 on an empty storage from its archive through one 50 MiB/s link
 //   FC the same from its pack, through the same link: a DelayProxy whose rate all connections
 //      share, as on a real link (nginx's limit_rate is per request); beside time and bytes, the
-//      most the storage took on the disk during each (sampled every few milliseconds) against the
-//      build's own size. Both next door and a round trip of 100 ms away
+//      most the storage took on the disk during each (its file system's use, sampled every few
+//      milliseconds) against the build's own size, and how long the link stood idle while the
+//      launcher was connected. Both next door and a round trip of 100 ms away
 //   R  one file of 0.3.1 damaged over 8 MiB and put right by the launcher's --repair, from the pack
 //   L  FC, B and BS again through a relay without a rate that adds no delay, then 50 ms each way
 //      (a round trip of 100 ms): the round trips each waited for, (time at 100 ms - time at 0) / 0.1 s
@@ -191,20 +192,30 @@ int main(int argc, char** argv) {
     // First installs of 0.3.1 on an empty storage, both through one link of 50 MiB/s that all
     // their connections share, next door and then a round trip of 100 ms away.
     const quint16 nginxPort = quint16(server.url(QStringLiteral("/")).port());
+    // How often, and how long together, the link stood idle during a run while it was connected.
+    struct LinkIdle {
+        int pauses = 0;
+        double seconds = 0;
+    };
     struct FirstInstalls {
         int oneWayMs;
         Run archive, chunks;
+        LinkIdle archiveIdle = {}, chunksIdle = {};
     };
     QList<FirstInstalls> firsts{{0, {}, {}}, {50, {}, {}}};
     for (FirstInstalls& first : firsts) {
         DelayProxy link(nginxPort, std::chrono::milliseconds(first.oneWayMs), std::uint64_t(50 * kMiB));
-        const QString suffix = QStringLiteral("-%1ms.json").arg(first.oneWayMs);
-        first.archive = runOnce(serveRelease(server, second, QStringLiteral("0.3.1-first-archive") + suffix,
-                                              Offer::archive, link.port()),
-                                false, false, true, true);
-        first.chunks = runOnce(serveRelease(server, second, QStringLiteral("0.3.1-first-chunks") + suffix, Offer::pack,
-                                             link.port()),
-                               false, false, true, true);
+        const auto through = [&](const QString& name, Offer offer, LinkIdle& idle) {
+            const int pauses = link.pauses();
+            const auto paused = link.paused();
+            const Run run = runOnce(serveRelease(server, second, name + QStringLiteral("-%1ms.json").arg(first.oneWayMs),
+                                                 offer, link.port()),
+                                    false, false, true, true);
+            idle = {link.pauses() - pauses, std::chrono::duration<double>(link.paused() - paused).count()};
+            return run;
+        };
+        first.archive = through(QStringLiteral("0.3.1-first-archive"), Offer::archive, first.archiveIdle);
+        first.chunks = through(QStringLiteral("0.3.1-first-chunks"), Offer::pack, first.chunksIdle);
     }
     const Run& firstArchive = firsts[0].archive;
     const Run& firstChunks = firsts[0].chunks;
@@ -298,10 +309,15 @@ int main(int argc, char** argv) {
                 "requests", "peak disk", "/build");
     const qint64 buildSize = diskUse(expected);
     bool firstAsked = false;
-    for (const auto& [name, run] : {std::pair<const char*, const Run*>{"FA0 archive", &firstArchive},
-                                    std::pair<const char*, const Run*>{"FC0 pack", &firstChunks},
-                                    std::pair<const char*, const Run*>{"FA100 archive", &firsts[1].archive},
-                                    std::pair<const char*, const Run*>{"FC100 pack", &firsts[1].chunks}}) {
+    struct Row {
+        const char* name;
+        const Run* run;
+        const LinkIdle* idle;
+    };
+    for (const auto& [name, run, idle] : {Row{"FA0 archive", &firstArchive, &firsts[0].archiveIdle},
+                                          Row{"FC0 pack", &firstChunks, &firsts[0].chunksIdle},
+                                          Row{"FA100 archive", &firsts[1].archive, &firsts[1].archiveIdle},
+                                          Row{"FC100 pack", &firsts[1].chunks, &firsts[1].chunksIdle}}) {
         const Traffic& t = run->traffic;
         const qint64 bytes = t.archive.bytes + t.index.bytes + t.chunks.bytes;
         std::printf("%-14s %10.2f s %8.3f %14lld %8.3f %9d %12lld B %10.3f\n", name, run->press.seconds,
@@ -313,8 +329,10 @@ int main(int argc, char** argv) {
         QString steps;
         for (const auto& [sign, at] : run->press.signs)
             steps += QStringLiteral("%1 %2 s, ").arg(sign).arg(at, 0, 'f', 2);
-        std::printf("    steps: %sgame running %.2f s; at the peak the chunk cache held %lld B\n", qPrintable(steps),
-                    run->press.seconds, run->press.peakChunks);
+        std::printf("    steps: %sgame running %.2f s; at the peak the chunk cache held %lld B; the link stood idle "
+                    "%d times over %lld ms while connected, %.2f s together\n",
+                    qPrintable(steps), run->press.seconds, run->press.peakChunks, idle->pauses,
+                    qlonglong(DelayProxy::kPause.count()), idle->seconds);
     }
     const qint64 fcBytes = firstChunks.traffic.index.bytes + firstChunks.traffic.chunks.bytes;
     const double fcRatio = firstChunks.press.seconds / archiveAlone;

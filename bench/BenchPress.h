@@ -21,8 +21,10 @@ qint64 diskUse(const QString& folder);
 
 struct Press {
     double seconds = -1; // from the launcher's start to the game's record
-    qint64 peakDisk = 0; // the most the data folder took on the disk at once, less what it took before
-    qint64 peakChunks = 0; // of that, what chunks/ (the chunk cache) took at that moment
+    // The most the file system of the data folder had in use at once, less what it had before: only
+    // the launcher writes there during a press.
+    qint64 peakDisk = 0;
+    qint64 peakChunks = 0; // of that, about what chunks/ (the chunk cache) took at that moment
     QString cwd;         // where the game ran
     QList<QPair<QString, double>> signs; // when each sign of progress first showed
     std::optional<int> exit;

@@ -49,6 +49,7 @@ struct Bucket {
     double tokens = 0;
     Clock::time_point filled;
     bool waited = false; // bytes were due and had to wait, this round
+    std::uint64_t passed = 0;
 
     bool limited() const { return rate > 0; }
     void refill(Clock::time_point now) {
@@ -134,6 +135,7 @@ bool give(Flow& flow, Bucket& link, Clock::time_point now) {
         }
         if (link.limited())
             link.tokens -= double(sent);
+        link.passed += std::uint64_t(sent);
         flow.sentOfFront += std::size_t(sent);
         if (flow.sentOfFront == front.bytes.size()) {
             flow.heldBytes -= front.bytes.size();
@@ -196,6 +198,9 @@ void DelayProxy::run() {
     std::list<Relay> relays;
     Bucket up{double(rate_), double(burst_), double(burst_), Clock::now()};
     Bucket down = up;
+    std::uint64_t passedDown = 0;
+    Clock::time_point lastDown{};
+    bool passing = false; // bytes passed down since connections opened
     for (;;) {
         // Sleep until a side has something, can take more, or the next held bytes are due.
         std::vector<pollfd> fds{{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
@@ -260,6 +265,19 @@ void DelayProxy::run() {
             return over;
         });
         throttled_ += std::uint64_t(up.waited) + std::uint64_t(down.waited);
+        // A pause counts from the last bytes to the next while a connection stays open: a time
+        // without any is the client's own.
+        if (relays.empty()) {
+            passing = false;
+        } else if (down.passed != passedDown) {
+            if (passing && now - lastDown > kPause) {
+                ++pauses_;
+                pausedNanoseconds_ += std::chrono::nanoseconds(now - lastDown).count();
+            }
+            lastDown = now;
+            passing = true;
+        }
+        passedDown = down.passed;
         // The first connection takes the tokens first: take turns, so they share the link.
         if (relays.size() > 1)
             relays.splice(relays.end(), relays, relays.begin());

@@ -32,6 +32,11 @@ public:
     std::uint64_t burstBytes() const { return burst_; }
     // How often bytes that were due waited for the link's rate.
     std::uint64_t throttled() const { return throttled_.load(); }
+    // Pauses longer than kPause between bytes passing to clients while a connection was open, and
+    // how long they lasted together: what a client that keeps its line busy never leaves.
+    static constexpr std::chrono::milliseconds kPause{3};
+    int pauses() const { return pauses_.load(); }
+    std::chrono::nanoseconds paused() const { return std::chrono::nanoseconds(pausedNanoseconds_.load()); }
 
 private:
     void run();
@@ -45,5 +50,7 @@ private:
     quint16 port_ = 0;
     std::atomic<int> connections_{0};
     std::atomic<std::uint64_t> throttled_{0};
+    std::atomic<int> pauses_{0};
+    std::atomic<std::int64_t> pausedNanoseconds_{0};
     std::thread thread_;
 };

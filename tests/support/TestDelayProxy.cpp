@@ -346,6 +346,33 @@ private slots:
         QCOMPARE(proxy.throttled(), std::uint64_t(0));
     }
 
+    // A client that waits while connected leaves the link idle, and the relay says for how long.
+    void countsTheTimeNothingPassesWhileConnected() {
+        LineEcho server;
+        DelayProxy proxy(server.port(), 0ms, 4 * 1024 * 1024);
+        Socket client = connected(proxy.port());
+        QVERIFY(exchangeMs(client.fd) >= 0);
+        std::this_thread::sleep_for(200ms);
+        QVERIFY(exchangeMs(client.fd) >= 0);
+        QCOMPARE(proxy.pauses(), 1);
+        QVERIFY2(proxy.paused() >= 190ms, qPrintable(QString::number(proxy.paused().count())));
+    }
+
+    // Its twin: the time between one connection's end and the next one's start is no pause.
+    void countsNoPauseBetweenConnections() {
+        const QByteArray answer = randomBytes(64 * 1024);
+        Fountain server(2, answer);
+        DelayProxy proxy(server.port(), 0ms, 4 * 1024 * 1024);
+        for (int i = 0; i < 2; ++i) {
+            Socket client = connected(proxy.port());
+            ::shutdown(client.fd, SHUT_WR);
+            QVERIFY(readToEnd(client.fd) == answer);
+            client = Socket();
+            std::this_thread::sleep_for(200ms);
+        }
+        QVERIFY2(proxy.paused() < 100ms, qPrintable(QString::number(proxy.paused().count())));
+    }
+
     void closesTheClientWhenTheTargetIsNotListening() {
         quint16 port = 0;
         { Socket gone = listening(port); }
