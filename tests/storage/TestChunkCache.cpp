@@ -7,7 +7,11 @@
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
+#include <QRegularExpression>
 #include <QTest>
+
+#include <atomic>
+#include <thread>
 
 #include <sys/stat.h>
 
@@ -65,6 +69,39 @@ private slots:
         // The twin: with nothing released, a chunk gets a file of its own.
         cache.keep(nameOf('c'), "z");
         QVERIFY(inodeOf(cache.pathOf(nameOf('c'))) != first);
+    }
+
+    // A build lets chunks go on its writing thread while the network's keeps more on the main
+    // one: every chunk kept is there whole until released, and every released file is written
+    // over or left as a spare, never lost or taken twice.
+    void chunksReleasedOnAnotherThreadWhileOthersAreKept() {
+        QTemporaryDir root;
+        const ChunkCache cache(root.path());
+        const auto nameAt = [](int i) { return QStringLiteral("%1").arg(i, 64, 16, QLatin1Char('0')); };
+        const int count = 600;
+        std::atomic<int> kept{0}; // as a build does, a chunk is let go only after it was kept
+        for (; kept < 50; ++kept)
+            cache.keep(nameAt(kept), QByteArray::number(kept.load()));
+        std::thread releasing([&] {
+            for (int i = 0; i < count - 50; ++i) {
+                while (kept.load() <= i)
+                    std::this_thread::yield();
+                cache.release(nameAt(i));
+            }
+        });
+        for (; kept < count; ++kept)
+            cache.keep(nameAt(kept), QByteArray::number(kept.load()));
+        releasing.join();
+        for (int i = 0; i < count; ++i) {
+            if (i < count - 50)
+                QVERIFY(!QFileInfo::exists(cache.pathOf(nameAt(i))));
+            else
+                QCOMPARE(TestFiles::readFile(cache.pathOf(nameAt(i))), QByteArray::number(i));
+        }
+        // Live chunks and spares together: never more files than were ever live at once.
+        const QStringList left = QDir(cache.path()).entryList(QDir::Files | QDir::Hidden);
+        QVERIFY2(left.size() <= count, qPrintable(QString::number(left.size())));
+        QCOMPARE(left.filter(QRegularExpression(QStringLiteral("^[0-9a-f]{64}$"))).size(), 50);
     }
 
     // A released file nobody took (a build that ended, a kill) is no chunk: the next trim removes it.

@@ -91,13 +91,28 @@ struct Stream {
             build.observer->progressed(done, total);
     }
 
+    // The chunks of the cache that no file but those of `batch` still needs.
+    std::vector<QString> neededOnlyBy(const std::vector<std::size_t>& batch) const {
+        QHash<QString, int> uses;
+        for (const std::size_t file : batch) {
+            for (const QString& sha256 : chunksOf[file])
+                ++uses[sha256];
+        }
+        std::vector<QString> last;
+        for (auto it = uses.cbegin(); it != uses.cend(); ++it) {
+            const ChunkState& state = chunks.value(it.key());
+            if (state.viaCache && state.usersLeft == it.value())
+                last.push_back(it.key());
+        }
+        return last;
+    }
+
+    // After `file` is written: its chunks' last users are gone, and the cache let them go.
     void written(std::size_t file) {
         for (const QString& sha256 : chunksOf[file]) {
             ChunkState& state = chunks[sha256];
-            if (--state.usersLeft == 0 && state.viaCache) {
-                cache.release(sha256);
+            if (--state.usersLeft == 0 && state.viaCache)
                 held -= state.size;
-            }
         }
     }
 };
@@ -195,7 +210,15 @@ QCoro::Task<void> writeWhatCanBeWritten(Stream& stream, const BuildWriter& write
         for (const QString& sha256 : stream.chunksOf[file])
             locations.insert(sha256, stream.build.plan.found.value(sha256));
     }
-    co_await onWorkerThread([&] { writer.writeFiles(files, locations); });
+    // Letting hundreds of chunks go empties as many files, which takes tens of milliseconds and
+    // more where freed blocks are discarded at once: done on the main thread, it kept the network
+    // from being read while every request's answer waited, and left the line idle.
+    const std::vector<QString> released = stream.neededOnlyBy(batch);
+    co_await onWorkerThread([&] {
+        writer.writeFiles(files, locations);
+        for (const QString& sha256 : released)
+            stream.cache.release(sha256);
+    });
     for (const std::size_t file : batch)
         stream.written(file);
     stream.writtenFiles += batch.size();

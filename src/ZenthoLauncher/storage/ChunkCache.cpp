@@ -54,9 +54,15 @@ void ChunkCache::keep(const QString& sha256, const QByteArray& bytes) const {
     const QString hidden = path_ + QStringLiteral("/.") + sha256 + QStringLiteral(".part");
     const QByteArray hiddenName = QFile::encodeName(hidden);
     int fd = -1;
-    while (fd < 0 && !spares_.empty()) {
-        const QByteArray spare = QFile::encodeName(spares_.back());
-        spares_.pop_back();
+    while (fd < 0) {
+        QByteArray spare;
+        {
+            const std::lock_guard lock(sparesMutex_);
+            if (spares_.empty())
+                break;
+            spare = QFile::encodeName(spares_.back());
+            spares_.pop_back();
+        }
         if (::rename(spare.constData(), hiddenName.constData()) == 0)
             fd = ::open(hiddenName.constData(), O_WRONLY | O_TRUNC | O_CLOEXEC | O_NOFOLLOW);
     }
@@ -86,10 +92,12 @@ void ChunkCache::release(const QString& sha256) const {
     const QByteArray spareName = QFile::encodeName(spare);
     if (::rename(QFile::encodeName(pathOf(sha256)).constData(), spareName.constData()) != 0)
         return;
-    if (::truncate(spareName.constData(), 0) == 0)
+    if (::truncate(spareName.constData(), 0) == 0) {
+        const std::lock_guard lock(sparesMutex_);
         spares_.push_back(spare);
-    else
+    } else {
         ::unlink(spareName.constData());
+    }
 }
 
 void ChunkCache::trimTo(qint64 capBytes) const {

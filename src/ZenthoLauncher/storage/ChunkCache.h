@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QString>
 
+#include <mutex>
 #include <vector>
 
 // The "chunks" folder under the storage root: chunks of a build being put together, kept as they
@@ -30,6 +31,7 @@ public:
     // chunks through the cache, and creating a file costs far more than writing one over (on
     // ext4 without a journal, looking for a free inode among the ones just freed took most of
     // the install's time). A hidden name is never a chunk: the next trim removes what is left.
+    // Safe on another thread than keep().
     void release(const QString& sha256) const;
     // Removes half-written chunks and names the cache does not make, then the oldest chunks
     // until the rest take at most `capBytes`.
@@ -39,5 +41,7 @@ public:
 
 private:
     QString path_;
-    mutable std::vector<QString> spares_; // released files, empty, for keep() to write over
+    // Released files, empty, for keep() to write over.
+    mutable std::mutex sparesMutex_;
+    mutable std::vector<QString> spares_;
 };
