@@ -132,17 +132,17 @@ QCoro::Task<void> fetchChunks(HttpClient& client, ChunkSource& source, std::vect
             }
         }
     };
-    bool oneAtATime = false;
+    std::vector<ByteRanges::Range> oneAtATime;
     try {
         co_await ByteRanges::fetch(client, source.pack, ranges, take);
     } catch (const ByteRanges::RangesIgnored&) {
-        if (ByteRanges::joined(ranges).size() < 2)
+        oneAtATime = ByteRanges::joined(ranges);
+        if (oneAtATime.size() < 2)
             throw;
-        oneAtATime = true;
     }
-    if (oneAtATime) {
+    if (!oneAtATime.empty()) {
         source.mostRanges = 1;
-        for (const ByteRanges::Range& range : ByteRanges::joined(ranges)) {
+        for (const ByteRanges::Range& range : oneAtATime) {
             // Named: g++ 12 mishandles a braced temporary in a co_await.
             const std::vector<ByteRanges::Range> one{range};
             co_await ByteRanges::fetch(client, source.pack, one, take);
