@@ -10,7 +10,11 @@
 #include "storage/BuildIndexes.h"
 #include "storage/InstalledBuild.h"
 
+#include <QFile>
+
 #include <algorithm>
+
+#include <sys/stat.h>
 
 
 QCoro::Task<FetchedChunkIndex> fetchChunkIndex(HttpClient& client, ReleaseChunks chunks) {
@@ -81,10 +85,30 @@ bool chunksPayFor(const ChunkIndex& index, const ChunkPlan& plan, const ChunkCac
            requestsArePaying(plan.missingBytes, buildBytes(index), packed);
 }
 
+namespace {
+
+// The bytes of the files of `index` that `folder` holds at their size (regular files, not links).
+qint64 bytesAlreadyIn(const QString& folder, const ChunkIndex& index) {
+    if (folder.isEmpty())
+        return 0;
+    qint64 total = 0;
+    for (const ChunkIndexEntry& entry : index.entries) {
+        struct stat info {};
+        if (entry.kind == ChunkIndexEntry::Kind::file &&
+            ::lstat(QFile::encodeName(folder + QLatin1Char('/') + entry.path).constData(), &info) == 0 &&
+            S_ISREG(info.st_mode) && info.st_size == entry.size)
+            total += entry.size;
+    }
+    return total;
+}
+
+} // namespace
+
 void requireRoomForChunks(const QString& root, const ChunkIndex& index, const ChunkPlan& plan,
-                          const TransferLimits& limits) {
+                          const TransferLimits& limits, const QString& partial) {
     const qint64 cached = std::min(limits.chunkCacheBytes, plan.keptBytes + plan.missingBytes);
-    FreeSpace::require({{root, buildBytes(index) + cached}}, limits.freeSpaceReserve);
+    FreeSpace::require({{root, buildBytes(index) - bytesAlreadyIn(partial, index) + cached}},
+                       limits.freeSpaceReserve);
 }
 
 qint64 buildBytes(const ChunkIndex& index) {

@@ -56,9 +56,10 @@ bool chunksPayFor(const ChunkIndex& index, const ChunkPlan& plan, const ChunkCac
 
 // Refuses with DiskSpaceError a build from chunks that the disk of `root` cannot hold: the build
 // and what passes through the cache at most, with the limits' reserve kept; never an archive
-// beside them.
+// beside them. Files already of their size in `partial`, a build of the same release cut short
+// and taken up again, are on the disk already and need no more room.
 void requireRoomForChunks(const QString& root, const ChunkIndex& index, const ChunkPlan& plan,
-                          const TransferLimits& limits);
+                          const TransferLimits& limits, const QString& partial = QString());
 
 // The bytes of every file of the release: what its build takes on the disk.
 qint64 buildBytes(const ChunkIndex& index);

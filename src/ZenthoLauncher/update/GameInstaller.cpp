@@ -105,9 +105,9 @@ QCoro::Task<bool> GameInstaller::placeFromChunks(const FetchedChunkIndex& releas
             keptIndexes.write(folder, made.encode());
         if (!chunksPayFor(index, plan, cache, source.packed(), cacheCap))
             co_return false;
-        requireRoomForChunks(context_.launcherRoot, index, plan, client.limits());
         const PartialBuilds partials(context_.files, context_.launcherRoot);
         const QString folder = partials.folderFor(sha256Hex(release.bytes));
+        requireRoomForChunks(context_.launcherRoot, index, plan, client.limits(), folder);
         partials.removeAllBut(folder);
         const bool resuming = partials.takeUp(folder);
         StagingFolder staging(context_.files, folder);
