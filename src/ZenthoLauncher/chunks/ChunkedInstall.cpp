@@ -16,7 +16,6 @@
 
 #include <sys/stat.h>
 
-
 QCoro::Task<FetchedChunkIndex> fetchChunkIndex(HttpClient& client, ReleaseChunks chunks) {
     // The compressed form when the release has one: the same index in about half the bytes.
     const bool compressed = chunks.compressedIndex.isValid();
