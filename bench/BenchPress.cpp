@@ -48,8 +48,8 @@ qint64 diskUse(const QString& folder) {
 
 // Bytes in use on the file system that holds `folder`, counting what written data will take
 // before its blocks are allocated (ext4 does): one system call, where walking a growing build of
-// thousands of files every few milliseconds took a third of a core from the launcher being
-// timed, and a walk that crossed the build's move into place counted it twice.
+// thousands of files every few milliseconds competed for the CPU with the launcher being timed,
+// and a walk that crossed the build's move into place counted the build twice.
 qint64 fileSystemUse(const QString& folder) {
     struct statvfs info {};
     if (::statvfs(QFile::encodeName(folder).constData(), &info) != 0)
