@@ -7,14 +7,14 @@
 #include "net/FreeSpace.h"
 #include "net/HttpClient.h"
 #include "net/TransferLimits.h"
+#include "storage/BuildCheck.h"
 #include "storage/BuildIndexes.h"
 #include "storage/InstalledBuild.h"
 
-#include <QFile>
+#include <QFileInfo>
+#include <QSet>
 
 #include <algorithm>
-
-#include <sys/stat.h>
 
 QCoro::Task<FetchedChunkIndex> fetchChunkIndex(HttpClient& client, ReleaseChunks chunks) {
     // The compressed form when the release has one: the same index in about half the bytes.
@@ -86,16 +86,17 @@ bool chunksPayFor(const ChunkIndex& index, const ChunkPlan& plan, const ChunkCac
 
 namespace {
 
-// The bytes of the files of `index` that `folder` holds at their size (regular files, not links).
+// The bytes of the files of `index` that `folder` holds at their size, as the look before a start
+// sees them.
 qint64 bytesAlreadyIn(const QString& folder, const ChunkIndex& index) {
-    if (folder.isEmpty())
+    if (folder.isEmpty() || !QFileInfo(folder).isDir())
         return 0;
+    QSet<QString> damaged;
+    for (const BuildDamage& damage : checkBuild(folder, index, BuildCheckDepth::quick))
+        damaged.insert(damage.path);
     qint64 total = 0;
     for (const ChunkIndexEntry& entry : index.entries) {
-        struct stat info {};
-        if (entry.kind == ChunkIndexEntry::Kind::file &&
-            ::lstat(QFile::encodeName(folder + QLatin1Char('/') + entry.path).constData(), &info) == 0 &&
-            S_ISREG(info.st_mode) && info.st_size == entry.size)
+        if (entry.kind == ChunkIndexEntry::Kind::file && !damaged.contains(entry.path))
             total += entry.size;
     }
     return total;

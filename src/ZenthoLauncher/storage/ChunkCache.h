@@ -12,8 +12,9 @@
 // hidden name and renamed, so a name always holds a whole chunk. The folder is emptied once a
 // build is installed and kept below a size cap in between, oldest chunks going first.
 //
-// Only for a caller that holds the StorageLock, and one thread an object. Nothing here checks a chunk's bytes against its
-// name: they were checked before they were kept, and whatever reads them back checks them again.
+// Only for a caller that holds the StorageLock, and one thread an object but for release().
+// Nothing here checks a chunk's bytes against its name: they were checked before they were kept,
+// and whatever reads them back checks them again.
 class ChunkCache {
 public:
     explicit ChunkCache(QString launcherRoot);
