@@ -43,6 +43,24 @@ struct Flow {
 
 // One direction's share of the link: bytes may leave while tokens last; they come back at the
 // rate, up to the burst.
+// Times nothing passed to the clients while a connection stayed open. Each is counted before the
+// bytes that end it leave, so a client that has those bytes also finds the pause counted.
+struct Pauses {
+    std::atomic<int>& count;
+    std::atomic<std::int64_t>& nanoseconds;
+    bool passing = false; // bytes passed since connections opened
+    Clock::time_point last{};
+
+    void passingAt(Clock::time_point now) {
+        if (passing && now - last > DelayProxy::kPause) {
+            ++count;
+            nanoseconds += std::chrono::nanoseconds(now - last).count();
+        }
+        last = now;
+        passing = true;
+    }
+};
+
 struct Bucket {
     double rate = 0; // bytes a second; 0 is no limit
     double burst = 0;
@@ -50,6 +68,7 @@ struct Bucket {
     Clock::time_point filled;
     bool waited = false; // bytes were due and had to wait, this round
     std::uint64_t passed = 0;
+    Pauses* pauses = nullptr; // counted on this direction only
 
     bool limited() const { return rate > 0; }
     void refill(Clock::time_point now) {
@@ -128,6 +147,8 @@ bool give(Flow& flow, Bucket& link, Clock::time_point now) {
                 return true;
             }
         }
+        if (link.pauses)
+            link.pauses->passingAt(now);
         const ssize_t sent = ::send(flow.to, front.bytes.data() + flow.sentOfFront, size, MSG_NOSIGNAL);
         if (sent < 0) {
             flow.blocked = errno == EAGAIN || errno == EWOULDBLOCK;
@@ -198,9 +219,8 @@ void DelayProxy::run() {
     std::list<Relay> relays;
     Bucket up{double(rate_), double(burst_), double(burst_), Clock::now()};
     Bucket down = up;
-    std::uint64_t passedDown = 0;
-    Clock::time_point lastDown{};
-    bool passing = false; // bytes passed down since connections opened
+    Pauses pauses{pauses_, pausedNanoseconds_};
+    down.pauses = &pauses;
     for (;;) {
         // Sleep until a side has something, can take more, or the next held bytes are due.
         std::vector<pollfd> fds{{wake_[0], POLLIN, 0}, {listener_, POLLIN, 0}};
@@ -265,19 +285,9 @@ void DelayProxy::run() {
             return over;
         });
         throttled_ += std::uint64_t(up.waited) + std::uint64_t(down.waited);
-        // A pause counts from the last bytes to the next while a connection stays open: a time
-        // without any is the client's own.
-        if (relays.empty()) {
-            passing = false;
-        } else if (down.passed != passedDown) {
-            if (passing && now - lastDown > kPause) {
-                ++pauses_;
-                pausedNanoseconds_ += std::chrono::nanoseconds(now - lastDown).count();
-            }
-            lastDown = now;
-            passing = true;
-        }
-        passedDown = down.passed;
+        // A time without any connection is the client's own, not a pause of the line.
+        if (relays.empty())
+            pauses.passing = false;
         // The first connection takes the tokens first: take turns, so they share the link.
         if (relays.size() > 1)
             relays.splice(relays.end(), relays, relays.begin());
