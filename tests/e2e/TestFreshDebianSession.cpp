@@ -18,7 +18,6 @@
 #include <QFileInfo>
 #include <QImage>
 #include <QProcess>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <memory>
@@ -41,17 +40,6 @@ QImage reference() {
         .convertToFormat(QImage::Format_RGB32);
 }
 
-// What the X server shows of the window with X id `window`, read as the server holds it.
-QImage screenshot(const XvfbSession& screen, const QString& window, const QString& file) {
-    QProcess import;
-    import.start(QStringLiteral("/usr/bin/import"), {QStringLiteral("-display"), screen.display(),
-                                                     QStringLiteral("-window"), window,
-                                                     QStringLiteral("png:") + file});
-    if (!import.waitForFinished(30000) || import.exitCode() != 0)
-        return {};
-    return QImage(file).convertToFormat(QImage::Format_RGB32);
-}
-
 } // namespace
 
 class TestFreshDebianSession : public QObject {
@@ -59,7 +47,6 @@ class TestFreshDebianSession : public QObject {
 
     std::unique_ptr<TestServer> server_;
     std::optional<PublishedRelease> release_;
-    QTemporaryDir scratch_;
 
 private slots:
     void initTestCase() {
@@ -101,22 +88,21 @@ private slots:
         QCOMPARE(placed->size(), QSize(620, 510));
 
         // Drawn once it is mapped; the first frame may come a moment later on a loaded machine.
-        const QString file = scratch_.filePath(suite + QStringLiteral("-window.png"));
+        // The reference is drawn by the software renderer and that renderer is held to it pixel
+        // for pixel; OpenGL smooths the glyphs' edges its own way (about 5 % of the pixels here),
+        // so it is held to the rest: a window not drawn, or drawn otherwise, differs nearly whole.
         const QRect whole(QPoint(0, 0), reference().size());
+        const int allowed = renderer.isEmpty() ? whole.width() * whole.height() / 10 : 0;
         QImage shown;
         int differing = -1;
         const QDeadlineTimer deadline(30000);
         do {
-            shown = screenshot(screen, *window, file);
+            shown = screen.windowImage(*window);
             differing = shown.size() == whole.size() ? WindowPixels::differing(shown, reference(), whole) : -1;
-        } while (differing != 0 && !renderer.isEmpty() && !deadline.hasExpired() &&
-                 (QTest::qWait(200), true));
+        } while ((differing < 0 || differing > allowed) && !deadline.hasExpired() && (QTest::qWait(200), true));
         QVERIFY2(!shown.isNull(), "no screenshot of the window");
         WindowPixels::save(shown, QStringLiteral("fresh-%1-%2-window.png").arg(suite, renderer));
-        // The reference is drawn by the software renderer; OpenGL smooths the glyphs' edges its
-        // own way, so only that renderer is held to it pixel for pixel.
-        if (!renderer.isEmpty())
-            QCOMPARE(differing, 0);
+        QVERIFY2(differing >= 0 && differing <= allowed, qPrintable(QString::number(differing)));
 
         QVERIFY(screen.askToClose(*window));
         QVERIFY(launcher.waitForFinished(30000));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QImage>
 #include <QPoint>
 #include <QProcess>
 #include <QRect>
@@ -37,6 +38,10 @@ public:
     // ("WM_CLASS = \"a\", \"b\""); `format` is xprop's -f format for it, when given.
     QString windowProperty(const QString& window, const QString& property,
                            const QString& format = {}) const;
+    // What the X server holds of the window with X id `window` (or the root window, kRootWindow),
+    // read as the server has it; null when it cannot be read (no such window, not viewable, a
+    // visual other than 24-bit true colour).
+    QImage windowImage(const QString& window) const;
     // A left click at `point` in screen pixels. False when the display or XTEST is unavailable.
     bool click(QPoint point) const;
     // Asks the window with X id `window` to close, as a window manager does for its close

@@ -1,0 +1,94 @@
+// The private X server the window tests look through: what it reads of a window is what the
+// server holds, pixel for pixel and colour for colour, and a window that is not there reads as
+// nothing rather than ending the test.
+
+#include "TestRequirements.h"
+#include "XvfbSession.h"
+
+#include <QTest>
+
+#include <dlfcn.h>
+
+namespace {
+
+// A plain window of one colour, made and mapped by its own Xlib connection, which holds it open
+// until it goes.
+class PlainWindow {
+public:
+    PlainWindow(const QString& display, QRect rect, QRgb colour)
+        : x11_(::dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL)) {
+        const auto open = call<void* (*)(const char*)>("XOpenDisplay");
+        const auto root = call<unsigned long (*)(void*)>("XDefaultRootWindow");
+        const auto create = call<unsigned long (*)(void*, unsigned long, int, int, unsigned, unsigned, unsigned,
+                                                   unsigned long, unsigned long)>("XCreateSimpleWindow");
+        const auto map = call<int (*)(void*, unsigned long)>("XMapWindow");
+        if (!open || !root || !create || !map || !(display_ = open(display.toLocal8Bit().constData())))
+            return;
+        id_ = create(display_, root(display_), rect.x(), rect.y(), unsigned(rect.width()), unsigned(rect.height()),
+                     0, 0, colour & 0xffffff);
+        map(display_, id_);
+        sync();
+    }
+    ~PlainWindow() {
+        if (display_)
+            call<int (*)(void*)>("XCloseDisplay")(display_);
+        if (x11_)
+            ::dlclose(x11_);
+    }
+    PlainWindow(const PlainWindow&) = delete;
+    PlainWindow& operator=(const PlainWindow&) = delete;
+
+    QString id() const { return QStringLiteral("0x%1").arg(id_, 0, 16); }
+    void destroy() {
+        call<int (*)(void*, unsigned long)>("XDestroyWindow")(display_, id_);
+        sync();
+    }
+
+private:
+    template <typename Function> Function call(const char* name) const {
+        return x11_ ? reinterpret_cast<Function>(::dlsym(x11_, name)) : nullptr;
+    }
+    // Returns once the server has handled every request sent, the window drawn with them.
+    void sync() const { call<int (*)(void*, int)>("XSync")(display_, 0); }
+
+    void* x11_;
+    void* display_ = nullptr;
+    unsigned long id_ = 0;
+};
+
+} // namespace
+
+class TestXvfbSession : public QObject {
+    Q_OBJECT
+
+private slots:
+    void initTestCase() { ZENTHO_REQUIRE(xvfb); }
+
+    void aWindowIsReadAsTheServerDrawsIt() {
+        XvfbSession screen(QSize(320, 240));
+        QVERIFY(!screen.display().isEmpty());
+        const QRgb colour = qRgb(0x33, 0x66, 0x99);
+        const PlainWindow window(screen.display(), QRect(10, 20, 64, 32), colour);
+        const QImage shown = screen.windowImage(window.id());
+        QCOMPARE(shown.size(), QSize(64, 32));
+        for (int y = 0; y < shown.height(); ++y)
+            for (int x = 0; x < shown.width(); ++x)
+                QCOMPARE(shown.pixel(x, y), colour);
+        QCOMPARE(screen.windowImage(XvfbSession::kRootWindow).size(), QSize(320, 240));
+    }
+
+    // The twin: a window that went away, and an id that names none, read as nothing, and the
+    // test goes on.
+    void aWindowThatIsNotThereReadsAsNothing() {
+        XvfbSession screen(QSize(320, 240));
+        QVERIFY(!screen.display().isEmpty());
+        PlainWindow window(screen.display(), QRect(10, 20, 64, 32), qRgb(0x33, 0x66, 0x99));
+        window.destroy();
+        QVERIFY(screen.windowImage(window.id()).isNull());
+        QVERIFY(screen.windowImage(QStringLiteral("not a window")).isNull());
+        QVERIFY(!screen.windowImage(XvfbSession::kRootWindow).isNull());
+    }
+};
+
+QTEST_GUILESS_MAIN(TestXvfbSession)
+#include "TestXvfbSession.moc"
