@@ -169,47 +169,51 @@ using ErrorHandler = int (*)(void*, void*);
 
 } // namespace
 
-QImage XvfbSession::windowImage(const QString& window) const {
-    void* const x11 = ::dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL);
-    if (!x11)
+namespace {
+
+// The image as Qt holds it; null for a layout other than the 32-bit pixels of 24-bit true colour.
+QImage copied(const Image& image) {
+    if (image.bitsPerPixel != 32 || image.byteOrder != kLsbFirst || image.redMask != 0xff0000 ||
+        image.greenMask != 0xff00 || image.blueMask != 0xff)
         return {};
-    const auto setHandler = reinterpret_cast<ErrorHandler (*)(ErrorHandler)>(::dlsym(x11, "XSetErrorHandler"));
-    const ErrorHandler previous = setHandler ? setHandler(ignoreError) : nullptr;
-    QImage shown;
-    {
-        const XConnection x(display_);
-        const auto root = x.x11<unsigned long (*)(void*)>("XDefaultRootWindow");
-        const auto geometry = x.x11<int (*)(void*, unsigned long, unsigned long*, int*, int*, unsigned*, unsigned*,
-                                            unsigned*, unsigned*)>("XGetGeometry");
-        const auto getImage =
-            x.x11<Image* (*)(void*, unsigned long, int, int, unsigned, unsigned, unsigned long, int)>("XGetImage");
-        bool number = false;
-        const unsigned long id = window == kRootWindow && x.display() && root ? root(x.display())
-                                                                             : window.toULong(&number, 0);
-        unsigned long parent = 0;
-        int left = 0, top = 0;
-        unsigned width = 0, height = 0, border = 0, depth = 0;
-        Image* image = nullptr;
-        if (x.display() && geometry && getImage && id != 0 && setHandler &&
-            geometry(x.display(), id, &parent, &left, &top, &width, &height, &border, &depth) != 0)
-            image = getImage(x.display(), id, 0, 0, width, height, ~0UL, kZPixmap);
-        if (image) {
-            if (image->bitsPerPixel == 32 && image->byteOrder == kLsbFirst && image->redMask == 0xff0000 &&
-                image->greenMask == 0xff00 && image->blueMask == 0xff) {
-                shown = QImage(image->width, image->height, QImage::Format_RGB32);
-                for (int y = 0; y < image->height; ++y) {
-                    const auto* from = reinterpret_cast<const quint32*>(image->data + qsizetype(y) * image->bytesPerLine);
-                    auto* to = reinterpret_cast<quint32*>(shown.scanLine(y));
-                    for (int column = 0; column < image->width; ++column)
-                        to[column] = from[column] | 0xff000000u; // its top byte is padding, not alpha
-                }
-            }
-            image->functions.destroy(image);
-        }
+    QImage copy(image.width, image.height, QImage::Format_RGB32);
+    for (int y = 0; y < image.height; ++y) {
+        const auto* from = reinterpret_cast<const quint32*>(image.data + qsizetype(y) * image.bytesPerLine);
+        auto* to = reinterpret_cast<quint32*>(copy.scanLine(y));
+        for (int x = 0; x < image.width; ++x)
+            to[x] = from[x] | 0xff000000u; // the top byte is padding, not alpha
     }
-    if (setHandler)
-        setHandler(previous);
-    ::dlclose(x11);
+    return copy;
+}
+
+} // namespace
+
+QImage XvfbSession::windowImage(const QString& window) const {
+    const XConnection x(display_);
+    const auto setHandler = x.x11<ErrorHandler (*)(ErrorHandler)>("XSetErrorHandler");
+    const auto root = x.x11<unsigned long (*)(void*)>("XDefaultRootWindow");
+    const auto geometry = x.x11<int (*)(void*, unsigned long, unsigned long*, int*, int*, unsigned*, unsigned*,
+                                        unsigned*, unsigned*)>("XGetGeometry");
+    const auto getImage =
+        x.x11<Image* (*)(void*, unsigned long, int, int, unsigned, unsigned, unsigned long, int)>("XGetImage");
+    if (!x.display() || !setHandler || !root || !geometry || !getImage)
+        return {};
+    bool number = false;
+    const unsigned long id = window == kRootWindow ? root(x.display()) : window.toULong(&number, 0);
+    // An error comes back with the reply to the request that caused it, so the handler is only
+    // needed while these two requests wait for theirs.
+    const ErrorHandler previous = setHandler(ignoreError);
+    unsigned long parent = 0;
+    int left = 0, top = 0;
+    unsigned width = 0, height = 0, border = 0, depth = 0;
+    Image* image = nullptr;
+    if (id != 0 && geometry(x.display(), id, &parent, &left, &top, &width, &height, &border, &depth) != 0)
+        image = getImage(x.display(), id, 0, 0, width, height, ~0UL, kZPixmap);
+    setHandler(previous);
+    if (!image)
+        return {};
+    const QImage shown = copied(*image);
+    image->functions.destroy(image);
     return shown;
 }
 
