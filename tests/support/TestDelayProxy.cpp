@@ -7,9 +7,11 @@
 #include <QRandomGenerator>
 #include <QTest>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <limits>
+#include <memory>
 #include <utility>
 #include <vector>
 #include <stdexcept>
@@ -102,6 +104,13 @@ bool sendAll(int fd, const QByteArray& bytes) {
     return true;
 }
 
+// The next client of `listener`; an invalid socket once the listener is shut down, which is how a
+// test server that is going away stops waiting for a client that never came (a relay stopped
+// before it took its client's connection never opens one to the server).
+Socket acceptOne(const Socket& listener) {
+    return Socket(::accept4(listener.fd, nullptr, nullptr, SOCK_CLOEXEC));
+}
+
 QByteArray randomBytes(qsizetype size) {
     QByteArray bytes(size, '\0');
     QRandomGenerator(7).fillRange(reinterpret_cast<quint32*>(bytes.data()), size / 4);
@@ -114,7 +123,9 @@ class OneExchange {
 public:
     explicit OneExchange(QByteArray answer) : listener_(listening(port_)), answer_(std::move(answer)) {
         thread_ = std::thread([this] {
-            Socket client(::accept4(listener_.fd, nullptr, nullptr, SOCK_CLOEXEC));
+            const Socket client = acceptOne(listener_);
+            if (client.fd < 0)
+                return;
             received_ = readToEnd(client.fd);
             sendAll(client.fd, answer_);
             ::shutdown(client.fd, SHUT_WR);
@@ -122,8 +133,10 @@ public:
         });
     }
     ~OneExchange() {
-        if (thread_.joinable())
+        if (thread_.joinable()) {
+            ::shutdown(listener_.fd, SHUT_RDWR);
             thread_.join();
+        }
     }
     quint16 port() const { return port_; }
     // Waits for the client to close; what the server read.
@@ -145,12 +158,15 @@ class LineEcho {
 public:
     LineEcho() : listener_(listening(port_)) {
         thread_ = std::thread([this] {
-            Socket client(::accept4(listener_.fd, nullptr, nullptr, SOCK_CLOEXEC));
-            for (QByteArray line; !(line = readBytes(client.fd, 2)).isEmpty();)
+            const Socket client = acceptOne(listener_);
+            for (QByteArray line; client.fd >= 0 && !(line = readBytes(client.fd, 2)).isEmpty();)
                 sendAll(client.fd, line);
         });
     }
-    ~LineEcho() { thread_.join(); }
+    ~LineEcho() {
+        ::shutdown(listener_.fd, SHUT_RDWR);
+        thread_.join();
+    }
     quint16 port() const { return port_; }
 
 private:
@@ -165,7 +181,9 @@ public:
     Fountain(int count, QByteArray answer) : listener_(listening(port_)), answer_(std::move(answer)) {
         for (int i = 0; i < count; ++i) {
             threads_.emplace_back([this] {
-                Socket client(::accept4(listener_.fd, nullptr, nullptr, SOCK_CLOEXEC));
+                const Socket client = acceptOne(listener_);
+                if (client.fd < 0)
+                    return;
                 sendAll(client.fd, answer_);
                 ::shutdown(client.fd, SHUT_WR);
                 readToEnd(client.fd); // until the client closes
@@ -173,6 +191,7 @@ public:
         }
     }
     ~Fountain() {
+        ::shutdown(listener_.fd, SHUT_RDWR);
         for (std::thread& thread : threads_)
             thread.join();
     }
@@ -394,6 +413,19 @@ private slots:
         QVERIFY(readToEnd(client.fd).isEmpty());
         char byte;
         QCOMPARE(::recv(client.fd, &byte, 1, MSG_DONTWAIT), ssize_t(0));
+    }
+
+    // A relay stopped before it took a waiting client's connection never opens one to the test's
+    // server; the servers above then end with their test instead of waiting for that client.
+    void aServerNoClientReachedEndsWithItsTest() {
+        const auto ended = std::make_shared<std::atomic<bool>>(false);
+        std::thread([ended] {
+            { const LineEcho server; }
+            { const OneExchange server(QByteArrayLiteral("never sent")); }
+            { const Fountain server(2, QByteArrayLiteral("never sent")); }
+            *ended = true;
+        }).detach(); // left behind, not joined, if it never ends: the test fails, not hangs
+        QTRY_VERIFY_WITH_TIMEOUT(ended->load(), 10000);
     }
 };
 
