@@ -167,10 +167,6 @@ constexpr int kLsbFirst = 0;
 int ignoreError(void*, void*) { return 0; }
 using ErrorHandler = int (*)(void*, void*);
 
-} // namespace
-
-namespace {
-
 // The image as Qt holds it; null for a layout other than the 32-bit pixels of 24-bit true colour.
 QImage copied(const Image& image) {
     if (image.bitsPerPixel != 32 || image.byteOrder != kLsbFirst || image.redMask != 0xff0000 ||
