@@ -3,56 +3,41 @@
 // nothing rather than ending the test.
 
 #include "TestRequirements.h"
+#include "XConnection.h"
 #include "XvfbSession.h"
 
 #include <QTest>
 
-#include <dlfcn.h>
-
 namespace {
 
-// A plain window of one colour, made and mapped by its own Xlib connection, which holds it open
+// A plain window of one colour, made and mapped by its own X connection, which holds it open
 // until it goes.
 class PlainWindow {
 public:
-    PlainWindow(const QString& display, QRect rect, QRgb colour)
-        : x11_(::dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL)) {
-        const auto open = call<void* (*)(const char*)>("XOpenDisplay");
-        const auto root = call<unsigned long (*)(void*)>("XDefaultRootWindow");
-        const auto create = call<unsigned long (*)(void*, unsigned long, int, int, unsigned, unsigned, unsigned,
-                                                   unsigned long, unsigned long)>("XCreateSimpleWindow");
-        const auto map = call<int (*)(void*, unsigned long)>("XMapWindow");
-        if (!open || !root || !create || !map || !(display_ = open(display.toLocal8Bit().constData())))
+    PlainWindow(const QString& display, QRect rect, QRgb colour) : x_(display) {
+        const auto root = x_.x11<unsigned long (*)(void*)>("XDefaultRootWindow");
+        const auto create = x_.x11<unsigned long (*)(void*, unsigned long, int, int, unsigned, unsigned, unsigned,
+                                                     unsigned long, unsigned long)>("XCreateSimpleWindow");
+        const auto map = x_.x11<int (*)(void*, unsigned long)>("XMapWindow");
+        if (!x_.display() || !root || !create || !map)
             return;
-        id_ = create(display_, root(display_), rect.x(), rect.y(), unsigned(rect.width()), unsigned(rect.height()),
-                     0, 0, colour & 0xffffff);
-        map(display_, id_);
+        id_ = create(x_.display(), root(x_.display()), rect.x(), rect.y(), unsigned(rect.width()),
+                     unsigned(rect.height()), 0, 0, colour & 0xffffff);
+        map(x_.display(), id_);
         sync();
     }
-    ~PlainWindow() {
-        if (display_)
-            call<int (*)(void*)>("XCloseDisplay")(display_);
-        if (x11_)
-            ::dlclose(x11_);
-    }
-    PlainWindow(const PlainWindow&) = delete;
-    PlainWindow& operator=(const PlainWindow&) = delete;
 
     QString id() const { return QStringLiteral("0x%1").arg(id_, 0, 16); }
     void destroy() {
-        call<int (*)(void*, unsigned long)>("XDestroyWindow")(display_, id_);
+        x_.x11<int (*)(void*, unsigned long)>("XDestroyWindow")(x_.display(), id_);
         sync();
     }
 
 private:
-    template <typename Function> Function call(const char* name) const {
-        return x11_ ? reinterpret_cast<Function>(::dlsym(x11_, name)) : nullptr;
-    }
     // Returns once the server has handled every request sent, the window drawn with them.
-    void sync() const { call<int (*)(void*, int)>("XSync")(display_, 0); }
+    void sync() const { x_.x11<int (*)(void*, int)>("XSync")(x_.display(), 0); }
 
-    void* x11_;
-    void* display_ = nullptr;
+    XConnection x_;
     unsigned long id_ = 0;
 };
 

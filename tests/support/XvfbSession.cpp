@@ -1,10 +1,10 @@
 #include "XvfbSession.h"
 
+#include "XConnection.h"
+
 #include <QDeadlineTimer>
 #include <QRegularExpression>
 #include <QTest>
-
-#include <dlfcn.h>
 
 const QString XvfbSession::kRootWindow = QStringLiteral("root");
 
@@ -90,45 +90,6 @@ QString XvfbSession::windowProperty(const QString& window, const QString& proper
 
 namespace {
 
-// A connection to the X server through Xlib and XTEST, loaded by name: the machine has their
-// libraries but no headers. When it goes, it waits until the server has handled every request
-// sent on it (XSync), then closes.
-class XConnection {
-public:
-    explicit XConnection(const QString& display)
-        : x11_(::dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL)), xtst_(::dlopen("libXtst.so.6", RTLD_NOW | RTLD_LOCAL)) {
-        const auto open = x11<void* (*)(const char*)>("XOpenDisplay");
-        if (open && x11<int (*)(void*)>("XCloseDisplay") && x11<int (*)(void*, int)>("XSync"))
-            display_ = open(display.toLocal8Bit().constData());
-    }
-    ~XConnection() {
-        if (display_) {
-            x11<int (*)(void*, int)>("XSync")(display_, 0);
-            x11<int (*)(void*)>("XCloseDisplay")(display_);
-        }
-        if (xtst_)
-            ::dlclose(xtst_);
-        if (x11_)
-            ::dlclose(x11_);
-    }
-    XConnection(const XConnection&) = delete;
-    XConnection& operator=(const XConnection&) = delete;
-
-    // The display, or null when there is none to talk to.
-    void* display() const { return display_; }
-    template <typename Function> Function x11(const char* name) const {
-        return x11_ ? reinterpret_cast<Function>(::dlsym(x11_, name)) : nullptr;
-    }
-    template <typename Function> Function xtst(const char* name) const {
-        return xtst_ ? reinterpret_cast<Function>(::dlsym(xtst_, name)) : nullptr;
-    }
-
-private:
-    void* x11_;
-    void* xtst_;
-    void* display_ = nullptr;
-};
-
 // Xlib's XClientMessageEvent, as its header lays it out.
 struct ClientMessage {
     int type;
@@ -194,8 +155,7 @@ QImage XvfbSession::windowImage(const QString& window) const {
         x.x11<Image* (*)(void*, unsigned long, int, int, unsigned, unsigned, unsigned long, int)>("XGetImage");
     if (!x.display() || !setHandler || !root || !geometry || !getImage)
         return {};
-    bool number = false;
-    const unsigned long id = window == kRootWindow ? root(x.display()) : window.toULong(&number, 0);
+    const unsigned long id = window == kRootWindow ? root(x.display()) : window.toULong(nullptr, 0);
     // An error comes back with the reply to the request that caused it, so the handler is only
     // needed while these two requests wait for theirs.
     const ErrorHandler previous = setHandler(ignoreError);
